@@ -1,0 +1,35 @@
+# Target `ovani_bus`: libubox, libblobmsg_json and libubus, the installed ones or this project's own.
+# Either way `ubusd` and `ubus` end up in bin/, so that tests and run.sh start the ones that were built against.
+
+set(OVANI_BUS_FOUND OFF)
+if(NOT OVANI_BUS STREQUAL "bundled")
+    find_path(UBUS_INCLUDE_DIR libubus.h)
+    find_library(UBUS_LIBRARY ubus)
+    find_library(UBOX_LIBRARY ubox)
+    find_library(BLOBMSG_JSON_LIBRARY blobmsg_json)
+    find_program(UBUSD_PROGRAM ubusd PATHS /usr/sbin /sbin)
+    find_program(UBUS_PROGRAM ubus)
+    if(UBUS_INCLUDE_DIR AND UBUS_LIBRARY AND UBOX_LIBRARY AND BLOBMSG_JSON_LIBRARY)
+        set(OVANI_BUS_FOUND ON)
+    elseif(OVANI_BUS STREQUAL "system")
+        message(FATAL_ERROR "OVANI_BUS=system, but libubus, libubox or libblobmsg_json was not found; "
+                            "name their prefix with -DCMAKE_PREFIX_PATH=")
+    endif()
+endif()
+
+if(OVANI_BUS_FOUND)
+    message(STATUS "bus: ${UBUS_LIBRARY}")
+    add_library(ovani_bus INTERFACE)
+    target_include_directories(ovani_bus SYSTEM INTERFACE "${UBUS_INCLUDE_DIR}")
+    target_link_libraries(ovani_bus INTERFACE "${UBUS_LIBRARY}" "${BLOBMSG_JSON_LIBRARY}" "${UBOX_LIBRARY}")
+    foreach(program IN ITEMS UBUSD UBUS)
+        if(${program}_PROGRAM)
+            string(TOLOWER ${program} name)
+            file(MAKE_DIRECTORY "${CMAKE_RUNTIME_OUTPUT_DIRECTORY}")
+            file(CREATE_LINK "${${program}_PROGRAM}" "${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/${name}" SYMBOLIC)
+        endif()
+    endforeach()
+else()
+    message(STATUS "bus: bundled")
+    add_subdirectory(bus)           # defines ovani_bus
+endif()

@@ -1,0 +1,38 @@
+// Resources that close themselves.
+#pragma once
+
+#include <cstdio>
+#include <memory>
+#include <utility>
+
+#include <unistd.h>
+
+// Owns a file descriptor; -1 is none.
+class UniqueFd {
+public:
+    explicit UniqueFd(int fd = -1) : fd_(fd) {}
+    UniqueFd(UniqueFd &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    UniqueFd &operator=(UniqueFd &&other) noexcept
+    {
+        std::swap(fd_, other.fd_);
+        return *this;
+    }
+    ~UniqueFd()
+    {
+        if (fd_ >= 0) {
+            close(fd_);
+        }
+    }
+
+    int get() const { return fd_; }
+    explicit operator bool() const { return fd_ >= 0; }
+
+private:
+    int fd_;
+};
+
+// A command's output, as popen gives it; closing waits for the command.
+struct PipeCloser {
+    void operator()(FILE *pipe) const { pclose(pipe); }
+};
+using UniquePipe = std::unique_ptr<FILE, PipeCloser>;

@@ -1,0 +1,177 @@
+#include "ovani/ovani_shell.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include <netinet/in.h>
+#include <strings.h>
+
+#include "ovani/ovani_commdef.h"
+#include "ovani/ovani_fd.h"
+#include "ovani/ovani_log.h"
+#include "platform/zkcfgif.h"
+
+bool is_address_text(const char *text)
+{
+    std::string_view address{text_or_empty(text)};
+    return !address.empty() && address.size() < INET6_ADDRSTRLEN &&
+           std::ranges::all_of(address,
+                               [](unsigned char c) { return isxdigit(c) != 0 || c == ':' || c == '.'; });
+}
+
+namespace {
+
+// The first line of a command's output, cut at the buffer's size; false when there is none.
+template <size_t N>
+bool first_line(const char *command, char (&line)[N])
+{
+    UniquePipe pipe{popen(command, "r")};
+    return pipe != nullptr && fgets(line, N, pipe.get()) != nullptr;
+}
+
+constexpr size_t command_length = 256;
+constexpr size_t line_length = 128;
+
+} // namespace
+
+void get_cmd_res(const char *cmd, char *res_string, size_t size)
+{
+    UniquePipe pipe{popen(cmd, "r")};
+    if (pipe == nullptr || res_string == nullptr || size == 0) {
+        return;
+    }
+    int c = fgetc(pipe.get());
+    while (c != EOF && isspace(c) != 0) {
+        c = fgetc(pipe.get());
+    }
+    if (c == EOF) {
+        return;
+    }
+    size_t length = 0;
+    while (c != EOF && isspace(c) == 0 && length + 1 < size) {
+        res_string[length++] = static_cast<char>(c);
+        c = fgetc(pipe.get());
+    }
+    res_string[length] = '\0';
+}
+
+void get_cmd_res(const char *cmd, char *res_string)
+{
+    get_cmd_res(cmd, res_string, GET_CMD_RES_LEN);
+}
+
+int ovani_get_mac_by_ipv6(const char *v6_addr, char *mac, size_t size)
+{
+    if (mac == nullptr || size == 0 || !is_address_text(v6_addr)) {
+        return -1;
+    }
+    char command[command_length];
+    char line[line_length];
+    snprintf(command, sizeof command, "ip -6 neigh|grep -i %s|grep lladdr", v6_addr);
+    if (!first_line(command, line)) {
+        return -1;
+    }
+    // "<address> dev <device> lladdr <link-layer address> ..."
+    char device[line_length];
+    char lladdr[NEIGHBOUR_MAC_LEN];
+    if (sscanf(line, "%*s%*s%127s%*s%31s", device, lladdr) != 2 || strcmp(device, OVANI_BR_NAME) != 0) {
+        return -1;
+    }
+    snprintf(mac, size, "%s", lladdr);
+    return 0;
+}
+
+int ovani_get_mac_by_ipv6(const char *v6_addr, char *mac)
+{
+    return ovani_get_mac_by_ipv6(v6_addr, mac, NEIGHBOUR_MAC_LEN);
+}
+
+int get_brctl_info_from_mac(const char *macaddr, BRCTL_MACS_INFO *info)
+{
+    if (is_address_text(macaddr)) {
+        char command[command_length];
+        char line[line_length];
+        snprintf(command, sizeof command,
+                 "brctl showmacs br0 |grep -i %s | awk '{print $(NF-2),$(NF-1),$NF}'", macaddr);
+        static_assert(sizeof info->islocal == 8 && sizeof info->agetime == 16 && sizeof info->intf == 16);
+        if (first_line(command, line)) {
+            sscanf(line, "%7s%15s%15s", info->islocal, info->agetime, info->intf);
+        }
+    }
+    if (info->islocal[0] == '\0') {
+        ovani_log(VELM_LOG_DEBUG, "can not get brtcl info from mac:%s", text_or_empty(macaddr));
+        return -1;
+    }
+    ovani_log(VELM_LOG_DEBUG, "macaddr:%s, islocal:%s, agetime:%s, interace:%s", macaddr, info->islocal,
+              info->agetime, info->intf);
+    return 1;
+}
+
+namespace {
+
+// The log lines below name the public function, whichever step they come from.
+constexpr char mesh_function[] = "ovani_meshhost_connect_type_get";
+
+constexpr int mesh_repeaters = 4;
+constexpr char OVANI_MESH_REPEATER_PATH[] =
+    "InternetGatewayDevice.LANDevice.1.WLANMeshConfiguration.Controller.Repeater.";
+
+int bridged_host_connect_type(const char *host_mac, char *type, size_t size)
+{
+    char main_ifname[GET_CMD_RES_LEN] = {};
+    if (is_address_text(host_mac)) {
+        char command[command_length];
+        snprintf(command, sizeof command, "brctl showmacs br0 | grep -i %s | awk '{print $NF}'", host_mac);
+        get_cmd_res(command, main_ifname, sizeof main_ifname);
+    }
+    ovani_log_as(mesh_function, VELM_LOG_DEBUG, "%s:%d host_mac=%s main_ifname=%s\n", mesh_function, __LINE__,
+                 host_mac, main_ifname);
+    snprintf(type, size, "%s", strstr(main_ifname, "ra") != nullptr ? "wireless" : "wired");
+    return 0;
+}
+
+int mesh_repeater_connect_type(const char *host_mac, char *type, size_t size)
+{
+    for (int i = 1; i <= mesh_repeaters; ++i) {
+        char url[OVANI_URL_LEN];
+        snprintf(url, sizeof url, "%s%d.", OVANI_MESH_REPEATER_PATH, i);
+        char mac_br0[OVANI_VALUE_LEN] = {};
+        if (zkcfg_getsingleparamval(url, "mac_br0", mac_br0, OVANI_STORE_WAIT_MS) != 0) {
+            ovani_log_as(mesh_function, VELM_LOG_DEBUG, "%s:%d zkcfg_getsingleparamval error\n",
+                         mesh_function, __LINE__);
+        }
+        if (strcasecmp(mac_br0, host_mac) != 0) {
+            continue;
+        }
+        [[maybe_unused]] int status = system("meshinfo repeater_update");
+        char connect_type[OVANI_VALUE_LEN] = {};
+        if (zkcfg_getsingleparamval(url, "connect_type", connect_type, OVANI_STORE_WAIT_MS) != 0) {
+            ovani_log_as(mesh_function, VELM_LOG_DEBUG, "%s:%d zkapi_singlevalue_get error\n", mesh_function,
+                         __LINE__);
+        }
+        snprintf(type, size, "%s", connect_type);
+        ovani_log_as(mesh_function, VELM_LOG_DEBUG, "%s:%d host_mac=%s connect_type=%s, url=%s\n",
+                     mesh_function, __LINE__, host_mac, type, url);
+        return 0;
+    }
+    return -1;
+}
+
+} // namespace
+
+int ovani_meshhost_connect_type_get(const char *host_mac, char *type, size_t size, int isMeshSlave)
+{
+    if (host_mac == nullptr || type == nullptr) {
+        return -1;
+    }
+    return isMeshSlave == 0 ? bridged_host_connect_type(host_mac, type, size)
+                            : mesh_repeater_connect_type(host_mac, type, size);
+}
+
+int ovani_meshhost_connect_type_get(const char *host_mac, char *type, int isMeshSlave)
+{
+    return ovani_meshhost_connect_type_get(host_mac, type, CONNECT_TYPE_LEN, isMeshSlave);
+}
