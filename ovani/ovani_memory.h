@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-enum memory_type {
+enum memory_type : int {
     MTYPE_TMP = 0,
     MTYPE_HOST_TABLE = 1,
     MTYPE_HOST_NODE = 2,

@@ -1,0 +1,31 @@
+#!/bin/bash
+# Proves ovani right: installs what is missing, builds, runs every test, and ends with ctest's summary.
+#
+#   ./test.sh               unit and system tests as they are and under the address and undefined-behaviour
+#                           sanitizers, and the unit tests as 32-bit ARM programs
+#   ./test.sh PRESET...     those of the named presets (dev, release, asan, tsan, arm)
+#
+# OVANI_BUS=auto|system|bundled chooses libubox and libubus; CTEST_ARGS holds further arguments for ctest.
+set -euo pipefail
+cd "$(dirname "$(realpath "$0")")"
+
+presets=("$@")
+((${#presets[@]})) || presets=(dev asan arm)
+
+tools/install-packages.sh run test
+[[ " ${presets[*]} " != *" arm "* ]] || tools/arm-sysroot.sh build/arm-sysroot
+
+mkdir -p build
+for preset in "${presets[@]}"; do
+    echo "test.sh: building $preset"
+    bus=()
+    [[ $preset == arm ]] || bus=(-DOVANI_BUS="${OVANI_BUS:-auto}")
+    cmake --preset "$preset" "${bus[@]}" >"build/$preset.log" 2>&1 || { cat "build/$preset.log" && exit 1; }
+    cmake --build --preset "$preset"
+done
+
+# One summary over all of them.
+mkdir -p build/all
+printf 'subdirs("../%s")\n' "${presets[@]}" >build/all/CTestTestfile.cmake
+read -ra ctest_args <<<"${CTEST_ARGS:-}"
+ctest --test-dir build/all --output-on-failure --no-tests=error -j "$(nproc)" "${ctest_args[@]}"

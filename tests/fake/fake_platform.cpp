@@ -1,0 +1,331 @@
+#include "tests/fake/fake_platform.h"
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "platform/qvdrv_net_api.h"
+#include "platform/zk_log.h"
+#include "platform/zk_sys_mgr.h"
+#include "platform/zkcfgif.h"
+
+namespace fake {
+
+namespace {
+Platform current;
+}
+
+Platform &platform()
+{
+    return current;
+}
+
+void reset()
+{
+    current = Platform{};
+}
+
+bool logged(std::string_view text, int level)
+{
+    return std::ranges::any_of(current.log, [&](const LogLine &line) {
+        return (level < 0 || line.level == level) && line.text.find(text) != std::string::npos;
+    });
+}
+
+int count_calls(std::string_view beginning)
+{
+    return static_cast<int>(std::ranges::count_if(
+        current.calls, [&](const std::string &call) { return call.starts_with(beginning); }));
+}
+
+std::string Sent::attribute(const char *attribute_name) const
+{
+    auto *head = reinterpret_cast<blob_attr *>(const_cast<char *>(message.data()));
+    blobmsg_policy policy{attribute_name, BLOBMSG_TYPE_UNSPEC};
+    blob_attr *found = nullptr;
+    blobmsg_parse(&policy, 1, &found, blob_data(head), static_cast<unsigned>(blob_len(head)));
+    if (found == nullptr) {
+        return {};
+    }
+    return {static_cast<const char *>(blobmsg_data(found)), static_cast<size_t>(blobmsg_data_len(found))};
+}
+
+std::vector<int> announced_instances()
+{
+    std::vector<int> instances;
+    for (const Sent &sent : current.sent) {
+        if (sent.name == "lanhost_param_change") {
+            std::string bytes = sent.attribute("objnum");
+            int value = 0;
+            for (unsigned char byte : bytes) {
+                value = value << 8 | byte;
+            }
+            instances.push_back(value);
+        }
+    }
+    return instances;
+}
+
+namespace {
+
+int record(const std::string &call)
+{
+    current.calls.push_back(call);
+    return current.fail ? current.fail(call) : 0;
+}
+
+int read_value(const std::string &path, char *value)
+{
+    auto found = current.values.find(path);
+    if (found == current.values.end()) {
+        return 1;
+    }
+    memcpy(value, found->second.c_str(), found->second.size() + 1);
+    return 0;
+}
+
+std::vector<char> bytes_of(const blob_buf &buf)
+{
+    const char *head = reinterpret_cast<const char *>(buf.head);
+    return {head, head + blob_raw_len(buf.head)};
+}
+
+struct Session {
+    OBJ_OP op;
+    std::vector<std::pair<std::string, char *>> rows;
+};
+
+} // namespace
+
+} // namespace fake
+
+using fake::platform;
+using fake::record;
+
+extern "C" {
+
+void zk_mod_log_printf(const char *module, int level, const char *fmt, ...)
+{
+    char text[4096];
+    va_list args;
+    va_start(args, fmt);
+    vsnprintf(text, sizeof text, fmt, args);
+    va_end(args);
+    platform().log.push_back({module, level, text});
+}
+
+// --- Configuration store
+
+int zkapi_multinode_sessioncreate(void **session, OBJ_OP op, int)
+{
+    if (int code = record("session_create")) {
+        return code;
+    }
+    *session = new fake::Session{op, {}};
+    return 0;
+}
+
+int zkapi_multinode_sessionprepare(void *session, const char *fullpath, void *data)
+{
+    if (int code = record(std::string("prepare ") + fullpath)) {
+        return code;
+    }
+    static_cast<fake::Session *>(session)->rows.emplace_back(fullpath, static_cast<char *>(data));
+    return 0;
+}
+
+int zkapi_multinode_sessionprocess(void *handle)
+{
+    auto &session = *static_cast<fake::Session *>(handle);
+    bool reads = session.op == OBJ_GET || session.op == OBJ_GET_NO_OP;
+    if (int code = record(reads ? "process get" : "process set")) {
+        return code;
+    }
+    if (!reads) {
+        platform().written.clear();
+    }
+    for (auto &[path, data] : session.rows) {
+        if (reads) {
+            fake::read_value(path, data);
+        } else {
+            platform().values[path] = data;
+            platform().written.push_back(path.substr(path.rfind('.') + 1));
+        }
+    }
+    return 0;
+}
+
+int zkapi_multinode_sessiondestroy(void *session)
+{
+    delete static_cast<fake::Session *>(session);
+    return record("session_destroy");
+}
+
+int zkapi_singlevalue_get(const char *path, char *value, OP_DEVFUNC, int)
+{
+    int code = record(std::string("get ") + path);
+    return code != 0 ? code : fake::read_value(path, value);
+}
+
+int zkapi_singlevalue_set(const char *path, const char *value, OP_DEVFUNC, int)
+{
+    if (int code = record(std::string("set ") + path)) {
+        return code;
+    }
+    platform().values[path] = value;
+    return 0;
+}
+
+int zkapi_obj_add(const char *objpath, int *instance, OP_DEVFUNC, int)
+{
+    if (int code = record(std::string("obj_add ") + objpath)) {
+        return code;
+    }
+    auto path_of = [&](int number) { return objpath + std::to_string(number) + "."; };
+    int number = platform().next_instance;
+    platform().next_instance = 0;
+    if (number == 0) {
+        number = 1;
+        while (platform().objects.contains(path_of(number))) {
+            ++number;
+        }
+    }
+    platform().objects.insert(path_of(number));
+    *instance = number;
+    return 0;
+}
+
+int zkapi_obj_del(const char *objpath, int instance, OP_DEVFUNC, int)
+{
+    std::string path = objpath + std::to_string(instance) + ".";
+    if (int code = record("obj_del " + path)) {
+        return code;
+    }
+    std::erase_if(platform().values, [&](const auto &entry) { return entry.first.starts_with(path); });
+    return platform().objects.erase(path) == 1 ? 0 : 1;
+}
+
+int zkapi_obj_checkexist(const char *objpath, int)
+{
+    if (record(std::string("exists ") + objpath) != 0) {
+        return 0;
+    }
+    return platform().objects.contains(objpath) ? 1 : 0;
+}
+
+int zkcfg_getsingleparamval(const char *objpath, const char *param, char *value, int wait)
+{
+    return zkapi_singlevalue_get((std::string(objpath) + param).c_str(), value, DEVFUNC_NOCALL, wait);
+}
+
+int zkcfg_setsingleparamval(const char *objpath, const char *param, const char *value, int wait)
+{
+    return zkapi_singlevalue_set((std::string(objpath) + param).c_str(), value, DEVFUNC_NOCALL, wait);
+}
+
+// --- System manager and drivers
+
+int zk_sys_mgr_get_carrier(zk_carr_type *carrier)
+{
+    if (int code = record("carrier")) {
+        return code;
+    }
+    *carrier = static_cast<zk_carr_type>(platform().carrier);
+    return 0;
+}
+
+int zk_sys_mgr_get_areacode(char *areacode)
+{
+    if (int code = record("areacode")) {
+        return code;
+    }
+    snprintf(areacode, 256, "%s", platform().areacode.c_str());
+    return 0;
+}
+
+int zk_sys_mgr_get_brmac(char *mac)
+{
+    if (int code = record("brmac")) {
+        return code;
+    }
+    snprintf(mac, 256, "%s", platform().brmac.c_str());
+    return 0;
+}
+
+int qvdrv_eth_get_port_id(const char *ifname, unsigned short *port_id)
+{
+    unsigned short number = 0;
+    if (sscanf(ifname, "eth%hu", &number) != 1) {
+        return 1;
+    }
+    *port_id = static_cast<unsigned short>(number + 1);
+    return 0;
+}
+
+// --- Bus
+
+int lib_zk_ubus_init(ubus_context **ctx)
+{
+    static ubus_context context;
+    int code = record("bus_init");
+    *ctx = code == 0 ? &context : nullptr;
+    return code;
+}
+
+int lib_zk_ubus_add_object(ubus_context *, ubus_object *obj)
+{
+    return record(std::string("add_object ") + obj->name);
+}
+
+int lib_zk_ubus_register_event_handler(ubus_context *, ubus_event_handler *, const char *pattern)
+{
+    return record(std::string("register ") + pattern);
+}
+
+int lib_zk_ubus_unregister_event_handler(ubus_context *, ubus_event_handler *)
+{
+    return record("unregister");
+}
+
+int lib_zk_ubus_send_event(ubus_context *, const char *event, blob_buf msg)
+{
+    if (int code = record(std::string("send ") + event)) {
+        return code;
+    }
+    platform().sent.push_back({event, fake::bytes_of(msg)});
+    return 0;
+}
+
+int lib_zk_ubus_call_method(ubus_context *, const char *object, const char *method, blob_buf msg,
+                            ubus_data_handler_t, void *, int)
+{
+    std::string name = std::string(object) + "." + method;
+    if (int code = record("call " + name)) {
+        return code;
+    }
+    platform().sent.push_back({name, fake::bytes_of(msg)});
+    return 0;
+}
+
+int lib_zk_ubus_run(unsigned int flag)
+{
+    return record("run " + std::to_string(flag));
+}
+
+int lib_zk_ubus_exit(ubus_context *)
+{
+    return record("exit");
+}
+
+int lib_zk_blobmsg_add_struct(blob_buf *buf, const char *name, const void *data, int len)
+{
+    return blobmsg_add_field(buf, BLOBMSG_TYPE_UNSPEC, name, data, static_cast<unsigned>(len));
+}
+
+void *lib_zk_blobmsg_get_struct(blob_attr *attr)
+{
+    return blobmsg_data(attr);
+}
+
+} // extern "C"

@@ -1,0 +1,61 @@
+// The platform contract fulfilled in memory, for unit tests: what the daemon did can be looked at, and any
+// call can be made to fail.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/lib_zk_ubus.h"
+
+namespace fake {
+
+struct LogLine {
+    std::string module;
+    int level;
+    std::string text;
+};
+
+// A message the daemon sent: an event (its name) or a method call ("object.method"), with the message's
+// bytes.
+struct Sent {
+    std::string name;
+    std::vector<char> message;
+
+    // The data of one attribute, empty when it is not there.
+    std::string attribute(const char *attribute_name) const;
+};
+
+struct Platform {
+    // Configuration store: instances by path ("...Host.1."), values by full path.
+    std::set<std::string> objects;
+    std::map<std::string, std::string> values;
+    int next_instance = 0; // given to the next added object; 0 for the lowest free
+
+    // System manager.
+    int carrier = 1;
+    std::string areacode = "Beijing";
+    std::string brmac = "02:00:00:00:00:01";
+
+    // What happened.
+    std::vector<LogLine> log;
+    std::vector<Sent> sent;
+    std::vector<std::string> calls; // every contract call that does something, in order: "obj_add <path>" ...
+    std::vector<std::string> written; // names of the parameters of the last batch written, in order
+
+    // Called with each entry of `calls`; a non-zero result is what the call then fails with.
+    std::function<int(const std::string &call)> fail;
+};
+
+// The one platform; `reset` makes it new.
+Platform &platform();
+void reset();
+
+bool logged(std::string_view text, int level = -1);
+int count_calls(std::string_view beginning);
+std::vector<int> announced_instances(); // objnum of every "lanhost_param_change", in order
+
+} // namespace fake

@@ -1,0 +1,136 @@
+#include "tests/unit/daemon_test.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "ovani/ovani_br_mgr.h"
+#include "ovani/ovani_memory.h"
+
+namespace {
+
+void empty_tables()
+{
+    while (g_host_table_ipv4.top != nullptr) {
+        ovani_host_node_delete(&g_host_table_ipv4, g_host_table_ipv4.top);
+    }
+    while (g_mac_table.top != nullptr) {
+        ovani_mac_node_delete_top(&g_mac_table);
+    }
+}
+
+template <size_t N>
+void set(char (&field)[N], const char *text)
+{
+    copy_text(field, text);
+}
+
+} // namespace
+
+DaemonTest::DaemonTest()
+{
+    fake::reset();
+    std::string hosts = OVANI_HOSTS_NODE_PATH;
+    platform.values[hosts + "HostNumberOfEntries"] = "0";
+    platform.values[hosts + "LANHostMaxNumber"] = "254";
+    restart(OPTYPE_CT);
+}
+
+DaemonTest::~DaemonTest()
+{
+    empty_tables();
+    EXPECT_EQ(MemAllocCount[MTYPE_HOST_NODE], 0);
+    EXPECT_EQ(MemAllocCount[MTYPE_MAC_NODE], 0);
+}
+
+void DaemonTest::restart(int carrier)
+{
+    empty_tables();
+    platform.carrier = carrier;
+    ovani_operator_type_init();
+    ovani_mac_table_init();
+    s_hostnumberofentries = 0;
+    s_hostmaxnumber = 0;
+    g_slaveapnum = 0;
+    g_filtermode = 0;
+    ovani_hostmgr_init();
+    platform.log.clear();
+    platform.calls.clear();
+}
+
+std::string DaemonTest::stored(int instance, const char *parameter) const
+{
+    auto found = platform.values.find(host_path(instance) + parameter);
+    return found == platform.values.end() ? "(none)" : found->second;
+}
+
+namespace {
+
+ovani_mac_event mac_event(const Mac &mac, const char *interface, uint8_t action)
+{
+    ovani_mac_event event{};
+    event.action = action;
+    memcpy(event.mac, mac.data(), mac.size());
+    set(event.eth_num, interface);
+    set(event.brname, "br0");
+    return event;
+}
+
+} // namespace
+
+void DaemonTest::learn(const Mac &mac, const char *interface)
+{
+    ovani_mac_event event = mac_event(mac, interface, 1);
+    ovani_mac_event_process(&event);
+}
+
+void DaemonTest::forget(const Mac &mac)
+{
+    ovani_mac_event event = mac_event(mac, "eth1", 0);
+    ovani_mac_event_process(&event);
+}
+
+int DaemonTest::arp(const Mac &mac, uint32_t ip)
+{
+    ovani_arp_event event{};
+    event.action = 1;
+    event.ipv4 = ip;
+    memcpy(event.mac, mac.data(), mac.size());
+    set(event.brname, "br0");
+    return ovani_arp_event_add(&event);
+}
+
+void DaemonTest::dhcp(std::string text)
+{
+    ovani_dhcpd_user_event_process(text.data());
+}
+
+CommandPath::CommandPath() : old_path_(getenv("PATH"))
+{
+    char name[] = "/tmp/ovani-test-XXXXXX";
+    directory_ = mkdtemp(name);
+    setenv("PATH", (directory_ + ":" + old_path_).c_str(), 1);
+}
+
+CommandPath::~CommandPath()
+{
+    setenv("PATH", old_path_.c_str(), 1);
+    std::filesystem::remove_all(directory_);
+}
+
+void CommandPath::answer(const std::string &command, const std::string &script)
+{
+    std::string path = directory_ + "/" + command;
+    std::ofstream(path) << "#!/bin/sh\n" << script << "\n";
+    std::filesystem::permissions(path, std::filesystem::perms::owner_all);
+}
+
+std::string CommandPath::trace() const
+{
+    std::ifstream file(trace_file());
+    std::stringstream text;
+    text << file.rdbuf();
+    return text.str();
+}

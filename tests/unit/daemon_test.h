@@ -1,0 +1,64 @@
+// What the daemon's unit tests share: a fresh daemon over a fresh platform, and builders of events.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "ovani/ovani_event.h"
+#include "ovani/ovani_host_mgr.h"
+#include "ovani/ovani_host_table.h"
+#include "ovani/ovani_mac_table.h"
+#include "tests/fake/fake_platform.h"
+
+using Mac = std::array<uint8_t, 6>;
+
+inline constexpr Mac pc{0x00, 0x11, 0x22, 0xaa, 0xbb, 0xcc};
+inline constexpr char pc_bare[] = "001122AABBCC";
+inline constexpr uint32_t pc_ip = 0xc0a80164; // 192.168.1.100
+
+inline std::string host_path(int instance)
+{
+    return OVANI_HOST_NODE_PATH + std::to_string(instance) + ".";
+}
+
+// Empties the daemon's tables and starts the host manager over a platform whose ceiling is 254 hosts.
+class DaemonTest : public testing::Test {
+protected:
+    DaemonTest();
+    ~DaemonTest() override;
+
+    // The daemon again, as after a restart: its memory gone, the store as it was.
+    void restart(int carrier);
+
+    fake::Platform &platform = fake::platform();
+
+    std::string stored(int instance, const char *parameter) const;
+    void learn(const Mac &mac, const char *interface = "eth1");
+    void forget(const Mac &mac);
+    int arp(const Mac &mac, uint32_t ip);
+    void dhcp(std::string text);
+    host_node *host(const Mac &mac) { return ovani_host_node_match_by_mac(&g_host_table_ipv4, mac.data()); }
+};
+
+// A directory at the front of PATH, for commands that the test answers.
+class CommandPath {
+public:
+    CommandPath();
+    ~CommandPath();
+    CommandPath(const CommandPath &) = delete;
+    CommandPath &operator=(const CommandPath &) = delete;
+
+    // `script` is the body of a shell script.
+    void answer(const std::string &command, const std::string &script);
+    // A file the scripts may leave traces in.
+    std::string trace_file() const { return directory_ + "/trace"; }
+    std::string trace() const;
+
+private:
+    std::string directory_;
+    std::string old_path_;
+};

@@ -1,0 +1,506 @@
+#include "ovani/ovani_host_mgr.h"
+
+#include <cstring>
+
+#include "ovani/ovani_br_mgr.h"
+#include "tests/unit/daemon_test.h"
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+constexpr char lan2[] = "InternetGatewayDevice.LANDevice.1.LANEthernetInterfaceConfig.2.";
+constexpr char mesh_mode[] = "InternetGatewayDevice.LANDevice.1.WLANMeshConfiguration.MeshMode";
+
+// A record with its writable texts.
+struct Record : ovani_dhcpd_host_event {
+    explicit Record(const char *mac = pc_bare, const char *ip = "192.168.1.100", std::string name = "my-pc")
+        : ovani_dhcpd_host_event{}, name_(std::move(name))
+    {
+        action = "ADD";
+        IPAddress = ip;
+        AddressSource = "DHCP";
+        AckTime = "2026-01-02 03:04:05";
+        LeaseTimeRemaining = "3600";
+        HostName = name_.data();
+        AssociatedDeviceType = "PC";
+        MACAddress = mac;
+        Layer2Interface = lan2;
+        InterfaceType = "Ethernet";
+        Active = active_;
+        X_QV_Option60 = "MSFT 5.0";
+    }
+    Record(const Record &) = delete;
+    Record &operator=(const Record &) = delete;
+
+private:
+    std::string name_;
+    char active_[2] = "1";
+};
+
+class HostMgrTest : public DaemonTest {
+protected:
+    int add(const char *mac = pc_bare, const char *ip = "192.168.1.100")
+    {
+        Record record(mac, ip);
+        return ovani_add_host_info(&record);
+    }
+    int remove(const char *mac = pc_bare)
+    {
+        Record record(mac);
+        return ovani_del_host_info(&record);
+    }
+    void put_object(int instance, const char *mac)
+    {
+        platform.objects.insert(host_path(instance));
+        platform.values[host_path(instance) + "MACAddress"] = mac;
+        platform.values[host_path(instance) + "Layer2Interface"] = lan2;
+    }
+    void set_counters(const char *entries, const char *max)
+    {
+        platform.values[std::string(OVANI_HOSTS_NODE_PATH) + "HostNumberOfEntries"] = entries;
+        platform.values[std::string(OVANI_HOSTS_NODE_PATH) + "LANHostMaxNumber"] = max;
+    }
+};
+
+std::string bare_mac(int i)
+{
+    char text[16];
+    snprintf(text, sizeof text, "0200000000%02X", static_cast<unsigned>(i & 0xff));
+    return text;
+}
+
+} // namespace
+
+// --- Start-up
+
+TEST_F(HostMgrTest, StartUpRebuildsTheCacheAndStopsOnceAllAreFound)
+{
+    set_counters("3", "64");
+    put_object(1, "00:11:22:aa:bb:cc");
+    put_object(4, "02:00:00:00:00:04");
+    put_object(9, "02:00:00:00:00:09");
+    restart(OPTYPE_CT);
+    EXPECT_STREQ(tmpHostToIndex[0].hostHash, "001122AABBCC");
+    EXPECT_STREQ(tmpHostToIndex[3].hostHash, "020000000004");
+    EXPECT_STREQ(tmpHostToIndex[8].hostHash, "020000000009");
+    EXPECT_STREQ(tmpHostToIndex[8].path, lan2);
+    EXPECT_EQ(tmpHostToIndex[8].index, -1);
+    EXPECT_STREQ(tmpHostToIndex[1].hostHash, "");
+    EXPECT_EQ(s_hostnumberofentries, 3U);
+    // The same objects are updated from now on.
+    EXPECT_EQ(add(), 1);
+    EXPECT_EQ(add("020000000009"), 9);
+    EXPECT_EQ(s_hostnumberofentries, 3U);
+}
+
+TEST_F(HostMgrTest, StartUpProbesNoFurtherThanItMust)
+{
+    put_object(2, "02:00:00:00:00:02");
+    put_object(5, "02:00:00:00:00:05");
+    struct Case {
+        const char *entries, *max;
+        int probes;
+    } cases[] = {
+        {"2", "64", 5},  {"0", "64", 2},       // compared after each load: the first object ends it
+        {"9", "64", 64}, {"9", "100000", 254}, // the cache's rows
+        {"-3", "-1", 0}, {"rubbish", "rubbish", 0},
+    };
+    for (const Case &c : cases) {
+        set_counters(c.entries, c.max);
+        platform.calls.clear();
+        ovani_hostmgr_init();
+        EXPECT_EQ(fake::count_calls("exists"), c.probes) << c.entries << "/" << c.max;
+    }
+}
+
+TEST_F(HostMgrTest, StartUpSurvivesABadStore)
+{
+    set_counters("3", "64");
+    put_object(1, "not a MAC");
+    put_object(2, std::string(200, 'f').c_str());
+    put_object(3, "02:00:00:00:00:03");
+    ovani_hostmgr_init();
+    EXPECT_STREQ(tmpHostToIndex[0].hostHash, "");
+    EXPECT_STREQ(tmpHostToIndex[2].hostHash, "020000000003");
+    EXPECT_TRUE(fake::logged("load_host_info_from_xml mac_form_translate error", 3));
+
+    // Unreadable counters stay 0, and refuse every new host.
+    platform.fail = [](const std::string &call) { return call == "process get" ? 1 : 0; };
+    s_hostnumberofentries = s_hostmaxnumber = 0;
+    EXPECT_EQ(ovani_hostmgr_init(), R_OK);
+    platform.fail = nullptr;
+    EXPECT_EQ(add(), -1);
+    EXPECT_EQ(fake::count_calls("obj_add"), 0);
+}
+
+// --- Creation and update
+
+TEST_F(HostMgrTest, ANewHostGetsAllItsParameters)
+{
+    EXPECT_EQ(add(), 1);
+    EXPECT_THAT(platform.written,
+                ElementsAre("IPAddress", "AddressSource", "AckTime", "LeaseTimeRemaining", "LatestActiveTime",
+                            "HostName", "DeviceType", "X_QV_DeviceType", "MACAddress", "Layer2Interface",
+                            "InterfaceType", "Port", "ConnectionType", "Active"));
+    EXPECT_EQ(stored(1, "MACAddress"), "00:11:22:aa:bb:cc");
+    EXPECT_EQ(stored(1, "HostName"), "my-pc");
+    EXPECT_EQ(stored(1, "DeviceType"), "PC");
+    EXPECT_EQ(stored(1, "X_QV_DeviceType"), "5");
+    EXPECT_EQ(stored(1, "Port"), "2");
+    EXPECT_EQ(stored(1, "ConnectionType"), "0");
+    EXPECT_EQ(stored(1, "Active"), "1");
+    EXPECT_STREQ(tmpHostToIndex[0].hostHash, pc_bare);
+    EXPECT_EQ(s_hostnumberofentries, 1U);
+    EXPECT_TRUE(platform.sent.empty()); // the caller announces
+
+    Record lower("001122aabbcc"); // found in any case
+    EXPECT_EQ(ovani_add_host_info(&lower), 1);
+    EXPECT_EQ(s_hostnumberofentries, 1U);
+}
+
+TEST_F(HostMgrTest, WhatIsKnownChoosesTheParameters)
+{
+    EXPECT_EQ(add(), 1);
+    Record no_ip(pc_bare, nullptr);
+    EXPECT_EQ(ovani_add_host_info(&no_ip), 1);
+    EXPECT_THAT(platform.written, ElementsAre("AckTime", "LatestActiveTime", "MACAddress", "Layer2Interface",
+                                              "InterfaceType", "Port", "ConnectionType", "Active"));
+    Record nameless(pc_bare, "192.168.1.100", "");
+    nameless.AddressSource = "STATIC";
+    EXPECT_EQ(ovani_add_host_info(&nameless), 1);
+    EXPECT_THAT(platform.written,
+                ElementsAre("IPAddress", "AddressSource", "AckTime", "LeaseTimeRemaining", "LatestActiveTime",
+                            "DeviceType", "MACAddress", "Layer2Interface", "InterfaceType", "Port",
+                            "ConnectionType", "Active"));
+    Record cut;
+    cut.AckTime = nullptr; // a null value ends the map
+    EXPECT_EQ(ovani_add_host_info(&cut), 1);
+    EXPECT_THAT(platform.written, ElementsAre("IPAddress", "AddressSource"));
+}
+
+TEST_F(HostMgrTest, NullTextsAreEmptyTexts)
+{
+    Record bare;
+    bare.HostName = nullptr;
+    bare.Layer2Interface = nullptr;
+    bare.InterfaceType = nullptr;
+    bare.X_QV_Option60 = nullptr;
+    bare.Active = nullptr;
+    g_filtermode = 2; // would overwrite Active
+    EXPECT_EQ(ovani_add_host_info(&bare), 1);
+    EXPECT_EQ(stored(1, "Active"), "(none)");
+    EXPECT_TRUE(fake::logged("Param Error: "));
+    ovani_dhcpd_host_event nothing{};
+    EXPECT_EQ(ovani_add_host_info(&nothing), -1);
+    EXPECT_EQ(ovani_add_host_info(nullptr), 0);
+    EXPECT_EQ(ovani_del_host_info(&nothing), 0);
+    EXPECT_EQ(ovani_update_host_lanport(&nothing, 1), 0);
+    EXPECT_EQ(ovani_add_host_ipv6_info(&nothing), 0);
+}
+
+TEST_F(HostMgrTest, AHostWithoutAnAddressGetsNoObject)
+{
+    for (const char *ip : {"", "null", "NULL", static_cast<const char *>(nullptr)}) {
+        EXPECT_EQ(add(pc_bare, ip), -1);
+    }
+    EXPECT_TRUE(fake::logged("Error: Do not add No IP host mac = 001122AABBCC\n"));
+    EXPECT_THAT(platform.objects, IsEmpty());
+}
+
+TEST_F(HostMgrTest, TheCeilingRefusesNewHostsOnly)
+{
+    s_hostmaxnumber = 1;
+    EXPECT_EQ(add(), 1);
+    EXPECT_EQ(add("020000000009"), -1);
+    EXPECT_TRUE(fake::logged("ovani_add_host_info ovani_del_inactive_host"));
+    EXPECT_TRUE(fake::logged("Error: hostNumberOfEntries 1, hostMaxNumber 1\n"));
+    EXPECT_EQ(add(pc_bare, "192.168.1.101"), 1);
+    EXPECT_EQ(stored(1, "IPAddress"), "192.168.1.101");
+}
+
+TEST_F(HostMgrTest, AnObjectThatVanishedIsMadeAgain)
+{
+    EXPECT_EQ(add(), 1);
+    platform.objects.clear();
+    platform.next_instance = 7;
+    EXPECT_EQ(add(), 7);
+    EXPECT_STREQ(tmpHostToIndex[0].hostHash, "");
+    EXPECT_EQ(tmpHostToIndex[0].index, -1);
+    EXPECT_STREQ(tmpHostToIndex[6].hostHash, pc_bare);
+}
+
+TEST_F(HostMgrTest, InstancesTheCacheCannotHoldAreWrittenAllTheSame)
+{
+    platform.next_instance = 300;
+    EXPECT_EQ(add(), 300);
+    EXPECT_EQ(stored(300, "IPAddress"), "192.168.1.100");
+    EXPECT_TRUE(fake::logged("More Than Max Host Entries Error: index is 300,max entries is 254\n"));
+    EXPECT_EQ(ovani_get_host_associatedev_info(pc_bare), 0);
+    platform.next_instance = -5; // a store gone mad
+    EXPECT_EQ(add(), -1);
+    platform.next_instance = 254;
+    EXPECT_EQ(add(), 254);
+    EXPECT_STREQ(tmpHostToIndex[253].hostHash, pc_bare);
+}
+
+TEST_F(HostMgrTest, LatestActiveTimeMovesOnlyWithAChange)
+{
+    add();
+    auto time_after = [&](const char *ip) {
+        platform.values[host_path(1) + "LatestActiveTime"] = "17";
+        add(pc_bare, ip);
+        return stored(1, "LatestActiveTime");
+    };
+    EXPECT_EQ(time_after("192.168.1.100"), "17");
+    EXPECT_NE(time_after("192.168.1.101"), "17"); // another address
+    EXPECT_EQ(time_after("192.168.1.101"), "17");
+    platform.values[host_path(1) + "Active"] = "0";
+    EXPECT_NE(time_after("192.168.1.101"), "17"); // had left
+    platform.values[host_path(1) + "MACAddress"] = "02:00:00:00:00:99";
+    EXPECT_NE(time_after("192.168.1.101"), "17"); // another host's object
+    platform.fail = [](const std::string &call) { return call == "process get" ? 1 : 0; };
+    EXPECT_NE(time_after("192.168.1.101"), "17"); // not known
+}
+
+TEST_F(HostMgrTest, PortAndConnectionComeFromTheInterface)
+{
+    struct Case {
+        const char *path, *type, *port, *connection;
+    } cases[] = {
+        {"X.LANEthernetInterfaceConfig.3.", "ethernet", "3", "0"},
+        {"X.WLANConfiguration.5.", "802.11", "5", "1"},
+        {"X.LANEthernetInterfaceConfig.x.", "Ethernet", "255", "0"},
+        {"nothing", "", "255", "1"},
+        {"X.WLANConfiguration.99999.", "802.11", "999", "1"}, // cut at the buffer
+    };
+    for (const Case &c : cases) {
+        Record record;
+        record.Layer2Interface = c.path;
+        record.InterfaceType = c.type;
+        EXPECT_EQ(ovani_add_host_info(&record), 1);
+        EXPECT_EQ(stored(1, "Port"), c.port) << c.path;
+        EXPECT_EQ(stored(1, "ConnectionType"), c.connection) << c.path;
+    }
+}
+
+TEST_F(HostMgrTest, NamesAreConvertedAndCut)
+{
+    struct Case {
+        std::string name, expected;
+    } cases[] = {
+        {"caf\xc3\xa9", "caf\xc3\xa9"},
+        {std::string(70, 'a'), std::string(70, 'a')}, // too long to convert: as received
+        {std::string(200, 'a'), std::string(127, 'a')},
+    };
+    for (const Case &c : cases) {
+        Record record(pc_bare, "192.168.1.100", c.name);
+        EXPECT_EQ(ovani_add_host_info(&record), 1);
+        EXPECT_EQ(stored(1, "HostName"), c.expected);
+    }
+}
+
+TEST_F(HostMgrTest, TheFilterMarksHostsInactive)
+{
+    struct Case {
+        int mode;
+        const char *active;
+    } cases[] = {{0, "1"}, {1, "0"}, {2, "1"}, {3, "1"}};
+    for (const Case &c : cases) {
+        g_filtermode = c.mode;
+        copy_text(black_mac, "xx001122aabbccxx");
+        copy_text(white_mac, "xx001122aabbccxx");
+        add();
+        EXPECT_EQ(stored(1, "Active"), c.active) << c.mode;
+    }
+    copy_text(white_mac, "");
+    g_filtermode = 2;
+    add();
+    EXPECT_EQ(stored(1, "Active"), "0");
+}
+
+TEST_F(HostMgrTest, MeshSatellitesAreRememberedUpToTen)
+{
+    platform.values[mesh_mode] = "Master";
+    platform.values["InternetGatewayDevice.LANDevice.1.WLANMeshConfiguration.Controller.Repeater.1.mac_br0"] =
+        "02:00:00:00:00:00";
+    platform.values
+        ["InternetGatewayDevice.LANDevice.1.WLANMeshConfiguration.Controller.Repeater.1.connect_type"] =
+        "wireless";
+    for (int i = 0; i < 11; ++i) {
+        std::string mac = bare_mac(i);
+        Record record(mac.c_str(), "192.168.1.100", "SlaveAP_x");
+        EXPECT_EQ(ovani_add_host_info(&record), i + 1);
+        EXPECT_EQ(ovani_add_host_info(&record), i + 1); // once is enough
+    }
+    EXPECT_EQ(g_slaveapnum, 10);
+    EXPECT_STREQ(slaveAPMACs[9], "020000000009");
+    // What the controller says of a satellite wins; one it does not know keeps what the bridge says.
+    EXPECT_EQ(stored(1, "InterfaceType"), "802.11");
+    EXPECT_EQ(stored(1, "ConnectionType"), "1");
+    EXPECT_EQ(stored(2, "InterfaceType"), "Ethernet");
+    EXPECT_EQ(stored(1, "X_QV_DeviceType"), "9");
+
+    // A satellite's static address does not replace the one it has.
+    Record moved("020000000000", "192.168.1.200", "renamed");
+    moved.AddressSource = "STATIC";
+    EXPECT_EQ(ovani_add_host_info(&moved), 1);
+    EXPECT_EQ(moved.IPAddress, nullptr);
+    EXPECT_EQ(stored(1, "IPAddress"), "192.168.1.100");
+}
+
+TEST_F(HostMgrTest, InAMeshOtherHostsAreLookedUpInTheBridge)
+{
+    CommandPath path;
+    path.answer("brctl", "echo '  1\t00:11:22:aa:bb:cc\tno\t\t   3.14\trai0'");
+    platform.values[mesh_mode] = "Master";
+    EXPECT_EQ(add(), 1);
+    EXPECT_EQ(g_slaveapnum, 0);
+    EXPECT_EQ(stored(1, "InterfaceType"), "802.11");
+    EXPECT_EQ(stored(1, "ConnectionType"), "1");
+}
+
+TEST_F(HostMgrTest, ARowsAssociatedDeviceIsDeletedWithEveryUpdate)
+{
+    add();
+    copy_text(tmpHostToIndex[0].path, lan2);
+    tmpHostToIndex[0].index = 4;
+    platform.objects.insert(std::string(lan2) + "4.");
+    add();
+    EXPECT_EQ(tmpHostToIndex[0].index, -1);
+    EXPECT_EQ(fake::count_calls(std::string("obj_del ") + lan2), 1);
+    tmpHostToIndex[0].index = 4; // gone already
+    EXPECT_EQ(ovani_del_associateddevice_info(1), -1);
+    tmpHostToIndex[0].index = -2;
+    EXPECT_EQ(ovani_del_associateddevice_info(1), R_OK);
+    EXPECT_EQ(ovani_del_associateddevice_info(0), -1);
+    EXPECT_EQ(ovani_del_associateddevice_info(255), -1);
+}
+
+// --- IPv6, ports
+
+TEST_F(HostMgrTest, Ipv6AddressesGoToAnExistingObject)
+{
+    Record record;
+    record.IPv6Address = "2001:db8::1";
+    record.IPv6LLAddress = "fe80::1";
+    EXPECT_EQ(ovani_add_host_ipv6_info(&record), 0);
+    EXPECT_TRUE(fake::logged("index not exist!! mac=001122AABBCC\r\n", 3));
+    add();
+    EXPECT_EQ(ovani_add_host_ipv6_info(&record), 1);
+    EXPECT_EQ(stored(1, "IPv6Address"), "2001:db8::1");
+    EXPECT_EQ(stored(1, "IPv6LLAddress"), "fe80::1");
+    EXPECT_THAT(fake::announced_instances(), ElementsAre(1));
+
+    record.IPv6Address = record.IPv6LLAddress = nullptr;
+    EXPECT_EQ(ovani_add_host_ipv6_info(&record), -1); // nothing to write reads as a failure
+    EXPECT_TRUE(fake::logged("ret=1\n", 3));
+    record.IPv6LLAddress = "fe80::1";
+    platform.fail = [](const std::string &call) { return call.starts_with("set ") ? 9 : 0; };
+    EXPECT_EQ(ovani_add_host_ipv6_info(&record), -1);
+    EXPECT_THAT(fake::announced_instances(), ElementsAre(1));
+}
+
+TEST_F(HostMgrTest, APortUpdateIsAnnouncedOnce)
+{
+    Record record;
+    EXPECT_EQ(ovani_update_host_lanport(&record, 6), 0);
+    add();
+    EXPECT_EQ(ovani_update_host_lanport(&record, 6), 1);
+    EXPECT_EQ(stored(1, "Port"), "6");
+    EXPECT_THAT(fake::announced_instances(), ElementsAre(1));
+    platform.objects.clear(); // behind the daemon's back
+    EXPECT_EQ(ovani_update_host_lanport(&record, 7), 0);
+}
+
+// --- Removal
+
+TEST_F(HostMgrTest, ChinaTelecomDeletesObjects)
+{
+    add();
+    EXPECT_EQ(remove(), 1);
+    EXPECT_THAT(platform.objects, IsEmpty());
+    EXPECT_EQ(s_hostnumberofentries, 0U);
+    EXPECT_STREQ(tmpHostToIndex[0].hostHash, "");
+    EXPECT_EQ(remove(), 0); // unknown now, and nothing is touched
+    EXPECT_EQ(s_hostnumberofentries, 0U);
+    EXPECT_EQ(add(), 1);
+
+    platform.fail = [](const std::string &call) { return call.starts_with("obj_del") ? 1 : 0; };
+    EXPECT_EQ(remove(), 1); // a failed deletion still names the host
+    EXPECT_STREQ(tmpHostToIndex[0].hostHash, pc_bare);
+    EXPECT_EQ(s_hostnumberofentries, 1U);
+}
+
+TEST_F(HostMgrTest, OtherOperatorsMarkObjectsInactive)
+{
+    for (int carrier : {0, 2, 3}) {
+        restart(carrier);
+        set_counters("1", "254");
+        EXPECT_EQ(add(), 1);
+        EXPECT_EQ(remove(), 1);
+        EXPECT_THAT(platform.written, ElementsAre("LatestInactiveTime", "Active", "LeaseTimeRemaining"));
+        EXPECT_EQ(stored(1, "Active"), "0");
+        EXPECT_EQ(stored(1, "LeaseTimeRemaining"), "0");
+        EXPECT_EQ(s_hostnumberofentries, 1U);
+        EXPECT_EQ(add(), 1); // the same object again
+        EXPECT_EQ(stored(1, "Active"), "1");
+    }
+    platform.fail = [](const std::string &call) { return call == "process set" ? 3 : 0; };
+    EXPECT_EQ(remove(), -1);
+}
+
+TEST_F(HostMgrTest, UnusableMacsRemoveNothing)
+{
+    add();
+    for (const char *mac : {"", "short", "02:00:00:00:00:00:00:00"}) {
+        EXPECT_EQ(remove(mac), 0);
+    }
+    EXPECT_TRUE(fake::logged("ovani_del_host_info mac_form_translate error", 3));
+    EXPECT_EQ(remove("02:00:00:00:00:77"), 0);
+    EXPECT_TRUE(fake::logged("delObject not found,mac=02:00:00:00:00:77\n"));
+    EXPECT_EQ(platform.objects.size(), 1U);
+}
+
+TEST_F(HostMgrTest, RemovalByNodeIsAnnouncedWhenThereWasAnObject)
+{
+    EXPECT_EQ(ovani_del_host_info_by_node(nullptr), R_ERROR);
+    host_node node{};
+    memcpy(node.mac, pc.data(), pc.size());
+    EXPECT_EQ(ovani_del_host_info_by_node(&node), R_OK);
+    EXPECT_THAT(fake::announced_instances(), IsEmpty());
+    add();
+    EXPECT_EQ(ovani_del_host_info_by_node(&node), R_OK);
+    EXPECT_THAT(fake::announced_instances(), ElementsAre(1));
+}
+
+// --- Faults: every platform call on the road fails once, in turn
+
+TEST_F(HostMgrTest, AnyFailingStoreCallLeavesCacheAndCountersTrue)
+{
+    for (int carrier : {OPTYPE_CT, OPTYPE_CM}) {
+        for (int failing = 0;; ++failing) {
+            set_counters("0", "254");
+            platform.objects.clear();
+            restart(carrier);
+            int call_number = 0;
+            platform.fail = [&](const std::string &) { return call_number++ == failing ? 1 : 0; };
+            add();
+            add(pc_bare, "192.168.1.101");
+            remove();
+            bool all_calls_done = call_number <= failing;
+            platform.fail = nullptr;
+            // Whatever failed, the next events put it right: one object, known and counted.
+            add();
+            ASSERT_EQ(s_hostnumberofentries, platform.objects.size()) << "call " << failing;
+            int index = ovani_get_host_associatedev_info(pc_bare);
+            ASSERT_GT(index, 0) << "call " << failing;
+            EXPECT_TRUE(platform.objects.contains(host_path(index)));
+            EXPECT_EQ(stored(index, "IPAddress"), "192.168.1.100");
+            if (all_calls_done) {
+                break;
+            }
+        }
+    }
+}
