@@ -30,7 +30,6 @@ inline constexpr int OVANI_STORE_WAIT_MS = 5000;  // wait for the store's lock: 
 inline constexpr char OVANI_DEBUG_FILE[] = "/var/ovani_debug";
 
 // --- Text
-// ---------------------------------------------------------------------------------------------------
 
 // Copies `src` into a fixed-size field, cut at its capacity and always terminated; null is empty text.
 template <size_t N>
@@ -61,7 +60,6 @@ void ovani_strToLower(char *string);
 void ovani_strToUpper(char *string);
 
 // --- Time
-// ---------------------------------------------------------------------------------------------------
 
 // Writes the local time as "YYYY-MM-DD#hh:mm:ss". A length of 63 or less is logged as an overrun and still
 // written to, as far as it goes.
@@ -71,7 +69,6 @@ void ovani_get_curr_time(char *szTime, unsigned int szTimeBuffLen);
 long ovani_get_system_uptime();
 
 // --- IPv4 addresses: numbers in host order, first octet most significant
-// --------------------------------------
 
 // Dotted text in the C library's static buffer, overwritten by the next call.
 char *ovani_ipv4_ltostr(unsigned long ip);
@@ -80,7 +77,6 @@ char *ovani_ipv4_ltostr(unsigned long ip);
 unsigned long ovani_ipv4_strtol(const char *ipStr);
 
 // --- MAC addresses: six bytes, colon text AA:BB:CC:DD:EE:FF, bare text AABBCCDDEEFF
-// ---------------------------
 
 // Upper-case colon and bare text. Both fill 32 bytes of `mac_str` and return R_OK.
 int ovani_mac_to_str(const unsigned char *mac_in, unsigned char *mac_str);
@@ -114,7 +110,6 @@ int mac_form_translate(const char *frommac, int type, char *tomac);
 bool is_bare_mac(const char *text);
 
 // --- Interfaces and ports
-// -------------------------------------------------------------------------------------
 
 // Whether the kernel reports the interface running (IFF_RUNNING): 1, 0, or -1 when it cannot be asked.
 int ovani_get_ifc_status(const char *ifname);

@@ -106,7 +106,6 @@ inline constexpr char OVANI_IPV6ADDR_GUA[] = "GUA";
 inline constexpr char OVANI_IPV6ADDR_LLA[] = "LLA";
 
 // --- Bridge MAC events
-// ----------------------------------------------------------------------------------------
 //
 // Unless said otherwise the functions of this header return R_OK, or R_ERROR for a null or impossible record;
 // a failure is logged and ends the handling of that event.
@@ -137,7 +136,6 @@ inline constexpr size_t OVANI_MAC_INFO_LEN = 80;
 int ovani_get_mac_info(const ovani_mac_event *event, char *povani_mac_info);
 
 // --- ARP events
-// -----------------------------------------------------------------------------------------------
 
 // Entry for an event. Removals do not remove hosts: those leave when their MAC ages or their lease ends.
 int ovani_arp_event_process(const ovani_arp_event *event);
@@ -153,7 +151,6 @@ int ovani_arp_event_del(const ovani_arp_event *event);
 int ovani_update_active_time(const char *macaddr);
 
 // --- DHCP and IPv6 events
-// -------------------------------------------------------------------------------------
 
 // Parses the text of a "dhcp_user_event", cutting it in place, and applies it.
 void ovani_dhcpd_user_event_process(char *eventBuf);
@@ -169,7 +166,6 @@ int ovani_dhcp6s_event_add6(ovani_dhcpd_host_event *hostinfo);
 int ovani_dhcp6s_event_del6(ovani_dhcpd_host_event *hostinfo);
 
 // --- Announcements to the bus
-// ---------------------------------------------------------------------------------
 
 // Fills a zeroed device status record from a host; brand and os stay as they are.
 int ovani_get_lanhost_device_struct(const host_node *pnode, ovani_device_status_event *povani_device_struct);

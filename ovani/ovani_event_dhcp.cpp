@@ -11,7 +11,6 @@
 #include "ovani/ovani_shell.h"
 
 // --- Parsing
-// --------------------------------------------------------------------------------------------------
 
 namespace {
 
@@ -221,7 +220,6 @@ void ovani_dhcpd_user_event_process(char *eventBuf)
 }
 
 // --- DHCPv4 leases
-// --------------------------------------------------------------------------------------------
 
 namespace {
 
@@ -351,7 +349,6 @@ int ovani_udhcpd_event_del(ovani_dhcpd_host_event *hostinfo)
 }
 
 // --- IPv6 addresses
-// -------------------------------------------------------------------------------------------
 
 int ovani_dhcp6s_event_add6(ovani_dhcpd_host_event *hostinfo)
 {

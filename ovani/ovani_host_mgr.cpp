@@ -80,7 +80,6 @@ bool is_no_address(const char *ip)
 } // namespace
 
 // --- Index cache
-// ----------------------------------------------------------------------------------------------
 
 int ovani_get_host_associatedev_info(const char *mac)
 {
@@ -130,7 +129,6 @@ int ovani_del_associateddevice_info(int hostindex)
 }
 
 // --- Start-up
-// -------------------------------------------------------------------------------------------------
 
 namespace {
 
@@ -211,7 +209,6 @@ int ovani_hostmgr_init()
 }
 
 // --- Creation and update
-// --------------------------------------------------------------------------------------
 
 namespace {
 
@@ -630,7 +627,6 @@ int ovani_add_host_ipv6_info(const ovani_dhcpd_host_event *hostinfo)
 }
 
 // --- Removal and port updates
-// ---------------------------------------------------------------------------------
 
 namespace {
 
@@ -749,7 +745,6 @@ int ovani_update_host_lanport(const ovani_dhcpd_host_event *hostinfo, int portno
 }
 
 // --- Interface address
-// ----------------------------------------------------------------------------------------
 
 int get_lanif_addr(const char *ifname, char *ifaddr)
 {

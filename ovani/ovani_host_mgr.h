@@ -9,7 +9,6 @@ struct ovani_dhcpd_host_event;
 
 inline constexpr char OVANI_HOSTS_NODE_PATH[] = "InternetGatewayDevice.LANDevice.1.Hosts.";
 inline constexpr char OVANI_HOST_NODE_PATH[] = "InternetGatewayDevice.LANDevice.1.Hosts.Host.";
-inline constexpr char SPEEDLIMIT_MACLIST_FILE[] = "/qvconf/speedlimit_maclist";
 
 inline constexpr int OVANI_MAX_HOST_ENTRIES = 254;
 inline constexpr size_t OVANI_MAX_HOSTINFO_HASH_LEN = 20;

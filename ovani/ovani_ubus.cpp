@@ -36,7 +36,6 @@ ubus_object ovani_object = make_object(&s_ovani_object_type);
 } // namespace
 
 // --- Decoding
-// -------------------------------------------------------------------------------------------------
 
 namespace {
 
@@ -199,7 +198,6 @@ void ubus_handle_event_msg(ubus_context *, ubus_event_handler *, const char *typ
 }
 
 // --- Start-up and loop
-// ----------------------------------------------------------------------------------------
 
 void ovani_eventmgr_eventway_main(ubus_context *ctx)
 {

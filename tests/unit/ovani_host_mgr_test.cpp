@@ -322,6 +322,8 @@ TEST_F(HostMgrTest, TheFilterMarksHostsInactive)
 
 TEST_F(HostMgrTest, MeshSatellitesAreRememberedUpToTen)
 {
+    CommandPath path;
+    path.answer("meshinfo", "true");
     platform.values[mesh_mode] = "Master";
     platform.values["InternetGatewayDevice.LANDevice.1.WLANMeshConfiguration.Controller.Repeater.1.mac_br0"] =
         "02:00:00:00:00:00";
