@@ -1,0 +1,10 @@
+// Between blob.cpp and blobmsg.cpp.
+#ifndef BUS_BLOB_INTERNAL_H
+#define BUS_BLOB_INTERNAL_H
+
+#include <libubox/blob.h>
+
+// blob_nest_start with `payload` bytes, for the caller to fill, in front of what is nested.
+void *blob_nest_start_after(blob_buf *buf, int id, size_t payload);
+
+#endif

@@ -1,0 +1,334 @@
+// The bus on the command line.
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+#include <libubox/blobmsg_json.h>
+#include <libubus.h>
+
+namespace {
+
+// Exit statuses are bus statuses, but for these two.
+constexpr int kUsageError = 254;
+constexpr int kFailed = 255;
+
+struct Options {
+    const char *socket = nullptr;
+    int timeout = 0; // seconds; 0: not given
+    bool simple = false;
+    bool verbose = false;
+};
+Options options;
+
+constexpr int kDefaultTimeout = 30;
+
+int time_limit()
+{
+    return options.timeout ? options.timeout : kDefaultTimeout;
+}
+
+// A message built from an optional JSON argument.
+struct Message {
+    blob_buf buf = {};
+
+    Message() { blob_buf_init(&buf, 0); }
+    ~Message() { blob_buf_free(&buf); }
+    Message(const Message &) = delete;
+    Message &operator=(const Message &) = delete;
+
+    bool parse(const char *json) { return !json || blobmsg_add_json_from_string(&buf, json); }
+};
+
+void print_json(const char *before, char *json, const char *after)
+{
+    printf("%s%s%s\n", before, json ? json : "", after);
+    free(json);
+}
+
+// A timer that ends the loop (0 seconds: never), and is out of it when its scope ends.
+class EndTimer {
+public:
+    explicit EndTimer(int seconds)
+    {
+        timer_.cb = [](uloop_timeout *) { uloop_end(); };
+        if (seconds > 0)
+            uloop_timeout_set(&timer_, seconds * 1000);
+    }
+    ~EndTimer() { uloop_timeout_cancel(&timer_); }
+    EndTimer(const EndTimer &) = delete;
+    EndTimer &operator=(const EndTimer &) = delete;
+
+private:
+    uloop_timeout timer_ = {};
+};
+
+const char *parameter_type(void * /*priv*/, blob_attr *attr)
+{
+    if (blobmsg_type(attr) != BLOBMSG_TYPE_INT32)
+        return nullptr;
+    switch (blobmsg_get_u32(attr)) {
+    case BLOBMSG_TYPE_ARRAY:
+        return "\"Array\"";
+    case BLOBMSG_TYPE_TABLE:
+        return "\"Table\"";
+    case BLOBMSG_TYPE_STRING:
+        return "\"String\"";
+    case BLOBMSG_TYPE_INT32:
+        return "\"Integer\"";
+    case BLOBMSG_TYPE_BOOL:
+        return "\"Boolean\"";
+    default:
+        return "\"(unknown)\"";
+    }
+}
+
+void print_object(ubus_context * /*ctx*/, ubus_object_data *object, void * /*priv*/)
+{
+    if (options.simple || !options.verbose) {
+        printf("%s\n", object->path);
+        return;
+    }
+    printf("'%s' @%08x\n", object->path, object->id);
+    size_t left = 0;
+    blob_attr *method = nullptr;
+    blob_for_each_attr(method, object->signature, left)
+    {
+        print_json("\t", blobmsg_format_json_with_cb(method, false, parameter_type, nullptr, -1), "");
+    }
+}
+
+void print_reply(ubus_request * /*req*/, int /*type*/, blob_attr *msg)
+{
+    print_json("", blobmsg_format_json_indent(msg, true, options.simple ? -1 : 0), "");
+}
+
+void print_event(ubus_context * /*ctx*/, ubus_event_handler * /*ev*/, const char *type, blob_attr *msg)
+{
+    printf("{ \"%s\": ", type);
+    print_json("", blobmsg_format_json(msg, true), " }");
+    if (fflush(stdout) != 0) // nobody reads on
+        uloop_end();
+}
+
+int list_objects(ubus_context *ctx, int argc, char **argv)
+{
+    if (argc > 1)
+        return kUsageError;
+    return ubus_lookup(ctx, argc == 1 ? argv[0] : nullptr, print_object, nullptr);
+}
+
+// Into a log goes the whole command that failed; its exit status is negative then.
+int call_error(int argc, char **argv, int status)
+{
+    if (options.simple || isatty(STDERR_FILENO))
+        return status;
+    fprintf(stderr, "Command failed: ubus call ");
+    for (int i = 0; i < argc; i++)
+        fprintf(stderr, "%s ", argv[i]);
+    fprintf(stderr, "(%s)\n", ubus_strerror(status));
+    return -status;
+}
+
+int call_method(ubus_context *ctx, int argc, char **argv)
+{
+    if (argc < 2 || argc > 3)
+        return kUsageError;
+    Message message;
+    if (!message.parse(argc == 3 ? argv[2] : nullptr))
+        return call_error(argc, argv, UBUS_STATUS_PARSE_ERROR);
+    uint32_t id = 0;
+    int status = ubus_lookup_id(ctx, argv[0], &id);
+    if (status != UBUS_STATUS_OK)
+        return status;
+    status = ubus_invoke(ctx, id, argv[1], message.buf.head, print_reply, nullptr, time_limit() * 1000);
+    return status == UBUS_STATUS_OK ? status : call_error(argc, argv, status);
+}
+
+int send_event(ubus_context *ctx, int argc, char **argv)
+{
+    if (argc < 1 || argc > 2)
+        return kUsageError;
+    Message message;
+    if (!message.parse(argc == 2 ? argv[1] : nullptr))
+        return UBUS_STATUS_PARSE_ERROR;
+    return ubus_send_event(ctx, argv[0], message.buf.head);
+}
+
+int print_events(ubus_context *ctx, int argc, char **argv)
+{
+    ubus_event_handler handler = {};
+    handler.cb = print_event;
+    for (int i = 0; i < (argc > 0 ? argc : 1); i++) {
+        const char *pattern = argc > 0 ? argv[i] : "*";
+        const int status = ubus_register_event_handler(ctx, &handler, pattern);
+        if (status == UBUS_STATUS_OK)
+            continue;
+        if (!options.simple)
+            fprintf(stderr, "Error while registering for event '%s': %s\n", pattern, ubus_strerror(status));
+        return kFailed;
+    }
+
+    const EndTimer timer(options.timeout);
+    ubus_add_uloop(ctx);
+    uloop_run();
+    return ctx->sock.eof ? UBUS_STATUS_CONNECTION_FAILED : UBUS_STATUS_OK;
+}
+
+// The objects that are waited for; those that have come are null.
+struct Waiting {
+    ubus_event_handler handler = {};
+    char **paths = nullptr;
+    int count = 0;
+    int missing = 0;
+};
+
+void strike_out(Waiting &waiting, const char *path)
+{
+    for (int i = 0; i < waiting.count; i++) {
+        if (waiting.paths[i] && strcmp(waiting.paths[i], path) == 0) {
+            waiting.paths[i] = nullptr;
+            waiting.missing--;
+        }
+    }
+    if (waiting.missing == 0)
+        uloop_end();
+}
+
+void on_object_added(ubus_context * /*ctx*/, ubus_event_handler *ev, const char * /*type*/, blob_attr *msg)
+{
+    static constexpr blobmsg_policy kPolicy = {"path", BLOBMSG_TYPE_STRING};
+    blob_attr *path = nullptr;
+    blobmsg_parse(&kPolicy, 1, &path, blob_data(msg), static_cast<unsigned>(blob_len(msg)));
+    if (path)
+        strike_out(*container_of(ev, Waiting, handler), blobmsg_get_string(path));
+}
+
+void on_object_listed(ubus_context * /*ctx*/, ubus_object_data *object, void *priv)
+{
+    strike_out(*static_cast<Waiting *>(priv), object->path);
+}
+
+int wait_for_objects(ubus_context *ctx, int argc, char **argv)
+{
+    if (argc < 1)
+        return kUsageError;
+    Waiting waiting;
+    waiting.handler.cb = on_object_added;
+    waiting.paths = argv;
+    waiting.count = argc;
+    waiting.missing = argc;
+    ubus_add_uloop(ctx);
+    int status = ubus_register_event_handler(ctx, &waiting.handler, "ubus.object.add");
+    if (status == UBUS_STATUS_OK)
+        status = ubus_lookup(ctx, nullptr, on_object_listed, &waiting);
+    if (status != UBUS_STATUS_OK || waiting.missing == 0)
+        return status;
+
+    const EndTimer timer(time_limit());
+    uloop_run();
+    if (waiting.missing == 0)
+        return UBUS_STATUS_OK;
+    return ctx->sock.eof ? UBUS_STATUS_CONNECTION_FAILED : UBUS_STATUS_TIMEOUT;
+}
+
+struct Command {
+    const char *name;
+    int (*run)(ubus_context *ctx, int argc, char **argv);
+};
+constexpr Command kCommands[] = {
+    {"list", list_objects}, {"call", call_method},          {"listen", print_events},
+    {"send", send_event},   {"wait_for", wait_for_objects},
+};
+
+int usage(const char *program)
+{
+    fprintf(stderr,
+            "Usage: %s [<options>] <command> [arguments...]\n"
+            "Options:\n"
+            " -s <socket>    Connect to this socket instead of " UBUS_UNIX_SOCKET "\n"
+            " -t <seconds>   How long a call, listen or wait_for may take (call, wait_for: 30)\n"
+            " -S             Simplified output, for scripts\n"
+            " -v             More verbose output\n"
+            "\n"
+            "Commands:\n"
+            " list [<path>]                    List objects\n"
+            " call <path> <method> [<message>] Call a method of an object\n"
+            " listen [<pattern>...]            Print events as they come\n"
+            " send <type> [<message>]          Send an event\n"
+            " wait_for <object> [<object>...]  Wait until these objects are there\n"
+            "\n"
+            "A message is a JSON object. A path or pattern may end with '*'.\n",
+            program);
+    return 1;
+}
+
+bool parse_seconds(const char *text, int *seconds)
+{
+    char *end = nullptr;
+    errno = 0;
+    const long value = strtol(text, &end, 10);
+    if (errno != 0 || end == text || *end != '\0' || value < 0 || value > INT_MAX / 1000)
+        return false;
+    *seconds = static_cast<int>(value);
+    return true;
+}
+
+bool parse_options(int argc, char **argv)
+{
+    int option = 0;
+    while ((option = getopt(argc, argv, "s:t:Sv")) != -1) {
+        switch (option) {
+        case 's':
+            options.socket = optarg;
+            break;
+        case 't':
+            if (!parse_seconds(optarg, &options.timeout))
+                return false;
+            break;
+        case 'S':
+            options.simple = true;
+            break;
+        case 'v':
+            options.verbose = true;
+            break;
+        default:
+            return false;
+        }
+    }
+    return optind < argc;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    if (!parse_options(argc, argv))
+        return usage(argv[0]);
+    const Command *command = nullptr;
+    for (const Command &c : kCommands) {
+        if (strcmp(c.name, argv[optind]) == 0)
+            command = &c;
+    }
+
+    if (!command) {
+        usage(argv[0]);
+        return kUsageError;
+    }
+
+    ubus_context *ctx = ubus_connect(options.socket);
+    if (!ctx) {
+        if (!options.simple)
+            fprintf(stderr, "Failed to connect to ubus\n");
+        return kFailed;
+    }
+    const int status = command->run(ctx, argc - optind - 1, argv + optind + 1);
+    if (status == kUsageError)
+        usage(argv[0]);
+    else if (status > 0 && status < __UBUS_STATUS_LAST && !options.simple)
+        fprintf(stderr, "Command failed: %s\n", ubus_strerror(status));
+    ubus_free(ctx);
+    return status;
+}
