@@ -1,0 +1,337 @@
+// The bus wrapper over libubus: one connection, kept up across the broker's restarts. OVANI_UBUS_SOCKET names
+// the broker's socket, libubus's own default otherwise.
+//
+// libubus is not made for threads: these calls belong to the thread that runs the loop.
+#include "platform/lib_zk_ubus.h"
+
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <cstdlib>
+#include <list>
+#include <string>
+#include <vector>
+
+#include <time.h>
+
+#include "platform/zk_log.h"
+
+namespace {
+
+constexpr int RETRY_MS = 200;
+constexpr int CALL_TIMEOUT_MS = 3000;
+
+// What libubus knows of a caller's event handler. It outlives the caller's registration: a handler that is
+// unregistered while the broker is away can only be taken off the bus later.
+struct Subscription : ubus_event_handler {
+    ubus_event_handler *owner; // null once unregistered
+    std::vector<std::string> patterns;
+};
+
+struct Bus {
+    ubus_context *context = nullptr;
+    bool connected = false;
+    uloop_timeout retry{};
+    std::vector<ubus_object *> objects;
+    std::list<Subscription> subscriptions; // an address given to libubus stays
+};
+
+Bus bus;
+
+const char *socket_path()
+{
+    const char *path = std::getenv("OVANI_UBUS_SOCKET");
+    return path == nullptr || path[0] == '\0' ? nullptr : path;
+}
+
+// Told at the level of a fault both ways, so that whoever is shown the loss is shown its end.
+void log_state(const char *what)
+{
+    const char *path = socket_path();
+    zk_mod_log_printf("ubus", VELM_LOG_ERR, "%s (%s)\n", what, path == nullptr ? "default socket" : path);
+}
+
+bool is_ours(const ubus_context *ctx)
+{
+    return ctx != nullptr && ctx == bus.context;
+}
+
+// A failed write marks the socket before the loop comes to hear of it.
+bool is_lost()
+{
+    return !bus.connected || bus.context->sock.eof;
+}
+
+// Whether a request ended as it did because the connection broke; what status it got depends on how far it
+// came.
+bool was_lost(int status)
+{
+    return status == UBUS_STATUS_CONNECTION_FAILED || (status != UBUS_STATUS_OK && is_lost());
+}
+
+void deliver(ubus_context *ctx, ubus_event_handler *ev, const char *type, blob_attr *msg)
+{
+    ubus_event_handler *owner = static_cast<Subscription *>(ev)->owner;
+    if (owner != nullptr && owner->cb != nullptr)
+        owner->cb(ctx, owner, type, msg);
+}
+
+// The caller's subscription, or a new one.
+Subscription &subscription_of(ubus_event_handler *owner)
+{
+    Subscription *unused = nullptr;
+    for (Subscription &subscription : bus.subscriptions) {
+        if (subscription.owner == owner)
+            return subscription;
+        if (subscription.owner == nullptr && subscription.obj.id == 0)
+            unused = &subscription;
+    }
+    Subscription &created = unused == nullptr ? bus.subscriptions.emplace_back() : *unused;
+    created = Subscription{{}, owner, {}};
+    created.cb = deliver;
+    return created;
+}
+
+// False when the connection broke.
+bool publish(ubus_object *object)
+{
+    if (object->type != nullptr)
+        object->type->id = 0; // another broker's
+    int status = ubus_add_object(bus.context, object);
+    if (status != UBUS_STATUS_OK)
+        zk_mod_log_printf("ubus", VELM_LOG_ERR, "object %s: %s\n", object->name, ubus_strerror(status));
+    return !was_lost(status);
+}
+
+bool subscribe(Subscription &subscription, const std::string &pattern)
+{
+    int status = ubus_register_event_handler(bus.context, &subscription, pattern.c_str());
+    if (status != UBUS_STATUS_OK)
+        zk_mod_log_printf("ubus", VELM_LOG_ERR, "event %s: %s\n", pattern.c_str(), ubus_strerror(status));
+    return !was_lost(status);
+}
+
+// Tells a new broker what the old one knew; false when it is gone again. Events come in already, and their
+// handlers may call us.
+bool restore()
+{
+    const std::vector<ubus_object *> objects = bus.objects;
+    for (ubus_object *object : objects) {
+        bool published = object->id != 0; // by libubus, when it was on the bus before
+        if (!published && !publish(object))
+            return false;
+    }
+    for (Subscription &subscription : bus.subscriptions) {
+        for (size_t i = 0; i < subscription.patterns.size(); i++) {
+            if (!subscribe(subscription, subscription.patterns[i]))
+                return false;
+        }
+        if (subscription.owner == nullptr && subscription.obj.id != 0)
+            ubus_unregister_event_handler(bus.context, &subscription);
+    }
+    return !is_lost();
+}
+
+void reconnect(uloop_timeout *timeout)
+{
+    ubus_context *ctx = bus.context;
+    if (ubus_reconnect(ctx, socket_path()) == UBUS_STATUS_OK) {
+        bus.connected = true;
+        if (restore()) {
+            ubus_add_uloop(ctx);
+            log_state("connected to the broker again");
+            return;
+        }
+    } else {
+        ctx->sock.fd = -1; // closed already, and not to be closed again when the number is another file's
+    }
+    bus.connected = false;
+    uloop_timeout_set(timeout, RETRY_MS);
+}
+
+// libubus would end the loop here. May be called in the middle of a request, and again for the same loss.
+void connection_lost(ubus_context *ctx)
+{
+    if (!bus.connected)
+        return;
+    bus.connected = false;
+    log_state("the broker has gone, waiting for it");
+    uloop_fd_delete(&ctx->sock); // else its end wakes the loop again and again
+    bus.retry.cb = reconnect;
+    uloop_timeout_set(&bus.retry, RETRY_MS);
+}
+
+// Ends the process as the signal does by itself.
+void end_by_signal(int signo)
+{
+    signal(signo, SIG_DFL);
+    raise(signo);
+}
+
+// Connecting sets up the loop, and from then on SIGINT and SIGTERM only end the loop, which does not run yet.
+// While there is no broker they must go on ending the process.
+class SignalsWhileWaiting {
+public:
+    SignalsWhileWaiting()
+    {
+        for (size_t i = 0; i < SIGNALS.size(); i++) {
+            sigaction(SIGNALS[i], nullptr, &before_[i]);
+            if (before_[i].sa_handler == SIG_DFL)
+                signal(SIGNALS[i], end_by_signal);
+        }
+    }
+    SignalsWhileWaiting(const SignalsWhileWaiting &) = delete;
+    SignalsWhileWaiting &operator=(const SignalsWhileWaiting &) = delete;
+    ~SignalsWhileWaiting()
+    {
+        for (size_t i = 0; i < SIGNALS.size(); i++)
+            sigaction(SIGNALS[i], &before_[i], nullptr);
+        uloop_init(); // takes them now
+    }
+
+private:
+    static constexpr std::array<int, 2> SIGNALS = {SIGINT, SIGTERM};
+    std::array<struct sigaction, 2> before_{};
+};
+
+ubus_context *wait_for_broker()
+{
+    SignalsWhileWaiting signals;
+    ubus_context *ctx = ubus_connect(socket_path());
+    if (ctx != nullptr)
+        return ctx;
+    log_state("there is no broker yet, waiting for it");
+    while ((ctx = ubus_connect(socket_path())) == nullptr) {
+        timespec pause{.tv_sec = 0, .tv_nsec = RETRY_MS * 1'000'000L};
+        nanosleep(&pause, nullptr);
+    }
+    log_state("connected to the broker");
+    return ctx;
+}
+
+} // namespace
+
+int lib_zk_ubus_init(struct ubus_context **ctx)
+{
+    if (ctx == nullptr || bus.context != nullptr)
+        return UBUS_STATUS_INVALID_ARGUMENT;
+    uloop_handle_sigchld = false; // the caller's choice stands: its shell commands are reaped by the kernel
+    bus.context = wait_for_broker();
+    bus.connected = true;
+    bus.context->connection_lost = connection_lost;
+    ubus_add_uloop(bus.context);
+    *ctx = bus.context;
+    return UBUS_STATUS_OK;
+}
+
+int lib_zk_ubus_add_object(struct ubus_context *ctx, struct ubus_object *obj)
+{
+    if (!is_ours(ctx) || obj == nullptr)
+        return UBUS_STATUS_INVALID_ARGUMENT;
+    int status = is_lost() ? UBUS_STATUS_OK : ubus_add_object(ctx, obj);
+    if (status != UBUS_STATUS_OK && !was_lost(status))
+        return status;
+    if (std::find(bus.objects.begin(), bus.objects.end(), obj) == bus.objects.end())
+        bus.objects.push_back(obj);
+    return UBUS_STATUS_OK;
+}
+
+int lib_zk_ubus_register_event_handler(struct ubus_context *ctx, struct ubus_event_handler *ev,
+                                       const char *pattern)
+{
+    if (!is_ours(ctx) || ev == nullptr || pattern == nullptr)
+        return UBUS_STATUS_INVALID_ARGUMENT;
+    Subscription &subscription = subscription_of(ev);
+    auto &patterns = subscription.patterns;
+    if (std::find(patterns.begin(), patterns.end(), pattern) != patterns.end())
+        return UBUS_STATUS_OK;
+    int status = is_lost() ? UBUS_STATUS_OK : ubus_register_event_handler(ctx, &subscription, pattern);
+    if (status != UBUS_STATUS_OK && !was_lost(status)) {
+        if (patterns.empty())
+            lib_zk_ubus_unregister_event_handler(ctx, ev);
+        return status;
+    }
+    patterns.emplace_back(pattern);
+    return UBUS_STATUS_OK;
+}
+
+int lib_zk_ubus_unregister_event_handler(struct ubus_context *ctx, struct ubus_event_handler *ev)
+{
+    if (!is_ours(ctx) || ev == nullptr)
+        return UBUS_STATUS_INVALID_ARGUMENT;
+    for (Subscription &subscription : bus.subscriptions) {
+        if (subscription.owner != ev)
+            continue;
+        subscription.owner = nullptr;
+        subscription.patterns.clear();
+        if (subscription.obj.id == 0 || is_lost())
+            return UBUS_STATUS_OK;
+        int status = ubus_unregister_event_handler(ctx, &subscription);
+        return was_lost(status) ? UBUS_STATUS_OK : status;
+    }
+    return UBUS_STATUS_NOT_FOUND;
+}
+
+int lib_zk_ubus_send_event(struct ubus_context *ctx, const char *event, struct blob_buf msg)
+{
+    if (!is_ours(ctx) || event == nullptr || msg.head == nullptr)
+        return UBUS_STATUS_INVALID_ARGUMENT;
+    if (is_lost())
+        return UBUS_STATUS_CONNECTION_FAILED;
+    int status = ubus_send_event(ctx, event, msg.head);
+    return was_lost(status) ? UBUS_STATUS_CONNECTION_FAILED : status;
+}
+
+int lib_zk_ubus_call_method(struct ubus_context *ctx, const char *object, const char *method,
+                            struct blob_buf msg, ubus_data_handler_t cb, void *priv, int timeout)
+{
+    if (!is_ours(ctx) || object == nullptr || method == nullptr)
+        return UBUS_STATUS_INVALID_ARGUMENT;
+    if (is_lost())
+        return UBUS_STATUS_CONNECTION_FAILED;
+    uint32_t id = 0;
+    int status = ubus_lookup_id(ctx, object, &id);
+    if (status == UBUS_STATUS_OK)
+        status = ubus_invoke(ctx, id, method, msg.head, cb, priv, timeout > 0 ? timeout : CALL_TIMEOUT_MS);
+    return was_lost(status) ? UBUS_STATUS_CONNECTION_FAILED : status;
+}
+
+int lib_zk_ubus_run(unsigned int /*flag: every call is made on the thread that runs the loop*/)
+{
+    uloop_handle_sigchld = false;
+    uloop_init();
+    // uloop_run would forget that it was ended by a signal before it began.
+    if (!uloop_cancelled)
+        uloop_run();
+    uloop_cancelled = false;
+    return UBUS_STATUS_OK;
+}
+
+int lib_zk_ubus_exit(struct ubus_context *ctx)
+{
+    if (!is_ours(ctx))
+        return UBUS_STATUS_INVALID_ARGUMENT;
+    uloop_timeout_cancel(&bus.retry);
+    ubus_free(ctx);
+    for (ubus_object *object : bus.objects) { // as they were before they were published
+        object->id = 0;
+        if (object->type != nullptr)
+            object->type->id = 0;
+    }
+    bus = {};
+    return UBUS_STATUS_OK;
+}
+
+int lib_zk_blobmsg_add_struct(struct blob_buf *buf, const char *name, const void *data, int len)
+{
+    if (buf == nullptr || name == nullptr || len < 0 || (data == nullptr && len > 0))
+        return UBUS_STATUS_INVALID_ARGUMENT;
+    return blobmsg_add_field(buf, BLOBMSG_TYPE_UNSPEC, name, data, static_cast<unsigned int>(len)) == 0
+               ? UBUS_STATUS_OK
+               : UBUS_STATUS_NO_MEMORY;
+}
+
+void *lib_zk_blobmsg_get_struct(struct blob_attr *attr)
+{
+    return attr == nullptr ? nullptr : blobmsg_data(attr);
+}
