@@ -1,0 +1,174 @@
+#!/bin/bash
+# A living gateway on this workstation: builds ovani, raises a simulated gateway, plugs four devices in and shows
+# its LAN hosts until Ctrl-C. Nothing is left behind.
+set -euo pipefail
+
+usage() {
+    cat <<'USAGE'
+usage: ./run.sh [OPTION]...
+
+  --once            without a terminal: wait until all four devices are there and right, print them, unplug one,
+                    see it retired, print them again; exit 0, or 1 with the reason and the end of the log
+  --carrier NAME    operator profile: ct (China Telecom; a host that leaves is deleted), cm or cu (it stays, inactive)
+  --build DIR       use the programs built there instead of building
+  -h, --help        this text
+
+Needs root, for namespaces and for installing what is missing (Debian 12).
+USAGE
+}
+
+cd "$(dirname "$(realpath "$0")")"
+readonly PATIENCE=30 # seconds a device may take to become what it should be
+readonly HOSTS=InternetGatewayDevice.LANDevice.1.Hosts.Host.
+once=false
+carrier=ct
+build=""
+while (($#)); do
+    case $1 in
+    --once) once=true ;;
+    --carrier | --build)
+        (($# > 1)) || { echo "run.sh: $1 needs a value" >&2 && exit 2; }
+        declare "${1#--}=$2"
+        shift
+        ;;
+    -h | --help) usage && exit 0 ;;
+    *) echo "run.sh: unknown option $1" >&2 && usage >&2 && exit 2 ;;
+    esac
+    shift
+done
+[[ $carrier =~ ^(ct|cm|cu)$ ]] || { echo "run.sh: there are the carriers ct, cm and cu" >&2 && exit 2; }
+[[ $(id -u) == 0 ]] || { echo "run.sh: please run me as root" >&2 && exit 1; }
+
+say() { echo "run.sh: $*"; }
+
+if [[ -z $build ]]; then
+    build=build/run
+    tools/install-packages.sh run
+    say "building"
+    cmake --preset release -B "$build" -DOVANI_TESTS=OFF -DOVANI_BENCH=OFF >"${TMPDIR:-/tmp}/ovani-cmake.$$" || {
+        cat "${TMPDIR:-/tmp}/ovani-cmake.$$" >&2
+        rm -f "${TMPDIR:-/tmp}/ovani-cmake.$$"
+        exit 1
+    }
+    rm -f "${TMPDIR:-/tmp}/ovani-cmake.$$"
+    cmake --build "$build" --target gateway
+fi
+
+# The gateway that `tools/gateway exec` finds by itself, unless there is one already or this is but a check.
+export OVANI_GATEWAY=/run/ovani-gateway
+if $once || [[ -e $OVANI_GATEWAY ]]; then
+    OVANI_GATEWAY+=.$$
+fi
+
+plugger=""
+come_down() {
+    local status=$?
+    trap - EXIT
+    trap '' INT TERM HUP
+    [[ -z $plugger ]] || kill "$plugger" 2>/dev/null || true
+    if ((status != 0)) && [[ -d $OVANI_GATEWAY/log ]] && $once; then
+        tools/gateway logs >&2 || true
+    fi
+    tools/gateway down 2>/dev/null || rm -rf "$OVANI_GATEWAY"
+    exit "$status"
+}
+trap come_down EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM HUP
+
+# --- four devices -----------------------------------------------------------------------------------------------
+
+# By MAC: what each must become. "客厅电视" comes over the air in GBK.
+declare -A expected=(
+    [02:00:00:00:01:01]="HostName= DeviceType=PC X_QV_DeviceType= IPAddress=192.168.1.10 AddressSource=STATIC Port=1"
+    [02:00:00:00:01:02]="HostName=DESKTOP-7Q2 X_QV_DeviceType=5 IPAddress=192.168.1.100 AddressSource=DHCP Port=2"
+    [02:00:00:00:01:03]="HostName=客厅电视 X_QV_DeviceType=0 IPAddress=192.168.1.101 AddressSource=DHCP Port=3"
+    [02:00:00:00:01:04]="HostName=Pixel-8 X_QV_DeviceType=3 IPAddress=192.168.1.102 AddressSource=DHCP Port=4"
+)
+
+plug_all() {
+    local pause=$1
+    tools/gateway plug 1 printer static 192.168.1.10
+    sleep "$pause"
+    tools/gateway plug 2 desktop dhcp DESKTOP-7Q2 "MSFT 5.0"
+    sleep "$pause"
+    tools/gateway plug 3 tv dhcp $'\xbf\xcd\xcc\xfc\xb5\xe7\xca\xd3'
+    sleep "$pause"
+    tools/gateway plug 4 phone dhcp Pixel-8 android-dhcp-14
+}
+
+hosts() { tools/gateway exec ovanictl hosts; }
+
+# The parameters of the host object of a MAC, one NAME=VALUE a line; nothing when there is no such object.
+host_parameters() {
+    tools/gateway exec ovanictl get "$HOSTS" | awk -v mac="$1" -v prefix="$HOSTS" '
+        { line = substr($0, length(prefix) + 1)
+          instance = line; sub(/\..*/, "", instance)
+          sub(/^[0-9]+\./, "", line); sub(/ = /, "=", line)
+          of[instance] = of[instance] line "\n"
+          if (tolower(line) == "macaddress=" mac) found = instance }
+        END { printf "%s", of[found] }'
+}
+
+# is_right MAC: says on standard output what is not as it should be.
+is_right() {
+    local parameters want right=true
+    parameters=$(host_parameters "$1")
+    for want in ${expected[$1]} Active=1; do
+        grep -qxF -- "$want" <<<"$parameters" && continue
+        echo "$1: $want expected, there is: $(grep -F -- "${want%%=*}=" <<<"$parameters" || echo "no such host")"
+        right=false
+    done
+    $right
+}
+
+is_retired() {
+    local parameters
+    parameters=$(host_parameters "$1")
+    if [[ $carrier == ct ]]; then
+        [[ -z $parameters ]] || { echo "$1: still there" && return 1; }
+    else
+        grep -qx Active=0 <<<"$parameters" || { echo "$1: not inactive" && return 1; }
+    fi
+}
+
+# eventually COMMAND...: until it succeeds, or prints what it said last.
+eventually() {
+    local end=$((SECONDS + PATIENCE)) said
+    until said=$("$@"); do
+        ((SECONDS < end)) || { echo "$said" >&2 && return 1; }
+        sleep 0.1
+    done
+}
+
+check() {
+    local mac
+    say "plugging four devices in"
+    plug_all 0
+    for mac in "${!expected[@]}"; do
+        eventually is_right "$mac" || return 1
+    done
+    hosts
+    say "unplugging the phone"
+    tools/gateway unplug phone
+    eventually is_retired 02:00:00:00:01:04 || return 1
+    hosts
+    for mac in 02:00:00:00:01:0{1,2,3}; do
+        eventually is_right "$mac" || return 1
+    done
+    say "the phone is retired, the others are as they were"
+}
+
+say "raising the gateway"
+tools/gateway up --build "$build" --carrier "$carrier" --owner $$
+if $once; then
+    check || { say "not as it should be" >&2 && exit 1; }
+else
+    plug_all 1.5 >>"$OVANI_GATEWAY/log/plug.log" 2>&1 &
+    plugger=$!
+    note="Ctrl-C takes the gateway down. From another terminal: tools/gateway unplug phone, tools/gateway --help"
+    [[ $OVANI_GATEWAY == /run/ovani-gateway ]] || note+=" (export OVANI_GATEWAY=$OVANI_GATEWAY first)"
+    trap : INT # ends the view, not this script
+    tools/gateway exec ovanictl hosts --watch --events --note "$note"
+    echo "The gateway is taken down."
+fi

@@ -1,0 +1,87 @@
+#include "tools/bus.h"
+
+#include <cstdio>
+
+extern "C" {
+#include <libubox/blobmsg_json.h>
+}
+
+namespace {
+
+constexpr int RETRY_MS = 250;
+
+// libubus hands its callbacks the context alone, so the one Bus of the process is kept here.
+Bus *s_bus = nullptr;
+
+} // namespace
+
+bool Message::add_json(const std::string &json)
+{
+    return blobmsg_add_json_from_string(&buf_, json.c_str());
+}
+
+BusConnection connect_bus(const char *socket)
+{
+    return BusConnection(ubus_connect(socket));
+}
+
+Bus::Bus(std::string socket) : socket_(std::move(socket))
+{
+    s_bus = this;
+    retry_.bus = this;
+    retry_.cb = [](uloop_timeout *t) { static_cast<Retry *>(t)->bus->connect(); };
+}
+
+Bus::~Bus()
+{
+    uloop_timeout_cancel(&retry_);
+    s_bus = nullptr;
+}
+
+void Bus::start()
+{
+    connect();
+    if (!ctx_)
+        fprintf(stderr, "no broker at %s yet, waiting\n",
+                socket_.empty() ? BUS_DEFAULT_SOCKET : socket_.c_str());
+}
+
+void Bus::connect()
+{
+    ctx_.reset();
+    ctx_ = connect_bus(socket_.empty() ? nullptr : socket_.c_str());
+    if (!ctx_) {
+        uloop_timeout_set(&retry_, RETRY_MS);
+        return;
+    }
+    ctx_->connection_lost = [](ubus_context *) { s_bus->lost(); };
+    listener_ = {};
+    listener_.cb = [](ubus_context *, ubus_event_handler *, const char *event, blob_attr *msg) {
+        s_bus->on_event(event, msg);
+    };
+    ubus_add_uloop(ctx_.get());
+    if (on_connect)
+        on_connect();
+}
+
+// libubus is still using the context when it says that the connection is lost: freeing it waits for the
+// timer.
+void Bus::lost()
+{
+    if (retry_.pending)
+        return;
+    fprintf(stderr, "broker lost, reconnecting\n");
+    if (on_lost)
+        on_lost();
+    uloop_timeout_set(&retry_, RETRY_MS);
+}
+
+bool Bus::subscribe(const char *pattern)
+{
+    return ubus_register_event_handler(ctx_.get(), &listener_, pattern) == UBUS_STATUS_OK;
+}
+
+bool Bus::send(const char *event, const Message &msg)
+{
+    return context() && ubus_send_event(context(), event, msg.head()) == UBUS_STATUS_OK;
+}

@@ -1,0 +1,384 @@
+// ovanictl hosts: the LAN hosts as the configuration store has them.
+
+#include "tools/ovanictl.h" // CLI11 before libubox, whose macros take one of its names
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <deque>
+#include <map>
+#include <memory>
+#include <vector>
+
+#include <sys/ioctl.h>
+#include <sys/sysinfo.h>
+#include <unistd.h>
+
+#include "ovani/ovani_event.h"
+#include "platform/host/store.h"
+#include "tools/bus.h"
+#include "tools/events.h"
+#include "tools/text.h"
+
+namespace {
+
+constexpr std::string_view HOSTS_PATH = "InternetGatewayDevice.LANDevice.1.Hosts.Host.";
+constexpr int STORE_WAIT_MS = 5000;
+constexpr int REFRESH_MS = 1000; // durations tick, and a change that nobody announced shows up
+constexpr int CHANGE_MS = 50;    // gathers the announcements of one burst
+constexpr size_t WIDEST_NAME = 32;
+constexpr size_t EVENTS_KEPT = 200;
+
+struct Host {
+    int instance = 0;
+    std::map<std::string, std::string, std::less<>> parameters;
+
+    std::string_view get(std::string_view name) const
+    {
+        const auto found = parameters.find(name);
+        return found == parameters.end() ? std::string_view() : found->second;
+    }
+    bool active() const { return get("Active") == "1"; }
+};
+
+std::vector<Host> read_hosts()
+{
+    StoreListing listing;
+    const int result = store_list(HOSTS_PATH, listing, STORE_WAIT_MS);
+    if (result != STORE_OK)
+        fail(std::string(HOSTS_PATH) + ": " + store_strerror(result));
+    std::vector<Host> hosts;
+    for (auto &[path, value] : listing) {
+        const std::string_view rest = std::string_view(path).substr(HOSTS_PATH.size());
+        const size_t dot = rest.find('.');
+        const auto instance = parse_number(rest.substr(0, dot), 1, INT32_MAX);
+        if (!instance || dot == std::string_view::npos)
+            continue;
+        if (hosts.empty() || hosts.back().instance != *instance)
+            hosts.push_back({static_cast<int>(*instance), {}});
+        hosts.back().parameters.emplace(rest.substr(dot + 1), std::move(value));
+    }
+    return hosts;
+}
+
+// X_QV_DeviceType's number tells more than DeviceType's word where it is set.
+std::string type_of(const Host &host)
+{
+    static constexpr const char *words[] = {"",   "agent", "router", "phone", "pad",
+                                            "PC", "OTT",   "camera", "IoT",   "slave AP"};
+    const auto number = parse_number(host.get("X_QV_DeviceType"), 1, std::size(words) - 1);
+    if (number)
+        return words[*number];
+    return host.get("DeviceType") == "OTHER" ? "" : std::string(host.get("DeviceType"));
+}
+
+std::string port_of(const Host &host)
+{
+    const std::string_view path = host.get("Layer2Interface");
+    const std::string number(host.get("Port"));
+    if (path.find("LANEthernetInterfaceConfig.") != std::string_view::npos)
+        return "LAN" + number;
+    if (path.find("WLANConfiguration.") != std::string_view::npos)
+        return "Wi-Fi " + number;
+    return "";
+}
+
+// Seconds since it came, or since it went; -1 when its time is not of this boot.
+long seconds_since(const Host &host)
+{
+    struct sysinfo now {};
+    sysinfo(&now);
+    const auto then =
+        parse_number(host.get(host.active() ? "LatestActiveTime" : "LatestInactiveTime"), 0, now.uptime);
+    return then ? now.uptime - *then : -1;
+}
+
+std::string since_text(const Host &host)
+{
+    const long seconds = seconds_since(host);
+    return seconds < 0 ? "" : format_duration(seconds);
+}
+
+std::string hosts_json(const std::vector<Host> &hosts)
+{
+    std::string out = "[";
+    for (const Host &host : hosts) {
+        const auto member = [&](const char *name, std::string_view value) {
+            out += std::string(",\"") + name + "\":" + json_quote(value);
+        };
+        out += out.size() > 1 ? ",\n {" : "\n {";
+        out += "\"instance\":" + std::to_string(host.instance);
+        member("name", host.get("HostName"));
+        member("mac", host.get("MACAddress"));
+        member("address", host.get("IPAddress"));
+        member("source", host.get("AddressSource"));
+        member("ipv6", host.get("IPv6Address"));
+        member("type", type_of(host));
+        member("port", port_of(host));
+        out += ",\"active\":" + std::string(host.active() ? "true" : "false");
+        out += ",\"since\":" + std::to_string(seconds_since(host));
+        out += ",\"parameters\":{";
+        const char *comma = "";
+        for (const auto &[name, value] : host.parameters) {
+            out += comma + json_quote(name) + ':' + json_quote(value);
+            comma = ",";
+        }
+        out += "}}";
+    }
+    return out + (hosts.empty() ? "]" : "\n]");
+}
+
+// Terminal sequences, empty where they would be noise.
+struct Style {
+    const char *bold = "";
+    const char *dim = "";
+    const char *green = "";
+    const char *plain = "";
+};
+
+Style style_for(int fd)
+{
+    const char *term = getenv("TERM");
+    if (!isatty(fd) || getenv("NO_COLOR") || !term || strcmp(term, "dumb") == 0)
+        return {};
+    return {"\033[1m", "\033[2m", "\033[32m", "\033[0m"};
+}
+
+constexpr std::array TITLES = {"NAME", "MAC", "ADDRESS", "SOURCE", "IPV6", "TYPE", "PORT", "SINCE", "ACTIVE"};
+using Row = std::array<std::string, TITLES.size()>;
+
+Row row_of(const Host &host)
+{
+    Row row = {std::string(host.get("HostName")),
+               std::string(host.get("MACAddress")),
+               std::string(host.get("IPAddress")),
+               std::string(host.get("AddressSource")),
+               std::string(host.get("IPv6Address")),
+               type_of(host),
+               port_of(host),
+               since_text(host),
+               host.active() ? "yes" : "no"};
+    for (std::string &cell : row)
+        cell = cell.empty() ? "-" : printable(cell);
+    return row;
+}
+
+// A line a host below a line of titles. The name gives way where the terminal is too narrow.
+std::vector<std::string> table_lines(const std::vector<Host> &hosts, const Style &style, size_t width)
+{
+    std::vector<Row> rows;
+    std::array<size_t, TITLES.size()> widths{};
+    for (size_t i = 0; i < TITLES.size(); i++)
+        widths[i] = strlen(TITLES[i]);
+    for (const Host &host : hosts) {
+        rows.push_back(row_of(host));
+        for (size_t i = 0; i < TITLES.size(); i++)
+            widths[i] = std::max(widths[i], columns_of(rows.back()[i]));
+    }
+    widths[0] = std::min(widths[0], WIDEST_NAME);
+    size_t total = 0;
+    for (const size_t w : widths)
+        total += w + 2;
+    if (total > width && widths[0] > 8)
+        widths[0] = std::max<size_t>(8, widths[0] - std::min(widths[0], total - width));
+
+    const auto line_of = [&](const auto &cells) {
+        std::string line;
+        for (size_t i = 0; i < TITLES.size(); i++)
+            line += fit(cells[i], widths[i]) + "  ";
+        line.erase(line.find_last_not_of(' ') + 1);
+        return line;
+    };
+    std::vector<std::string> lines = {style.bold + line_of(TITLES) + style.plain};
+    for (size_t i = 0; i < rows.size(); i++)
+        lines.push_back((hosts[i].active() ? "" : style.dim) + line_of(rows[i]) + style.plain);
+    if (rows.empty())
+        lines.emplace_back("(no hosts)");
+    return lines;
+}
+
+// How people know the host of an instance: by its name, or else its MAC.
+std::string name_of(const std::vector<Host> &hosts, int instance)
+{
+    for (const Host &host : hosts)
+        if (host.instance == instance)
+            return "  " +
+                   printable(host.get("HostName").empty() ? host.get("MACAddress") : host.get("HostName"));
+    return instance == 0 ? "" : "  (gone)";
+}
+
+std::string summary(const std::vector<Host> &hosts)
+{
+    const auto active = std::count_if(hosts.begin(), hosts.end(), [](const Host &h) { return h.active(); });
+    return std::to_string(hosts.size()) + (hosts.size() == 1 ? " host, " : " hosts, ") +
+           std::to_string(active) + " active";
+}
+
+struct HostsCommand {
+    bool json = false;
+    bool watch = false;
+    bool events = false;
+    std::string note;
+};
+
+// The table refreshed in place, on a screen of its own that goes away at the end. Without a terminal: the
+// table again whenever it has changed.
+class HostsView {
+public:
+    HostsView(const HostsCommand &command, const std::string &socket);
+    void run();
+
+private:
+    struct Timer : uloop_timeout {
+        HostsView *view;
+    };
+    void event(const char *name, blob_attr *msg);
+    void refresh();
+    void draw_screen(const std::vector<Host> &hosts);
+    void print_changes(const std::vector<Host> &hosts);
+
+    const HostsCommand command_;
+    const bool on_terminal_ = isatty(STDOUT_FILENO) != 0;
+    const Style style_ = style_for(STDOUT_FILENO);
+    Bus bus_;
+    Timer timer_{};
+    struct Happening {
+        std::string line;
+        int instance = 0; // of the host it is about, where it names one
+    };
+    std::deque<Happening> events_; // newest last
+    std::vector<Row> printed_;
+};
+
+HostsView::HostsView(const HostsCommand &command, const std::string &socket) : command_(command), bus_(socket)
+{
+    bus_.on_connect = [this] { bus_.subscribe(command_.events ? "*" : UBUS_EVENT_LANHOST_PARAM_CHANGE); };
+    bus_.on_event = [this](const char *name, blob_attr *msg) { event(name, msg); };
+    timer_.view = this;
+    timer_.cb = [](uloop_timeout *t) { static_cast<Timer *>(t)->view->refresh(); };
+}
+
+void HostsView::run()
+{
+    if (on_terminal_)
+        fputs("\033[?1049h\033[?25l", stdout); // the other screen, no cursor
+    bus_.start();
+    refresh();
+    uloop_run();
+    if (on_terminal_)
+        fputs("\033[?25h\033[?1049l", stdout);
+    fflush(stdout);
+}
+
+void HostsView::event(const char *name, blob_attr *msg)
+{
+    uloop_timeout_set(&timer_, CHANGE_MS);
+    if (!command_.events)
+        return;
+    const auto fields = decode_event(name, msg);
+    Happening happening{clock_text() + "  " + event_line(name, fields), 0};
+    if (strcmp(name, UBUS_EVENT_LANHOST_PARAM_CHANGE) == 0)
+        happening.instance = static_cast<int>(parse_number(fields.back().value, 1, INT32_MAX).value_or(0));
+    if (!on_terminal_)
+        puts(happening.line.c_str());
+    events_.push_back(std::move(happening));
+    if (events_.size() > EVENTS_KEPT)
+        events_.pop_front();
+}
+
+void HostsView::refresh()
+{
+    uloop_timeout_set(&timer_, REFRESH_MS);
+    const auto hosts = read_hosts();
+    if (on_terminal_)
+        draw_screen(hosts);
+    else
+        print_changes(hosts);
+    if (fflush(stdout) == EOF)
+        uloop_end();
+}
+
+// Each line is drawn over the old one and its rest cleared: nothing flickers.
+void HostsView::draw_screen(const std::vector<Host> &hosts)
+{
+    winsize size{};
+    const bool known = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_row > 0 && size.ws_col > 0;
+    const size_t height = known ? size.ws_row : 24;
+    const size_t width = known ? size.ws_col : 80;
+
+    std::vector<std::string> lines = {std::string(style_.green) + "●" + style_.plain + " LAN hosts: " +
+                                      summary(hosts) + (bus_.context() ? "" : ", no broker")};
+    if (!command_.note.empty())
+        lines.push_back(style_.dim + printable(command_.note) + style_.plain);
+    lines.emplace_back();
+    for (std::string &line : table_lines(hosts, style_, width))
+        lines.push_back(std::move(line));
+    if (command_.events && lines.size() + 3 < height) {
+        lines.emplace_back();
+        lines.push_back(std::string(style_.bold) + "EVENTS" + style_.plain);
+        const size_t room = std::min(height - lines.size() - 1, events_.size());
+        for (size_t i = events_.size() - room; i < events_.size(); i++)
+            lines.push_back(style_.dim + events_[i].line + name_of(hosts, events_[i].instance) +
+                            style_.plain);
+    }
+    if (lines.size() >= height)
+        lines.resize(height - 1);
+
+    fputs("\033[H\033[?7l", stdout); // home; long lines are cut, not wrapped
+    for (const std::string &line : lines)
+        printf("%s\033[K\n", line.c_str());
+    fputs("\033[J\033[?7h", stdout);
+}
+
+void HostsView::print_changes(const std::vector<Host> &hosts)
+{
+    constexpr size_t since = 7; // changes by itself
+    std::vector<Row> rows;
+    for (const Host &host : hosts) {
+        rows.push_back(row_of(host));
+        rows.back()[since].clear();
+    }
+    if (rows == printed_)
+        return;
+    printed_ = std::move(rows);
+    for (const std::string &line : table_lines(hosts, style_, SIZE_MAX))
+        puts(line.c_str());
+    putchar('\n');
+}
+
+void show_hosts(const HostsCommand &command, const std::string &socket)
+{
+    if (command.watch) {
+        uloop_init();
+        HostsView(command, socket).run();
+        return;
+    }
+    const auto hosts = read_hosts();
+    if (command.json) {
+        puts(hosts_json(hosts).c_str());
+        return;
+    }
+    winsize size{};
+    const bool known = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
+    for (const std::string &line :
+         table_lines(hosts, style_for(STDOUT_FILENO), known ? size.ws_col : SIZE_MAX))
+        puts(line.c_str());
+}
+
+} // namespace
+
+void add_hosts_command(CLI::App &app, const CtlOptions &options)
+{
+    auto command = std::make_shared<HostsCommand>();
+    CLI::App *hosts = app.add_subcommand("hosts", "Show the LAN hosts");
+    hosts->footer("SINCE counts from when the host came or, if it is no longer active, from when it went.");
+    CLI::Option *json = hosts->add_flag("--json", command->json, "as a JSON array, with all parameters");
+    CLI::Option *watch =
+        hosts->add_flag("-w,--watch", command->watch, "keep the table up to date until interrupted")
+            ->excludes(json);
+    hosts->add_flag("-e,--events", command->events, "and show the bus's events below it")->needs(watch);
+    hosts->add_option("--note", command->note, "a line of text for the top of the screen")->needs(watch);
+    hosts->callback([command, &options] { show_hosts(*command, options.socket); });
+}

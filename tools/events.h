@@ -1,0 +1,68 @@
+// The gateway's bus events: made by the watcher, the DHCP hook and `ovanictl emit`, read by `ovanictl
+// events`.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <netinet/in.h>
+
+#include "tools/bus.h"
+#include "tools/text.h"
+
+// An event ready to be sent.
+struct Event {
+    const char *name;
+    Message message;
+
+    bool send(ubus_context *ctx) const
+    {
+        return ubus_send_event(ctx, name, message.head()) == UBUS_STATUS_OK;
+    }
+};
+
+// "109": a MAC learned on a bridge port, or aged out.
+Event make_mac_event(bool learned, const Mac &mac, std::string_view port, std::string_view bridge);
+// "110": an IPv4 neighbour of the bridge that came or went.
+Event make_arp_event(bool added, in_addr address, const Mac &mac, std::string_view bridge);
+// "106": link of a LAN Ethernet port, counted from 1.
+Event make_port_event(uint8_t port, bool up);
+// "111": a Wi-Fi station; `ssid` counts from 0.
+Event make_wifi_event(bool joined, const Mac &mac, uint8_t ssid);
+
+// A DHCPv4 lease as the DHCP server knows it; the texts are whatever bytes the client sent.
+struct Lease {
+    bool gone = false;
+    std::string address;
+    std::string source = "DHCP";
+    std::string acknowledged; // when the lease was acknowledged
+    long seconds = 0;         // remaining
+    std::string name;
+    std::string device_type;
+    std::string vendor_class; // option 60
+    std::string mac;
+};
+// The text of a lease in a "dhcp_user_event": its fields with a '#' before each. A '#' or a control character
+// inside a field becomes '_', so no field can shift its neighbours or end the text.
+std::string lease_text(const Lease &lease);
+// "dhcp_user_event" with any text.
+Event make_dhcp_event(const std::string &text);
+
+// What an event says, as name and value in the order of its record. `number` values stand unquoted in JSON.
+struct EventField {
+    const char *name;
+    std::string value;
+    bool number = false;
+};
+// A message that is not what its event should carry yields one field named "error"; an event that is none of
+// the gateway's yields one named "message", its content as JSON.
+std::vector<EventField> decode_event(std::string_view name, blob_attr *msg);
+
+// The time of day, for people following events: 12:30:01.
+std::string clock_text();
+// One line, safe on a terminal: the fields after their labels, the first without.
+std::string event_line(std::string_view name, const std::vector<EventField> &fields);
+// One JSON object.
+std::string event_json(std::string_view name, const std::vector<EventField> &fields);

@@ -1,0 +1,44 @@
+// ovanictl: looks at the LAN hosts, the configuration store and the bus of a gateway, and pokes them.
+
+#include "tools/ovanictl.h"
+
+#include <clocale>
+#include <csignal>
+#include <cstdio>
+
+#include "tools/bus.h"
+
+void fail(const std::string &reason)
+{
+    fprintf(stderr, "ovanictl: %s\n", reason.c_str());
+    throw CLI::RuntimeError(1);
+}
+
+int main(int argc, char **argv)
+try {
+    setlocale(LC_CTYPE, "C.UTF-8"); // widths of characters, whatever the caller's locale
+    signal(SIGPIPE, SIG_IGN);
+
+    CLI::App app{"Looks at the LAN hosts, the configuration store and the bus of a gateway, and pokes them"};
+    app.name("ovanictl");
+    app.require_subcommand(1);
+    app.footer("The environment variable OVANI_STORE names the configuration store's file.\n"
+               "Exit status: 0 done, 1 failed, 2 a wrong command line.");
+    CtlOptions options;
+    app.add_option("-s,--socket", options.socket, "the bus's socket")->default_str(BUS_DEFAULT_SOCKET);
+    add_hosts_command(app, options);
+    add_store_commands(app);
+    add_events_command(app, options);
+    add_emit_command(app, options);
+    add_sysmgr_command(app, options);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &e) {
+        const int status = app.exit(e); // prints help, or what is wrong
+        return status > 1 ? 2 : status;
+    }
+    return 0;
+} catch (const std::exception &e) {
+    fprintf(stderr, "ovanictl: %s\n", e.what());
+    return 1;
+}

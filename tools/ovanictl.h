@@ -1,0 +1,22 @@
+// ovanictl's commands. Each function adds its command to the program; a command that fails says why on
+// standard error and leaves with fail().
+#pragma once
+
+#include <string>
+
+#include <CLI/CLI.hpp>
+
+struct CtlOptions {
+    std::string socket; // the bus's; empty for the usual place
+
+    const char *socket_or_null() const { return socket.empty() ? nullptr : socket.c_str(); }
+};
+
+// Prints "ovanictl: ..." and ends the command with exit status 1.
+[[noreturn]] void fail(const std::string &reason);
+
+void add_hosts_command(CLI::App &app, const CtlOptions &options);
+void add_store_commands(CLI::App &app);
+void add_events_command(CLI::App &app, const CtlOptions &options);
+void add_emit_command(CLI::App &app, const CtlOptions &options);
+void add_sysmgr_command(CLI::App &app, const CtlOptions &options);

@@ -1,0 +1,219 @@
+#include "tools/text.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstdio>
+#include <cwchar>
+
+namespace {
+
+struct CodePoint {
+    char32_t value;
+    size_t length; // bytes taken; 0 when the text does not start with a well-formed sequence
+};
+
+// RFC 3629: shortest forms only, no surrogates, nothing beyond U+10FFFF.
+CodePoint decode_utf8(std::string_view text)
+{
+    const auto byte = [&](size_t i) { return static_cast<uint8_t>(text[i]); };
+    if (byte(0) < 0x80)
+        return {byte(0), 1};
+    const size_t length = byte(0) >= 0xf0 ? 4 : byte(0) >= 0xe0 ? 3 : 2;
+    if (byte(0) < 0xc2 || byte(0) > 0xf4 || text.size() < length)
+        return {0, 0};
+    char32_t value = byte(0) & (0x7fU >> length);
+    for (size_t i = 1; i < length; i++) {
+        if ((byte(i) & 0xc0) != 0x80)
+            return {0, 0};
+        value = (value << 6) | (byte(i) & 0x3fU);
+    }
+    static constexpr char32_t smallest[] = {0, 0, 0x80, 0x800, 0x10000};
+    if (value < smallest[length] || value > 0x10ffff || (value >= 0xd800 && value <= 0xdfff))
+        return {0, 0};
+    return {value, length};
+}
+
+// Characters that move the cursor, end the line or turn the text around.
+bool disturbs_terminal(char32_t c)
+{
+    return c < 0x20 || (c >= 0x7f && c < 0xa0) || c == 0x061c || (c >= 0x200e && c <= 0x200f) ||
+           (c >= 0x2028 && c <= 0x202e) || (c >= 0x2066 && c <= 0x2069);
+}
+
+int hex_digit(char c)
+{
+    if (c >= '0' && c <= '9')
+        return c - '0';
+    if (c >= 'a' && c <= 'f')
+        return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F')
+        return c - 'A' + 10;
+    return -1;
+}
+
+std::string hex_escape(std::string_view bytes)
+{
+    std::string out;
+    for (const char c : bytes) {
+        char text[8];
+        snprintf(text, sizeof text, "\\x%02X", static_cast<unsigned>(static_cast<uint8_t>(c)));
+        out += text;
+    }
+    return out;
+}
+
+size_t width_of(char32_t c)
+{
+    const int width = wcwidth(static_cast<wchar_t>(c));
+    return width < 0 ? 1 : static_cast<size_t>(width);
+}
+
+} // namespace
+
+std::optional<Mac> parse_mac(std::string_view text)
+{
+    const bool separated = text.size() == 17;
+    if (!separated && text.size() != 12)
+        return std::nullopt;
+    const size_t step = separated ? 3 : 2;
+    Mac mac{};
+    for (size_t i = 0; i < mac.size(); i++) {
+        const int high = hex_digit(text[i * step]);
+        const int low = hex_digit(text[i * step + 1]);
+        const bool last = i + 1 == mac.size();
+        if (high < 0 || low < 0)
+            return std::nullopt;
+        if (separated && !last && text[i * step + 2] != ':' && text[i * step + 2] != '-')
+            return std::nullopt;
+        mac[i] = static_cast<uint8_t>(high * 16 + low);
+    }
+    return mac;
+}
+
+std::string format_mac(const Mac &mac)
+{
+    char text[18];
+    snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2], mac[3], mac[4],
+             mac[5]);
+    return text;
+}
+
+std::optional<long> parse_number(std::string_view text, long min, long max)
+{
+    long value = 0;
+    const char *end = text.data() + text.size();
+    const auto result = std::from_chars(text.data(), end, value);
+    if (result.ec != std::errc() || result.ptr != end || value < min || value > max)
+        return std::nullopt;
+    return value;
+}
+
+std::optional<std::vector<uint8_t>> parse_hex(std::string_view text)
+{
+    std::vector<uint8_t> bytes;
+    for (size_t i = 0; i < text.size(); i += 2) {
+        while (i < text.size() && (text[i] == ' ' || text[i] == ':'))
+            i++;
+        if (i == text.size())
+            break;
+        if (i + 1 == text.size() || hex_digit(text[i]) < 0 || hex_digit(text[i + 1]) < 0)
+            return std::nullopt;
+        bytes.push_back(static_cast<uint8_t>(hex_digit(text[i]) * 16 + hex_digit(text[i + 1])));
+    }
+    return bytes;
+}
+
+unsigned lan_port_of(std::string_view ifname)
+{
+    if (!ifname.starts_with("eth"))
+        return 0;
+    const auto number = parse_number(ifname.substr(3), 0, 254);
+    return number ? static_cast<unsigned>(*number) + 1 : 0;
+}
+
+std::string printable(std::string_view bytes)
+{
+    std::string out;
+    while (!bytes.empty()) {
+        const CodePoint c = decode_utf8(bytes);
+        const size_t taken = std::max<size_t>(c.length, 1);
+        if (c.length == 0 || disturbs_terminal(c.value))
+            out += hex_escape(bytes.substr(0, taken));
+        else
+            out += bytes.substr(0, taken);
+        bytes.remove_prefix(taken);
+    }
+    return out;
+}
+
+std::string json_quote(std::string_view bytes)
+{
+    std::string out = "\"";
+    while (!bytes.empty()) {
+        const CodePoint c = decode_utf8(bytes);
+        if (c.length == 0) {
+            out += "\xef\xbf\xbd";
+        } else if (c.value == '"' || c.value == '\\') {
+            out += '\\';
+            out += bytes[0];
+        } else if (c.value < 0x20 || c.value == 0x7f) {
+            char text[8];
+            snprintf(text, sizeof text, "\\u%04x", static_cast<unsigned>(c.value));
+            out += text;
+        } else {
+            out += bytes.substr(0, c.length);
+        }
+        bytes.remove_prefix(std::max<size_t>(c.length, 1));
+    }
+    return out + '"';
+}
+
+size_t columns_of(std::string_view printable_text)
+{
+    size_t columns = 0;
+    while (!printable_text.empty()) {
+        const CodePoint c = decode_utf8(printable_text);
+        columns += width_of(c.value);
+        printable_text.remove_prefix(std::max<size_t>(c.length, 1));
+    }
+    return columns;
+}
+
+std::string fit(std::string_view printable_text, size_t width)
+{
+    size_t columns = columns_of(printable_text);
+    std::string out;
+    if (columns <= width) {
+        out = printable_text;
+    } else {
+        columns = 0;
+        while (true) {
+            const CodePoint c = decode_utf8(printable_text);
+            if (columns + width_of(c.value) + 1 > width)
+                break;
+            columns += width_of(c.value);
+            out += printable_text.substr(0, std::max<size_t>(c.length, 1));
+            printable_text.remove_prefix(std::max<size_t>(c.length, 1));
+        }
+        if (width > 0) {
+            out += "…";
+            columns++;
+        }
+    }
+    out.append(width - columns, ' ');
+    return out;
+}
+
+std::string format_duration(long seconds)
+{
+    char text[32];
+    if (seconds < 60)
+        snprintf(text, sizeof text, "%ld s", std::max(seconds, 0L));
+    else if (seconds < 3600)
+        snprintf(text, sizeof text, "%ld min", seconds / 60);
+    else if (seconds < 86400)
+        snprintf(text, sizeof text, "%ld h %02ld", seconds / 3600, seconds / 60 % 60);
+    else
+        snprintf(text, sizeof text, "%ld d %02ld h", seconds / 86400, seconds / 3600 % 24);
+    return text;
+}

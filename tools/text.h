@@ -1,0 +1,50 @@
+// Text for people and for JSON, made from bytes nobody vouches for: host names, vendor classes, interface
+// names.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+using Mac = std::array<uint8_t, 6>;
+
+// Six hexadecimal pairs, with ':' or '-' between all of them or none.
+std::optional<Mac> parse_mac(std::string_view text);
+std::string format_mac(const Mac &mac); // 02:00:5e:10:00:01
+
+// A decimal number that fills the whole text and lies within the bounds.
+std::optional<long> parse_number(std::string_view text, long min, long max);
+
+// Pairs of hexadecimal digits; blanks and ':' between pairs are skipped.
+std::optional<std::vector<uint8_t>> parse_hex(std::string_view text);
+
+// eth0 is LAN port 1; 0 for an interface that is no Ethernet port.
+unsigned lan_port_of(std::string_view ifname);
+
+// Safe on a terminal: control characters, bidirectional overrides and bytes that are not UTF-8 become \xNN.
+std::string printable(std::string_view bytes);
+
+// A quoted JSON string; bytes that are not UTF-8 become U+FFFD.
+std::string json_quote(std::string_view bytes);
+
+// Columns that printable text takes on a terminal (a Chinese character takes two).
+size_t columns_of(std::string_view printable_text);
+
+// Printable text cut (with an ellipsis) and padded to exactly `width` columns.
+std::string fit(std::string_view printable_text, size_t width);
+
+// 45 s, 12 min, 3 h 05, 2 d 04 h.
+std::string format_duration(long seconds);
+
+// A fixed-size field of a raw record as text: up to its first NUL or its end.
+template <size_t N>
+std::string_view field_text(const char (&field)[N])
+{
+    const std::string_view whole(field, N);
+    return whole.substr(0, whole.find('\0'));
+}
