@@ -254,17 +254,22 @@ int ovani_get_ifc_status(const char *ifname)
 
 int ovani_get_mac_by_ifname(const char *ifname, unsigned char *macAddr)
 {
+    UniqueFd fd{socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+    return ovani_get_mac_by_ifname(fd.get(), ifname, macAddr);
+}
+
+int ovani_get_mac_by_ifname(int sockfd, const char *ifname, unsigned char *macAddr)
+{
     if (ifname == nullptr || macAddr == nullptr || strlen(ifname) > IFNAMSIZ) {
         ovani_log(VELM_LOG_ERR, "ovani_get_mac_by_ifname param error");
         return -1;
     }
-    UniqueFd fd{socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
-    if (!fd) {
-        ovani_log(VELM_LOG_ERR, "ovani_get_mac_by_ifname socket returns error. sockfd=%d", fd.get());
+    if (sockfd < 0) {
+        ovani_log(VELM_LOG_ERR, "ovani_get_mac_by_ifname socket returns error. sockfd=%d", sockfd);
         return -1;
     }
     ifreq request = interface_request(ifname);
-    if (ioctl(fd.get(), SIOCGIFHWADDR, &request) != 0) {
+    if (ioctl(sockfd, SIOCGIFHWADDR, &request) != 0) {
         ovani_log(VELM_LOG_ERR, "SIOCGIFHWADDR returns error.");
         return -1;
     }

@@ -114,8 +114,10 @@ bool is_bare_mac(const char *text);
 // Whether the kernel reports the interface running (IFF_RUNNING): 1, 0, or -1 when it cannot be asked.
 int ovani_get_ifc_status(const char *ifname);
 
-// The interface's hardware address. Returns 0, or -1 when it has none or does not exist.
+// The interface's hardware address. Returns 0, or -1 when it has none or does not exist. The second asks over
+// the caller's own socket (any AF_INET one), for those who ask often.
 int ovani_get_mac_by_ifname(const char *ifname, unsigned char *macAddr);
+int ovani_get_mac_by_ifname(int sockfd, const char *ifname, unsigned char *macAddr);
 
 // LAN port of an interface name: "eth…" is wired (type 0), numbered by the switch driver; "ra<n>" and
 // "rai<n>" are Wi-Fi (type 1), numbered by their WLANConfiguration instance. Returns R_OK, or 0 with both

@@ -1,6 +1,7 @@
 #include "ovani/ovani_config.h"
 
-#include <cstdio>
+#include <algorithm>
+#include <string_view>
 
 #include "ovani/ovani_commdef.h"
 #include "ovani/ovani_log.h"
@@ -11,11 +12,14 @@ namespace {
 // Queues one row; the store's code, or -1 when the path does not fit.
 int prepare_row(void *session, const char *url, const tConfigMap &row)
 {
+    std::string_view object{url};
+    std::string_view parameter{row.paramName};
     char path[OVANI_URL_LEN];
-    int length = snprintf(path, sizeof path, "%s%s", url, row.paramName);
-    if (length < 0 || static_cast<size_t>(length) >= sizeof path) {
+    if (object.size() + parameter.size() >= sizeof path) {
         return -1;
     }
+    char *end = std::ranges::copy(parameter, std::ranges::copy(object, path).out).out;
+    *end = '\0';
     return zkapi_multinode_sessionprepare(session, path, row.datap);
 }
 

@@ -5,19 +5,27 @@
 #include <iterator>
 #include <utility>
 
+#include <sys/socket.h>
+
 #include "ovani/ovani_event.h"
 #include "ovani/ovani_event_host.h"
+#include "ovani/ovani_fd.h"
 #include "ovani/ovani_host_mgr.h"
 #include "ovani/ovani_log.h"
 #include "ovani/ovani_shell.h"
 
 namespace {
 
-// Whether the event is about the gateway's own interface.
+// Whether the event is about the gateway's own interface. Every learned MAC asks this: the socket stays open.
 bool is_own_interface(const ovani_mac_event &event)
 {
+    static UniqueFd asking;
+    if (!asking) {
+        asking = UniqueFd{socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+    }
     unsigned char own[OVANI_MAC_LEN] = {};
-    return ovani_get_mac_by_ifname(event.eth_num, own) == 0 && memcmp(own, event.mac, OVANI_MAC_LEN) == 0;
+    return ovani_get_mac_by_ifname(asking.get(), event.eth_num, own) == 0 &&
+           memcmp(own, event.mac, OVANI_MAC_LEN) == 0;
 }
 
 } // namespace
