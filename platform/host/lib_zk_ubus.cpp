@@ -20,6 +20,7 @@ namespace {
 
 constexpr int RETRY_MS = 200;
 constexpr int CALL_TIMEOUT_MS = 3000;
+constexpr int MAX_UNCONFIRMED = 64;
 
 // What libubus knows of a caller's event handler. It outlives the caller's registration: a handler that is
 // unregistered while the broker is away can only be taken off the bus later.
@@ -34,6 +35,8 @@ struct Bus {
     uloop_timeout retry{};
     std::vector<ubus_object *> objects;
     std::list<Subscription> subscriptions; // an address given to libubus stays
+    blob_buf event{};                      // the one being sent
+    int unconfirmed = 0;                   // events sent without waiting since the last that was waited for
 };
 
 Bus bus;
@@ -92,6 +95,19 @@ Subscription &subscription_of(ubus_event_handler *owner)
     return created;
 }
 
+// What ubus_send_event sends, without waiting for the broker to say that it has it: who answers every event
+// with one of its own would spend half its time waiting. The broker's word is ignored when it comes; but
+// since it must be read some time, not every event is sent like this.
+int send_without_waiting(const char *event, blob_attr *data)
+{
+    blob_buf_init(&bus.event, 0);
+    blobmsg_add_string(&bus.event, "id", event);
+    blobmsg_add_field(&bus.event, BLOBMSG_TYPE_TABLE, "data", blob_data(data),
+                      static_cast<unsigned int>(blob_len(data)));
+    ubus_request request{};
+    return ubus_invoke_async(bus.context, UBUS_SYSTEM_OBJECT_EVENT, "send", bus.event.head, &request);
+}
+
 // False when the connection broke.
 bool publish(ubus_object *object)
 {
@@ -122,8 +138,9 @@ bool restore()
             return false;
     }
     for (Subscription &subscription : bus.subscriptions) {
-        for (size_t i = 0; i < subscription.patterns.size(); i++) {
-            if (!subscribe(subscription, subscription.patterns[i]))
+        const std::vector<std::string> patterns = subscription.patterns;
+        for (const std::string &pattern : patterns) {
+            if (!subscribe(subscription, pattern))
                 return false;
         }
         if (subscription.owner == nullptr && subscription.obj.id != 0)
@@ -278,7 +295,9 @@ int lib_zk_ubus_send_event(struct ubus_context *ctx, const char *event, struct b
         return UBUS_STATUS_INVALID_ARGUMENT;
     if (is_lost())
         return UBUS_STATUS_CONNECTION_FAILED;
-    int status = ubus_send_event(ctx, event, msg.head);
+    int status = bus.unconfirmed < MAX_UNCONFIRMED ? send_without_waiting(event, msg.head)
+                                                   : ubus_send_event(ctx, event, msg.head);
+    bus.unconfirmed = bus.unconfirmed < MAX_UNCONFIRMED ? bus.unconfirmed + 1 : 0;
     return was_lost(status) ? UBUS_STATUS_CONNECTION_FAILED : status;
 }
 
@@ -311,8 +330,13 @@ int lib_zk_ubus_exit(struct ubus_context *ctx)
 {
     if (!is_ours(ctx))
         return UBUS_STATUS_INVALID_ARGUMENT;
+    if (bus.unconfirmed > 0 && !is_lost()) {
+        uint32_t nobody = 0;
+        ubus_lookup_id(ctx, "", &nobody); // when this is answered, all that was sent before has been received
+    }
     uloop_timeout_cancel(&bus.retry);
     ubus_free(ctx);
+    blob_buf_free(&bus.event);
     for (ubus_object *object : bus.objects) { // as they were before they were published
         object->id = 0;
         if (object->type != nullptr)

@@ -284,10 +284,8 @@ int Connection::apply_model()
     int code = model_version(version);
     if (code == SQLITE_OK && version != wanted) {
         code = execute("BEGIN IMMEDIATE");
-        if (code == SQLITE_OK)
-            code = model_version(version); // another process may have been faster
         for (const ModelObject &object : model_.objects) {
-            if (code == SQLITE_OK && version != wanted)
+            if (code == SQLITE_OK) // what another process has made meanwhile stays
                 code = create_or_extend(object);
         }
         if (code == SQLITE_OK)
@@ -510,9 +508,7 @@ StoreResult Connection::find_rows(std::span<const StoreItem> items)
         }
         result = end(result);
     }
-    if (!state().same_as(rows_state_))
-        rows_state_ = {}; // somebody wrote meanwhile: good for this batch, and no longer
-    return result;
+    return result; // if somebody wrote meanwhile, the state has changed, and the rows are dropped next time
 }
 
 bool Connection::changes_something(std::span<const StoreItem> items) const
@@ -624,7 +620,6 @@ StoreResult Connection::add(const ObjectRef &table, int &instance, int wait)
         result = begin("BEGIN IMMEDIATE");
     if (result != STORE_OK)
         return result;
-    forget_rows(); // counts change
     int created = 0;
     result = end(add_instance(table, created));
     if (result == STORE_OK)
@@ -668,7 +663,6 @@ StoreResult Connection::remove(const ObjectRef &object, int wait)
         result = begin("BEGIN IMMEDIATE");
     if (result != STORE_OK)
         return result;
-    forget_rows();
     return end(remove_instance(object));
 }
 
