@@ -5,7 +5,11 @@
  * failure, never followed. A blob_buf argument is passed by value and stays the caller's.
  *
  * A broker that goes away, or is not there yet, is waited for: the wrapper connects again, publishes the
- * process's object again and subscribes again, so that the caller keeps its context and need not know.
+ * process's object again and subscribes again, so that the caller keeps its context and need not know. An
+ * object or pattern given meanwhile counts as accepted and takes effect then.
+ *
+ * Calls made on another thread than the loop's are carried out by that one, while the caller waits; they fail
+ * when the loop does not run.
  */
 #ifndef PLATFORM_LIB_ZK_UBUS_H
 #define PLATFORM_LIB_ZK_UBUS_H
@@ -33,7 +37,8 @@ int lib_zk_ubus_register_event_handler(struct ubus_context *ctx, struct ubus_eve
                                        const char *pattern);
 int lib_zk_ubus_unregister_event_handler(struct ubus_context *ctx, struct ubus_event_handler *ev);
 
-/* Broadcasts an event; its subscribers, other than this process, receive `msg`. */
+/* Broadcasts an event; its subscribers, other than this process, receive `msg`. Success means that the broker
+ * has been handed it; while there is no broker it fails at once. */
 int lib_zk_ubus_send_event(struct ubus_context *ctx, const char *event, struct blob_buf msg);
 
 /* Calls a method and waits for its end, `timeout` milliseconds at most (0: 3000). `cb`, when given, receives

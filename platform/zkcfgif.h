@@ -75,7 +75,8 @@ int zkapi_obj_add(const char *objpath, int *instance, OP_DEVFUNC mode, int wait)
 /* Deletes instance `instance` of the table `objpath` with all below it. */
 int zkapi_obj_del(const char *objpath, int instance, OP_DEVFUNC mode, int wait);
 
-/* Returns 1 when the instance `objpath` (its path ending in the number and ".") exists, 0 when not. */
+/* Returns 1 when the instance `objpath` (its path ending in the number and ".") exists, 0 when not, a
+ * negative code when the store cannot tell. */
 int zkapi_obj_checkexist(const char *objpath, int wait);
 
 /* Fills `ids` with the instance numbers in `path`, at most 8 of them. */

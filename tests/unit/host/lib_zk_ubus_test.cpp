@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -184,6 +185,35 @@ TEST_F(BusWrapper, EventsArriveAllAndInOrder)
     ASSERT_TRUE(run_until([&] { return listener.records.size() >= EVENTS; }));
     for (size_t i = 0; i < EVENTS; i++)
         EXPECT_EQ(listener.records[i], std::to_string(i));
+}
+
+TEST_F(BusWrapper, AnotherThreadMayCallWhileTheLoopRuns)
+{
+    connect();
+    Listener listener;
+    ASSERT_EQ(ubus_register_event_handler(peer_.get(), &listener, "event"), 0);
+    ubus_add_uloop(peer_.get());
+    auto on_another_thread = [&](auto work) { return std::thread(work); };
+    auto send_some = [&](int expected) {
+        blob_buf own{};
+        blob_buf_init(&own, 0);
+        lib_zk_blobmsg_add_struct(&own, "record", "x", 1);
+        for (int i = 0; i < 200; i++)
+            EXPECT_EQ(lib_zk_ubus_send_event(ctx_, "event", own), expected);
+        EXPECT_EQ(lib_zk_ubus_call_method(ctx_, "nobody", "wait", own, nullptr, nullptr, 0),
+                  expected == 0 ? UBUS_STATUS_NOT_FOUND : expected);
+        blob_buf_free(&own);
+    };
+    on_another_thread([&] { send_some(UBUS_STATUS_CONNECTION_FAILED); }).join(); // nobody would do it
+    std::thread worker = on_another_thread([&] {
+        while (lib_zk_ubus_send_event(ctx_, "nothing", {}) == UBUS_STATUS_CONNECTION_FAILED)
+            usleep(1000); // until the loop runs
+        send_some(UBUS_STATUS_OK);
+        kill(getpid(), SIGTERM);
+    });
+    EXPECT_EQ(lib_zk_ubus_run(UBUS_THREAD_MULTIPLE), 0);
+    worker.join();
+    EXPECT_TRUE(run_until([&] { return listener.records.size() == 200; }));
 }
 
 TEST_F(BusWrapper, CallsMethodsOfOthers)
