@@ -38,6 +38,8 @@ blob_attr *add_at(blob_buf *buf, size_t offset, int id, size_t payload)
     if (payload > BLOB_ATTR_LEN_MASK - kHeader)
         return nullptr;
     const size_t end = (offset + kHeader + payload + BLOB_ATTR_ALIGN - 1) & ~size_t{BLOB_ATTR_ALIGN - 1};
+    if (end > BLOB_ATTR_LEN_MASK) // whatever it is nested in could not tell its length
+        return nullptr;
     const auto size = static_cast<size_t>(buf->buflen);
     if (end > size && !blob_buf_grow(buf, static_cast<int>(end - size)))
         return nullptr;
@@ -47,12 +49,6 @@ blob_attr *add_at(blob_buf *buf, size_t offset, int id, size_t payload)
                                static_cast<uint32_t>(payload + kHeader));
     blob_fill_pad(attr);
     return attr;
-}
-
-// Whether the open attribute can take `more` bytes.
-bool head_has_room(const blob_buf *buf, size_t more)
-{
-    return buf->head && blob_pad_len(buf->head) + more <= BLOB_ATTR_LEN_MASK;
 }
 
 constexpr size_t kMinLen[BLOB_ATTR_LAST] = {0, 0, 0, 1, 1, 2, 4, 8, 8};
@@ -114,7 +110,7 @@ void blob_set_raw_len(blob_attr *attr, unsigned int len)
 
 blob_attr *blob_new(blob_buf *buf, int id, int payload)
 {
-    if (payload < 0 || !head_has_room(buf, kHeader + static_cast<size_t>(payload) + BLOB_ATTR_ALIGN - 1))
+    if (payload < 0 || !buf->head)
         return nullptr;
     blob_attr *attr = add_at(buf, offset_of(buf, blob_next(buf->head)), id, static_cast<size_t>(payload));
     if (attr)
@@ -132,23 +128,11 @@ blob_attr *blob_put(blob_buf *buf, int id, const void *ptr, unsigned int len)
     return attr;
 }
 
-blob_attr *blob_put_raw(blob_buf *buf, const void *ptr, unsigned int len)
-{
-    if (!ptr || len < kHeader || !head_has_room(buf, len))
-        return nullptr;
-    blob_attr *attr = add_at(buf, offset_of(buf, blob_next(buf->head)), 0, len - kHeader);
-    if (!attr)
-        return nullptr;
-    memcpy(attr, ptr, len);
-    blob_set_raw_len(buf->head, static_cast<unsigned>(blob_pad_len(buf->head) + len));
-    return attr;
-}
-
 // The cookie is the outer attribute's offset plus 1, so that the blob may move and null means failure. The
 // outer attribute grows by the whole inner one at the end.
-void *blob_nest_start_after(blob_buf *buf, int id, size_t payload)
+void *bus::blob_nest_start_after(blob_buf *buf, int id, size_t payload)
 {
-    if (!head_has_room(buf, kHeader + payload))
+    if (!buf->head)
         return nullptr;
     const size_t outer = offset_of(buf, buf->head);
     blob_attr *inner = add_at(buf, offset_of(buf, blob_next(buf->head)), id, payload);
@@ -160,7 +144,7 @@ void *blob_nest_start_after(blob_buf *buf, int id, size_t payload)
 
 void *blob_nest_start(blob_buf *buf, int id)
 {
-    return blob_nest_start_after(buf, id, 0);
+    return bus::blob_nest_start_after(buf, id, 0);
 }
 
 void blob_nest_end(blob_buf *buf, void *cookie)
@@ -170,13 +154,6 @@ void blob_nest_end(blob_buf *buf, void *cookie)
     blob_attr *outer = attr_at(buf, reinterpret_cast<uintptr_t>(cookie) - 1);
     blob_set_raw_len(outer, static_cast<unsigned>(blob_pad_len(outer) + blob_pad_len(buf->head)));
     buf->head = outer;
-}
-
-bool blob_attr_equal(const blob_attr *a1, const blob_attr *a2)
-{
-    if (!a1 || !a2)
-        return a1 == a2;
-    return blob_raw_len(a1) == blob_raw_len(a2) && memcmp(a1, a2, std::max(blob_raw_len(a1), kHeader)) == 0;
 }
 
 blob_attr *blob_memdup(const blob_attr *attr)

@@ -82,28 +82,6 @@ bool blobmsg_check_attr(const blob_attr *attr, bool name)
     return blobmsg_check_attr_len(attr, name, blob_raw_len(attr));
 }
 
-int blobmsg_check_array_len(const blob_attr *attr, int type, size_t len)
-{
-    if (!blobmsg_check_attr_len(attr, false, len) || kPayload[blobmsg_type(attr)] != BLOB_ATTR_NESTED)
-        return -1;
-    const bool table = blobmsg_type(attr) == BLOBMSG_TYPE_TABLE;
-    int count = 0;
-    size_t left = 0;
-    const blob_attr *member = nullptr;
-    blobmsg_for_each_attr(member, attr, left)
-    {
-        if (!name_is_sound(member, table) || (type != BLOBMSG_TYPE_UNSPEC && blobmsg_type(member) != type))
-            return -1;
-        count++;
-    }
-    return count;
-}
-
-int blobmsg_check_array(const blob_attr *attr, int type)
-{
-    return blobmsg_check_array_len(attr, type, blob_raw_len(attr));
-}
-
 int blobmsg_parse(const blobmsg_policy *policy, int policy_len, blob_attr **tb, void *data, unsigned int len)
 {
     std::fill_n(tb, policy_len, nullptr);
@@ -120,25 +98,6 @@ int blobmsg_parse(const blobmsg_policy *policy, int policy_len, blob_attr **tb, 
                 strcmp(policy[i].name, blobmsg_name(attr)) == 0)
                 tb[i] = attr;
         }
-    }
-    return 0;
-}
-
-int blobmsg_parse_array(const blobmsg_policy *policy, int policy_len, blob_attr **tb, void *data,
-                        unsigned int len)
-{
-    std::fill_n(tb, policy_len, nullptr);
-    int i = 0;
-    blob_attr *attr = nullptr;
-    __blob_for_each_attr(attr, data, len)
-    {
-        if (i == policy_len)
-            break;
-        if (!has_type(attr, policy[i].type))
-            continue;
-        if (!blobmsg_check_attr_len(attr, false, len))
-            return -1;
-        tb[i++] = attr;
     }
     return 0;
 }
@@ -164,7 +123,7 @@ void *blobmsg_open_nested(blob_buf *buf, const char *name, bool array)
     if (namelen > UINT16_MAX)
         return nullptr;
     const auto hdrlen = static_cast<size_t>(blobmsg_hdrlen(static_cast<unsigned>(namelen)));
-    void *cookie = blob_nest_start_after(buf, array ? BLOBMSG_TYPE_ARRAY : BLOBMSG_TYPE_TABLE, hdrlen);
+    void *cookie = bus::blob_nest_start_after(buf, array ? BLOBMSG_TYPE_ARRAY : BLOBMSG_TYPE_TABLE, hdrlen);
     if (cookie)
         put_name(buf->head, name ? name : "", namelen);
     return cookie;

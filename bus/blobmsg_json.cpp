@@ -219,11 +219,6 @@ void write_element(Writer &w, blob_attr *attr, bool with_name)
         write_value(w, attr);
 }
 
-char *on_heap(const std::string &text)
-{
-    return strdup(text.c_str());
-}
-
 } // namespace
 
 bool blobmsg_add_json_from_string(blob_buf *b, const char *str)
@@ -241,15 +236,7 @@ char *blobmsg_format_json_with_cb(blob_attr *attr, bool list, blobmsg_json_forma
                    blob_is_extended(attr) && blobmsg_type(attr) == BLOBMSG_TYPE_ARRAY);
     else if (blobmsg_check_attr(attr, false))
         write_element(w, attr, true);
-    return on_heap(w.out);
-}
-
-char *blobmsg_format_json_value_with_cb(blob_attr *attr, blobmsg_json_format_t cb, void *priv, int indent)
-{
-    Writer w = {cb, priv, indent, {}};
-    if (blobmsg_check_attr(attr, false))
-        write_element(w, attr, false);
-    return on_heap(w.out);
+    return strdup(w.out.c_str());
 }
 
 char *blobmsg_format_json(blob_attr *attr, bool list)
@@ -260,14 +247,4 @@ char *blobmsg_format_json(blob_attr *attr, bool list)
 char *blobmsg_format_json_indent(blob_attr *attr, bool list, int indent)
 {
     return blobmsg_format_json_with_cb(attr, list, nullptr, nullptr, indent);
-}
-
-char *blobmsg_format_json_value(blob_attr *attr)
-{
-    return blobmsg_format_json_value_with_cb(attr, nullptr, nullptr, -1);
-}
-
-char *blobmsg_format_json_value_indent(blob_attr *attr, int indent)
-{
-    return blobmsg_format_json_value_with_cb(attr, nullptr, nullptr, indent);
 }

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+namespace bus {
+
 namespace {
 
 constexpr int kNoReply = -1;
@@ -125,7 +127,7 @@ int Broker::add_object(Client &c, const Received &m)
     if (blob_raw_len(m.blob) > kMaxObjectMessage)
         return UBUS_STATUS_INVALID_ARGUMENT;
     const size_t held = kObjectSize + blob_raw_len(m.blob);
-    if (c.held + held > kMaxHeld)
+    if (c.registered + held > kMaxRegistered)
         return UBUS_STATUS_NO_MEMORY;
 
     auto owned = std::make_unique<Object>();
@@ -139,6 +141,7 @@ int Broker::add_object(Client &c, const Received &m)
         object.type->users++;
     objects_.emplace(object.id, std::move(owned));
     c.objects.push_back(&object);
+    c.registered += held;
     hold(c, held);
     if (!object.path.empty()) {
         paths_.emplace(object.path, &object);
@@ -181,6 +184,7 @@ void Broker::drop_object(Object &object, Client *cause)
     }
     fail_calls(object);
     leave_type(object.type);
+    object.owner->registered -= object.held;
     release(*object.owner, object.held);
     std::erase(object.owner->objects, &object);
     objects_.erase(object.id);
@@ -350,11 +354,12 @@ int Broker::add_pattern(Client &c, blob_attr *data)
     if (std::any_of(object->patterns.begin(), object->patterns.end(), same))
         return UBUS_STATUS_OK;
     const size_t held = kPatternSize + 2 * text.size();
-    if (c.held + held > kMaxHeld)
+    if (c.registered + held > kMaxRegistered)
         return UBUS_STATUS_NO_MEMORY;
     object->patterns.push_back({std::string(text), prefix});
     (prefix ? prefixes_ : exact_)[std::string(text)].push_back(object);
     object->held += held;
+    c.registered += held;
     hold(c, held);
     return UBUS_STATUS_OK;
 }
@@ -448,3 +453,5 @@ void Broker::give_event(Object &object, Outgoing &m, Client *cause, const Client
     memcpy(m.head.data() + kEventHead - sizeof(id), &id, sizeof(id));
     send(cause, *object.owner, m);
 }
+
+} // namespace bus

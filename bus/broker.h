@@ -13,6 +13,8 @@
 #ifndef BUS_BROKER_H
 #define BUS_BROKER_H
 
+namespace bus {
+
 struct Broker;
 
 // Starts a broker that listens at `path` and runs in this thread's uloop. Takes the place of a socket that
@@ -21,5 +23,7 @@ Broker *broker_start(const char *path);
 
 // Disconnects everyone and removes the socket.
 void broker_stop(Broker *broker);
+
+} // namespace bus
 
 #endif

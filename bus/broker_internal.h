@@ -20,12 +20,18 @@
 #include "broker.h"
 #include "libubus_internal.h"
 
-// What is kept for a client (half a message it sent, messages waiting for it, what it registered), in bytes.
-constexpr size_t kMaxHeld = 4 << 20;         // for one: no more is queued or registered
-constexpr size_t kMaxHeldByAll = 64 << 20;   // for all: the one for whom most is kept is disconnected
-constexpr size_t kHighWater = 1 << 20;       // waiting for one: whoever sends to it has to wait ...
-constexpr size_t kLowWater = kHighWater / 2; // ... until it has come down to this ...
-constexpr int kStallMs = 1000; // ... and a receiver that takes nothing for so long is disconnected
+namespace bus {
+
+// What is kept for a client, in bytes: messages waiting for it, what it registered, half a message it sent.
+constexpr size_t kMaxQueued = 4 << 20;
+constexpr size_t kMaxRegistered = 4 << 20;
+constexpr size_t kMaxHeldByAll = 64 << 20; // all of it, for all: then the one with most is disconnected
+
+// A client for which more than kHighWater waits holds back those who send to it, until no more than kLowWater
+// is left. If it takes nothing for kStallMs, it is disconnected.
+constexpr size_t kHighWater = 1 << 20;
+constexpr size_t kLowWater = kHighWater / 2;
+constexpr int kStallMs = 3000;
 
 using Bytes = std::vector<uint8_t>;
 using MessageHead = std::array<uint8_t, sizeof(ubus_msghdr) + 12>;
@@ -110,8 +116,9 @@ struct Client : uloop_fd {
 
     Bytes input; // the beginning of a message
     std::list<Queued> queue;
-    size_t queued; // bytes, with what a record takes
-    size_t held;   // all that is kept for it, the queue included
+    size_t queued;     // bytes, with what a record takes
+    size_t registered; // bytes, objects and patterns
+    size_t held;       // all that is kept for it, these included
     std::vector<Object *> objects;
     std::optional<Lookup> lookup;
 
@@ -242,5 +249,7 @@ private:
     uint16_t event_seq_ = 0; // of the last message that carried one
     blob_buf out_ = {};      // the message under construction
 };
+
+} // namespace bus
 
 #endif

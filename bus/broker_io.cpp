@@ -12,8 +12,11 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+namespace bus {
+
 namespace {
 
+static_assert(kMaxQueued > size_t{2} * UBUS_MAX_MSGLEN);
 constexpr int kAcceptPauseMs = 100;
 constexpr size_t kQueuedSize = 128; // what a queued message takes besides its bytes
 constexpr size_t kMaxGathered = 32; // messages sent with one system call
@@ -382,7 +385,7 @@ bool Broker::send(Client *from, Client &to, Outgoing &m)
         to.last_read = now_ms();
     }
 
-    const bool room = to.held + m.size() + kQueuedSize <= kMaxHeld;
+    const bool room = to.queued + m.size() + kQueuedSize <= kMaxQueued; // always, for what has begun
     if (room)
         enqueue(to, m, sent);
     if (to.queued > kHighWater && !to.doomed)
@@ -477,3 +480,5 @@ void Broker::let_go(Client &c)
     }
     c.held_back.clear();
 }
+
+} // namespace bus

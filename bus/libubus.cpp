@@ -6,6 +6,8 @@
 
 #include "libubus_internal.h"
 
+namespace bus {
+
 namespace {
 
 constexpr const char *kStatusText[__UBUS_STATUS_LAST] = {
@@ -323,6 +325,10 @@ int publish_objects(ubus_context *ctx)
     ctx->stack_depth--;
     return status;
 }
+
+} // namespace bus
+
+using namespace bus;
 
 const char *ubus_strerror(int error)
 {

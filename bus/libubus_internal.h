@@ -11,6 +11,8 @@ struct ubus_message {
     blob_attr blob;
 };
 
+namespace bus {
+
 // The type each member of a message must have.
 extern const blob_attr_info kMessagePolicy[UBUS_ATTR_MAX];
 
@@ -48,5 +50,7 @@ void handle_invoke(ubus_context *ctx, ubus_message *msg);
 
 // Puts every object of the context on the bus again.
 int publish_objects(ubus_context *ctx);
+
+} // namespace bus
 
 #endif

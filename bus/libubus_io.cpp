@@ -13,6 +13,8 @@
 
 #include "libubus_internal.h"
 
+namespace bus {
+
 namespace {
 
 constexpr size_t kInSize = 16384;
@@ -346,6 +348,10 @@ void handle_pending(ubus_context *ctx)
     while (ctx->stack_depth == 0 && !list_empty(&ctx->pending))
         dispatch(ctx, take_first(&ctx->pending));
 }
+
+} // namespace bus
+
+using namespace bus;
 
 int ubus_reconnect(ubus_context *ctx, const char *path)
 {

@@ -60,13 +60,13 @@ int main(int argc, char **argv)
     signal(SIGHUP, SIG_IGN);
     raise_descriptor_limit();
     uloop_init();
-    Broker *broker = broker_start(path);
+    bus::Broker *broker = bus::broker_start(path);
     if (!broker) {
         perror(path);
         return 1;
     }
     uloop_run();
-    broker_stop(broker);
+    bus::broker_stop(broker);
     uloop_done();
     return 0;
 }

@@ -257,11 +257,14 @@ void reconnect(uloop_timeout *timeout)
     ubus_context *ctx = bus.context;
     if (ubus_reconnect(ctx, socket_path()) == UBUS_STATUS_OK) {
         bus.connected = true;
+        // Into the loop first: outside it libubus hands out calls between one request and the next, and
+        // whoever is answered may take us to be subscribed.
+        ubus_add_uloop(ctx);
         if (restore()) {
-            ubus_add_uloop(ctx);
             log_state("connected to the broker again");
             return;
         }
+        uloop_fd_delete(&ctx->sock);
     } else {
         ctx->sock.fd = -1; // closed already, and not to be closed again when the number is another file's
     }

@@ -182,9 +182,6 @@ struct blob_attr *blob_new(struct blob_buf *buf, int id, int payload);
 /* Appends an attribute with a copy of `len` bytes at `ptr` (null: left for the caller to fill). */
 struct blob_attr *blob_put(struct blob_buf *buf, int id, const void *ptr, unsigned int len);
 
-/* Appends finished attributes, `len` bytes of them. */
-struct blob_attr *blob_put_raw(struct blob_buf *buf, const void *ptr, unsigned int len);
-
 /* What is appended between start and end becomes the payload of an attribute `id`. Start gives the cookie
  * that end wants; null when there was no room, which end ignores. */
 void *blob_nest_start(struct blob_buf *buf, int id);
@@ -192,7 +189,6 @@ void blob_nest_end(struct blob_buf *buf, void *cookie);
 
 void blob_fill_pad(struct blob_attr *attr);
 void blob_set_raw_len(struct blob_attr *attr, unsigned int len);
-bool blob_attr_equal(const struct blob_attr *a1, const struct blob_attr *a2);
 
 /* A copy on the heap, for free(). */
 struct blob_attr *blob_memdup(const struct blob_attr *attr);
@@ -251,14 +247,14 @@ static inline struct blob_attr *blob_put_u64(struct blob_buf *buf, int id, uint6
 #define __blob_for_each_attr(pos, attr, rem)                                                                 \
     for (pos = (struct blob_attr *)(attr);                                                                   \
          (size_t)(rem) >= sizeof(struct blob_attr) && blob_pad_len(pos) <= (size_t)(rem) &&                  \
-         blob_pad_len(pos) >= sizeof(struct blob_attr);                                                      \
+         blob_raw_len(pos) >= sizeof(struct blob_attr);                                                      \
          rem = (__typeof__(rem))((size_t)(rem)-blob_pad_len(pos)), pos = blob_next(pos))
 
 #define blob_for_each_attr(pos, attr, rem)                                                                   \
     for (rem = (__typeof__(rem))((attr) ? blob_len(attr) : 0),                                               \
         pos = (struct blob_attr *)((attr) ? blob_data(attr) : NULL);                                         \
          (size_t)(rem) >= sizeof(struct blob_attr) && blob_pad_len(pos) <= (size_t)(rem) &&                  \
-         blob_pad_len(pos) >= sizeof(struct blob_attr);                                                      \
+         blob_raw_len(pos) >= sizeof(struct blob_attr);                                                      \
          rem = (__typeof__(rem))((size_t)(rem)-blob_pad_len(pos)), pos = blob_next(pos))
 
 #ifdef __cplusplus

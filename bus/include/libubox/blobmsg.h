@@ -105,16 +105,6 @@ static inline size_t blobmsg_len(const struct blob_attr *attr)
 bool blobmsg_check_attr(const struct blob_attr *attr, bool name);
 bool blobmsg_check_attr_len(const struct blob_attr *attr, bool name, size_t len);
 
-/* The number of members of a sound table or array whose members all have this type (BLOBMSG_TYPE_UNSPEC:
- * any), -1 for anything else. */
-int blobmsg_check_array(const struct blob_attr *attr, int type);
-int blobmsg_check_array_len(const struct blob_attr *attr, int type, size_t len);
-
-static inline bool blobmsg_check_attr_list(const struct blob_attr *attr, int type)
-{
-    return blobmsg_check_array(attr, type) >= 0;
-}
-
 /*
  * Looks up members by name and type: tb[i] is the first that fits policy[i], or null. `data` and `len` are
  * the message's payload: blob_data and blob_len of what a handler receives, blobmsg_data and blobmsg_data_len
@@ -124,20 +114,10 @@ static inline bool blobmsg_check_attr_list(const struct blob_attr *attr, int typ
 int blobmsg_parse(const struct blobmsg_policy *policy, int policy_len, struct blob_attr **tb, void *data,
                   unsigned int len);
 
-/* The same by position: tb[i] is the next member that has the type of policy[i]. */
-int blobmsg_parse_array(const struct blobmsg_policy *policy, int policy_len, struct blob_attr **tb,
-                        void *data, unsigned int len);
-
 static inline int blobmsg_parse_attr(const struct blobmsg_policy *policy, int policy_len,
                                      struct blob_attr **tb, struct blob_attr *data)
 {
     return blobmsg_parse(policy, policy_len, tb, blobmsg_data(data), (unsigned int)blobmsg_len(data));
-}
-
-static inline int blobmsg_parse_array_attr(const struct blobmsg_policy *policy, int policy_len,
-                                           struct blob_attr **tb, struct blob_attr *data)
-{
-    return blobmsg_parse_array(policy, policy_len, tb, blobmsg_data(data), (unsigned int)blobmsg_len(data));
 }
 
 /* Appends a member (null name: empty, as in an array). 0, or -1 when it does not fit. */
@@ -297,7 +277,7 @@ static inline char *blobmsg_get_string(struct blob_attr *attr)
     for (rem = (__typeof__(rem))((attr) ? blobmsg_data_len(attr) : 0),                                       \
         pos = (struct blob_attr *)((attr) ? blobmsg_data(attr) : NULL);                                      \
          (size_t)(rem) >= sizeof(struct blob_attr) && blob_pad_len(pos) <= (size_t)(rem) &&                  \
-         blob_pad_len(pos) >= sizeof(struct blob_attr);                                                      \
+         blob_raw_len(pos) >= sizeof(struct blob_attr);                                                      \
          rem = (__typeof__(rem))((size_t)(rem)-blob_pad_len(pos)), pos = blob_next(pos))
 
 #define __blobmsg_for_each_attr(pos, attr, rem)                                                              \

@@ -31,12 +31,6 @@ char *blobmsg_format_json_indent(struct blob_attr *attr, bool list, int indent);
 char *blobmsg_format_json_with_cb(struct blob_attr *attr, bool list, blobmsg_json_format_t cb, void *priv,
                                   int indent);
 
-/* JSON text of the value alone. */
-char *blobmsg_format_json_value(struct blob_attr *attr);
-char *blobmsg_format_json_value_indent(struct blob_attr *attr, int indent);
-char *blobmsg_format_json_value_with_cb(struct blob_attr *attr, blobmsg_json_format_t cb, void *priv,
-                                        int indent);
-
 #ifdef __cplusplus
 }
 #endif

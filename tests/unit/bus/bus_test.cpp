@@ -1,9 +1,6 @@
 #include "bus_test.h"
 
-#include <cctype>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <poll.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -19,22 +16,19 @@
 
 namespace {
 
-constexpr size_t kIdSize = 4;
-
 // Runs in the child.
 int run_broker(const char *path, unsigned max_descriptors, int ready)
 {
-    if (max_descriptors > 0) {
-        const rlimit limit = {max_descriptors, max_descriptors};
+    const rlimit limit = {max_descriptors, max_descriptors};
+    if (max_descriptors > 0)
         setrlimit(RLIMIT_NOFILE, &limit);
-    }
     uloop_init();
-    Broker *broker = broker_start(path);
+    bus::Broker *broker = bus::broker_start(path);
     if (!broker || write(ready, "", 1) != 1)
         return 2;
     close(ready);
     uloop_run();
-    broker_stop(broker);
+    bus::broker_stop(broker);
     uloop_done();
 #ifdef __SANITIZE_ADDRESS__
     return __lsan_do_recoverable_leak_check();
@@ -43,65 +37,34 @@ int run_broker(const char *path, unsigned max_descriptors, int ready)
 #endif
 }
 
-int connect_to(const char *path)
+void put_invoke(blob_buf *buf, uint32_t object, const char *method)
 {
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    strncpy(address.sun_path, path, sizeof(address.sun_path) - 1);
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof(address)) == 0)
-        return fd;
-    close(fd);
-    return -1;
+    blob_put_u32(buf, UBUS_ATTR_OBJID, object);
+    blob_put_string(buf, UBUS_ATTR_METHOD, method);
 }
 
 } // namespace
 
-Bytes bytes(const char *text, const Ids &ids)
+Bytes bytes(const std::string &text, const Words &words)
 {
-    std::string digits;
-    for (const char *p = text; *p; p++) {
-        if (*p == '\'') {
-            for (p++; *p != '\''; p++)
-                digits += hex({static_cast<uint8_t>(*p)});
-        } else if (*p == '[') {
-            const char *end = strchr(p, ']');
-            digits += ids.at(std::string(p + 1, end));
-            p = end;
-        } else if (*p != ' ') {
-            digits += *p;
-        }
-    }
     Bytes result;
-    for (size_t i = 0; i + 1 < digits.size(); i += 2)
-        result.push_back(static_cast<uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
-    return result;
-}
-
-bool match(const char *text, const Bytes &actual, Ids &ids)
-{
-    size_t at = 0;
-    for (const char *p = text; *p; p++) {
-        if (*p == '[') {
-            const char *end = strchr(p, ']');
-            const std::string name(p + 1, end);
-            if (!ids.contains(name) && at + kIdSize <= actual.size())
-                ids[name] = hex(Bytes(actual.begin() + static_cast<ptrdiff_t>(at),
-                                      actual.begin() + static_cast<ptrdiff_t>(at + kIdSize)));
-            at += kIdSize;
-            p = end;
-        } else if (*p == '\'') {
-            for (p++; *p != '\''; p++)
-                at++;
-        } else if (*p != ' ') {
-            at++;
-            p++;
+    for (size_t i = 0; i < text.size(); i++) {
+        const size_t end = text.find(text[i] == '[' ? ']' : '\'', i + 1);
+        if (text[i] == '[') {
+            const uint32_t word = words.at(text.substr(i + 1, end - i - 1));
+            for (int shift = 24; shift >= 0; shift -= 8)
+                result.push_back(static_cast<uint8_t>(word >> shift));
+            i = end;
+        } else if (text[i] == '\'') {
+            result.insert(result.end(), text.begin() + static_cast<ptrdiff_t>(i) + 1,
+                          text.begin() + static_cast<ptrdiff_t>(end));
+            i = end;
+        } else if (text[i] != ' ') {
+            result.push_back(static_cast<uint8_t>(std::stoul(text.substr(i, 2), nullptr, 16)));
+            i++;
         }
     }
-    if (at == actual.size() && bytes(text, ids) == actual)
-        return true;
-    ADD_FAILURE() << "expected " << text << "\n     got " << hex(actual);
-    return false;
+    return result;
 }
 
 std::string hex(const Bytes &bytes)
@@ -115,21 +78,16 @@ std::string hex(const Bytes &bytes)
     return text;
 }
 
-TempDir::TempDir()
+Bytes bytes_of(const blob_attr *blob)
 {
-    char name[] = "/tmp/bus_test.XXXXXX";
-    path_ = mkdtemp(name);
+    const auto *start = reinterpret_cast<const uint8_t *>(blob);
+    return {start, start + blob_raw_len(blob)};
 }
 
-TempDir::~TempDir()
+std::string socket_path()
 {
-    std::filesystem::remove_all(path_);
-}
-
-BrokerProcess::BrokerProcess(std::string path, unsigned max_descriptors)
-    : path_(std::move(path)), max_descriptors_(max_descriptors)
-{
-    start();
+    static int count = 0;
+    return "/tmp/bus_test." + std::to_string(getpid()) + "." + std::to_string(count++);
 }
 
 void BrokerProcess::start()
@@ -141,7 +99,7 @@ void BrokerProcess::start()
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         signal(SIGTERM, SIG_DFL);
         close(ready[0]);
-        _exit(run_broker(path_.c_str(), max_descriptors_, ready[1]));
+        _exit(run_broker(path(), max_descriptors_, ready[1]));
     }
     close(ready[1]);
     char byte = 0;
@@ -177,98 +135,114 @@ blob_attr *Message::attr(ubus_msg_attr id) const
 
 uint32_t Message::u32(ubus_msg_attr id) const
 {
-    const blob_attr *found = attr(id);
-    return found && blob_len(found) == sizeof(uint32_t) ? blob_get_u32(found) : ~0U;
+    return attr(id) ? blob_get_u32(attr(id)) : ~0U;
 }
 
-std::string Message::text(ubus_msg_attr id) const
+const char *Message::text(ubus_msg_attr id) const
 {
-    const blob_attr *found = attr(id);
-    return found ? blob_get_string(found) : "";
+    return attr(id) ? blob_get_string(attr(id)) : "";
 }
 
-RawClient::RawClient(const char *path) : fd_(connect_to(path))
-{
-    if (const auto hello = connected() ? receive() : std::nullopt)
-        id_ = hello->peer();
-}
-
-RawClient::~RawClient()
-{
-    if (fd_ >= 0)
-        close(fd_);
-}
-
-bool RawClient::write(const Bytes &bytes)
-{
-    return ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
-}
-
-bool RawClient::send(ubus_msg_type type, uint16_t seq, uint32_t peer, blob_attr *blob)
+Bytes message(int type, uint16_t seq, uint32_t peer, blob_attr *blob)
 {
     const ubus_msghdr hdr = {0, static_cast<uint8_t>(type), cpu_to_be16(seq), cpu_to_be32(peer)};
     Bytes raw(sizeof(hdr) + blob_raw_len(blob));
     memcpy(raw.data(), &hdr, sizeof(hdr));
     memcpy(raw.data() + sizeof(hdr), blob, blob_raw_len(blob));
-    return write(raw);
+    return raw;
 }
 
-std::optional<Message> RawClient::receive(int timeout_ms)
+Bytes event_message(const char *name, size_t size)
+{
+    Blob blob;
+    put_invoke(&blob.buf, UBUS_SYSTEM_OBJECT_EVENT, "send");
+    void *data = blob_nest_start(&blob.buf, UBUS_ATTR_DATA);
+    blobmsg_add_string(&blob.buf, "id", name);
+    void *table = blobmsg_open_table(&blob.buf, "data");
+    blobmsg_add_string(&blob.buf, "text", std::string(size, 'x').c_str());
+    blobmsg_close_table(&blob.buf, table);
+    blob_nest_end(&blob.buf, data);
+    return message(UBUS_MSG_INVOKE, 1, UBUS_SYSTEM_OBJECT_EVENT, blob);
+}
+
+RawClient::RawClient(const char *path) : fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
+{
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    strncpy(address.sun_path, path, sizeof(address.sun_path) - 1);
+    if (connect(fd_, reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0)
+        return;
+    if (const auto hello = receive())
+        id_ = hello->peer();
+}
+
+RawClient::~RawClient()
+{
+    close(fd_);
+}
+
+bool RawClient::write(const Bytes &bytes) const
+{
+    size_t at = 0;
+    while (at < bytes.size()) {
+        const ssize_t n = send(fd_, bytes.data() + at, bytes.size() - at, MSG_NOSIGNAL);
+        if (n <= 0)
+            return false;
+        at += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+std::optional<Message> RawClient::receive()
 {
     for (;;) {
-        constexpr size_t kHead = sizeof(ubus_msghdr) + sizeof(blob_attr);
-        if (input_.size() >= kHead) {
-            const auto *blob = reinterpret_cast<const blob_attr *>(input_.data() + sizeof(ubus_msghdr));
-            const size_t len = sizeof(ubus_msghdr) + blob_raw_len(blob);
-            if (input_.size() >= len) {
-                const auto end = input_.begin() + static_cast<ptrdiff_t>(len);
-                Message m = {Bytes(input_.begin(), end)};
-                input_.erase(input_.begin(), end);
-                return m;
-            }
+        const auto *head = reinterpret_cast<const blob_attr *>(input_.data() + sizeof(ubus_msghdr));
+        const bool has_head = input_.size() >= sizeof(ubus_msghdr) + sizeof(blob_attr);
+        const size_t len = has_head ? sizeof(ubus_msghdr) + blob_raw_len(head) : 0;
+        if (has_head && input_.size() >= len) {
+            const auto end = input_.begin() + static_cast<ptrdiff_t>(len);
+            Message m = {Bytes(input_.begin(), end)};
+            input_.erase(input_.begin(), end);
+            return m;
         }
-        pollfd pfd = {fd_, POLLIN, 0};
-        if (poll(&pfd, 1, timeout_ms) <= 0)
-            return std::nullopt;
         uint8_t buffer[65536];
-        const ssize_t n = recv(fd_, buffer, sizeof(buffer), 0);
+        pollfd pfd = {fd_, POLLIN, 0};
+        const ssize_t n = poll(&pfd, 1, kWaitMs) > 0 ? recv(fd_, buffer, sizeof(buffer), 0) : -1;
         if (n <= 0)
             return std::nullopt;
         input_.insert(input_.end(), buffer, buffer + n);
     }
 }
 
-std::optional<Message> RawClient::receive(ubus_msg_type type, int timeout_ms)
+std::optional<Message> RawClient::receive(ubus_msg_type type)
 {
     for (;;) {
-        auto m = receive(timeout_ms);
+        auto m = receive();
         if (!m || m->type() == type)
             return m;
+        calls_passed_over_ += m->type() == UBUS_MSG_INVOKE;
     }
 }
 
-bool RawClient::closed()
+bool RawClient::closed() const
 {
     uint8_t buffer[65536];
-    for (;;) {
-        pollfd pfd = {fd_, POLLIN, 0};
-        if (poll(&pfd, 1, kWaitMs) <= 0)
-            return false;
+    pollfd pfd = {fd_, POLLIN, 0};
+    while (poll(&pfd, 1, kWaitMs) > 0) {
         if (recv(fd_, buffer, sizeof(buffer), 0) <= 0)
             return true;
     }
+    return false;
 }
 
-uint32_t RawClient::request(ubus_msg_type type, uint32_t peer, blob_attr *blob)
+uint32_t RawClient::request(int type, uint32_t peer, blob_attr *blob)
 {
-    const uint16_t seq = ++seq_;
-    if (!send(type, seq, peer, blob))
+    if (!write(message(type, ++seq_, peer, blob)))
         return ~0U;
-    for (;;) {
-        const auto m = receive(UBUS_MSG_STATUS);
-        if (!m || m->seq() == seq)
-            return m ? m->u32(UBUS_ATTR_STATUS) : ~0U;
-    }
+    auto m = receive(UBUS_MSG_STATUS);
+    while (m && m->seq() != seq_)
+        m = receive(UBUS_MSG_STATUS);
+    return m ? m->u32(UBUS_ATTR_STATUS) : ~0U;
 }
 
 uint32_t RawClient::add_object(const char *path, const char *method)
@@ -281,21 +255,19 @@ uint32_t RawClient::add_object(const char *path, const char *method)
             blobmsg_close_table(&blob.buf, blobmsg_open_table(&blob.buf, method));
         blob_nest_end(&blob.buf, signature);
     }
-    send(UBUS_MSG_ADD_OBJECT, ++seq_, 0, blob);
+    write(message(UBUS_MSG_ADD_OBJECT, ++seq_, 0, blob));
+    uint32_t id = 0;
     for (auto m = receive(); m && m->type() != UBUS_MSG_STATUS; m = receive()) {
-        if (m->type() == UBUS_MSG_DATA) {
-            receive(UBUS_MSG_STATUS);
-            return m->u32(UBUS_ATTR_OBJID);
-        }
+        if (m->type() == UBUS_MSG_DATA)
+            id = m->u32(UBUS_ATTR_OBJID);
     }
-    return 0;
+    return id;
 }
 
 uint32_t RawClient::listen(uint32_t object, const char *pattern)
 {
     Blob blob;
-    blob_put_u32(&blob.buf, UBUS_ATTR_OBJID, UBUS_SYSTEM_OBJECT_EVENT);
-    blob_put_string(&blob.buf, UBUS_ATTR_METHOD, "register");
+    put_invoke(&blob.buf, UBUS_SYSTEM_OBJECT_EVENT, "register");
     void *data = blob_nest_start(&blob.buf, UBUS_ATTR_DATA);
     blobmsg_add_u32(&blob.buf, "object", object);
     blobmsg_add_string(&blob.buf, "pattern", pattern);
@@ -303,22 +275,30 @@ uint32_t RawClient::listen(uint32_t object, const char *pattern)
     return request(UBUS_MSG_INVOKE, UBUS_SYSTEM_OBJECT_EVENT, blob);
 }
 
-uint32_t RawClient::send_event(const char *name, uint32_t value)
+uint32_t RawClient::send_event(const char *name)
 {
-    Blob blob;
-    blob_put_u32(&blob.buf, UBUS_ATTR_OBJID, UBUS_SYSTEM_OBJECT_EVENT);
-    blob_put_string(&blob.buf, UBUS_ATTR_METHOD, "send");
-    void *data = blob_nest_start(&blob.buf, UBUS_ATTR_DATA);
-    blobmsg_add_string(&blob.buf, "id", name);
-    void *table = blobmsg_open_table(&blob.buf, "data");
-    blobmsg_add_u32(&blob.buf, "value", value);
-    blobmsg_close_table(&blob.buf, table);
-    blob_nest_end(&blob.buf, data);
-    return request(UBUS_MSG_INVOKE, UBUS_SYSTEM_OBJECT_EVENT, blob);
+    const auto status = write(event_message(name, 1)) ? receive(UBUS_MSG_STATUS) : std::nullopt;
+    return status ? status->u32(UBUS_ATTR_STATUS) : ~0U;
 }
 
 bool RawClient::ping()
 {
     Blob blob;
     return request(UBUS_MSG_PING, 0, blob) == UBUS_STATUS_OK;
+}
+
+bool RawClient::call(uint16_t seq, uint32_t object, const char *method) const
+{
+    Blob blob;
+    put_invoke(&blob.buf, object, method);
+    blob_put(&blob.buf, UBUS_ATTR_DATA, nullptr, 0);
+    return write(message(UBUS_MSG_INVOKE, seq, object, blob));
+}
+
+bool RawClient::answer(const Message &call, uint32_t object, uint32_t status) const
+{
+    Blob blob;
+    blob_put_u32(&blob.buf, UBUS_ATTR_STATUS, status);
+    blob_put_u32(&blob.buf, UBUS_ATTR_OBJID, object);
+    return write(message(UBUS_MSG_STATUS, call.seq(), call.peer(), blob));
 }

@@ -4,6 +4,7 @@
 #define TESTS_UNIT_BUS_BUS_TEST_H
 
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -16,52 +17,36 @@ constexpr int kWaitMs = 10000; // for what must come; only a failing test waits 
 
 using Bytes = std::vector<uint8_t>;
 
-/*
- * Bytes as text: hexadecimal digits, spaces ignored; 'text' for the characters (no terminator); [name] for an
- * id of four bytes. `match` compares: an id that is not in `ids` yet is put there, one that is must be the
- * same.
- */
-using Ids = std::map<std::string, std::string>;
-Bytes bytes(const char *text, const Ids &ids = {});
-bool match(const char *text, const Bytes &actual, Ids &ids);
+// Bytes from text: hexadecimal digits, spaces ignored; 'abc' for the characters; [name] for a word of
+// `words`.
+using Words = std::map<std::string, uint32_t>;
+Bytes bytes(const std::string &text, const Words &words = {});
 std::string hex(const Bytes &bytes);
+Bytes bytes_of(const blob_attr *blob);
 
 struct Blob {
     blob_buf buf = {};
 
     Blob() { blob_buf_init(&buf, 0); }
     ~Blob() { blob_buf_free(&buf); }
-    Blob(const Blob &) = delete;
-    Blob &operator=(const Blob &) = delete;
     operator blob_attr *() { return buf.head; }
 };
 
-class TempDir {
-public:
-    TempDir();
-    ~TempDir();
-    TempDir(const TempDir &) = delete;
-    TempDir &operator=(const TempDir &) = delete;
-    std::string file(const char *name) const { return path_ + "/" + name; }
+// A path for a socket that nobody else uses.
+std::string socket_path();
 
-private:
-    std::string path_;
-};
-
-// A broker in a child process. Ending it fails the test if it did not end in order, or leaked.
+// A broker in a child process. Stopping it fails the test if it did not end in order, or leaked.
 class BrokerProcess {
 public:
-    explicit BrokerProcess(std::string path, unsigned max_descriptors = 0);
+    explicit BrokerProcess(unsigned max_descriptors = 0) : max_descriptors_(max_descriptors) { start(); }
     ~BrokerProcess() { stop(); }
-    BrokerProcess(const BrokerProcess &) = delete;
-    BrokerProcess &operator=(const BrokerProcess &) = delete;
     void start();
     void stop();
     const char *path() const { return path_.c_str(); }
-    pid_t pid() const { return pid_; }
+    std::string proc(const char *file) const { return "/proc/" + std::to_string(pid_) + "/" + file; }
 
 private:
-    std::string path_;
+    std::string path_ = socket_path();
     unsigned max_descriptors_;
     pid_t pid_ = -1;
 };
@@ -71,47 +56,53 @@ struct Message {
     uint8_t type() const { return raw[1]; }
     uint16_t seq() const { return static_cast<uint16_t>(raw[2] << 8 | raw[3]); }
     uint32_t peer() const;
-    uint32_t u32(ubus_msg_attr id) const; // ~0 when it is not there
-    std::string text(ubus_msg_attr id) const;
     blob_attr *attr(ubus_msg_attr id) const;
+    uint32_t u32(ubus_msg_attr id) const;
+    const char *text(ubus_msg_attr id) const;
 };
 
-// A client without the library. Receives with a time limit, and nothing once the connection is closed.
+Bytes message(int type, uint16_t seq, uint32_t peer, blob_attr *blob);
+
+// A client without the library. Receives nothing once the connection is closed.
 class RawClient {
 public:
     explicit RawClient(const char *path);
     explicit RawClient(int fd) : fd_(fd) {}
     ~RawClient();
-    RawClient(const RawClient &) = delete;
-    RawClient &operator=(const RawClient &) = delete;
 
-    bool connected() const { return fd_ >= 0; }
-    bool write(const Bytes &bytes);
-    bool send(ubus_msg_type type, uint16_t seq, uint32_t peer, blob_attr *blob);
-    std::optional<Message> receive(int timeout_ms = kWaitMs);
-    std::optional<Message> receive(ubus_msg_type type, int timeout_ms = kWaitMs); // passes over other types
-    bool closed(); // by the other side; waits for it
-    uint32_t id() const { return id_; }
     int fd() const { return fd_; }
+    uint32_t id() const { return id_; } // 0: not connected
+    bool write(const Bytes &bytes) const;
+    std::optional<Message> receive();
+    std::optional<Message> receive(ubus_msg_type type); // passes over others
+    size_t calls_passed_over() const { return calls_passed_over_; }
+    bool closed() const; // by the other side; waits for it
 
-    // Requests as a client would make them; the result is the status, ~0 without an answer.
-    uint32_t request(ubus_msg_type type, uint32_t peer, blob_attr *blob);
-    uint32_t add_object(const char *path, const char *method = nullptr); // the object's id, 0: refused
+    // Requests, and their status (~0 without an answer).
+    uint32_t request(int type, uint32_t peer, blob_attr *blob);
+    uint32_t add_object(const char *path, const char *method = nullptr); // gives the id; 0: refused
     uint32_t listen(uint32_t object, const char *pattern);
-    uint32_t send_event(const char *name, uint32_t value);
+    uint32_t send_event(const char *name);
     bool ping();
+
+    // Halves of calls.
+    bool call(uint16_t seq, uint32_t object, const char *method) const;
+    bool answer(const Message &call, uint32_t object, uint32_t status) const;
 
 private:
     int fd_ = -1;
     uint32_t id_ = 0;
     uint16_t seq_ = 100;
+    size_t calls_passed_over_ = 0;
     Bytes input_;
 };
 
+// "send" of an event whose message { "text" } is about `size` bytes.
+Bytes event_message(const char *name, size_t size);
+
 class BrokerTest : public testing::Test {
 protected:
-    TempDir dir_;
-    BrokerProcess broker_{dir_.file("bus")};
+    BrokerProcess broker_;
     const char *path_ = broker_.path();
 };
 

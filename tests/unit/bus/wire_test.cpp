@@ -2,6 +2,7 @@
 // longer talk to those.
 #include <grp.h>
 #include <pwd.h>
+#include <random>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <thread>
@@ -13,17 +14,16 @@ namespace {
 
 using std::string;
 
-// Message headers are "version type seq peer"; below are the blobs after them.
+// Message headers are "version type seq peer"; these are the blobs after them.
 const string kEmpty = "00000004";
 const string kStatusOk = "0000000c 01000008 00000000";
-const string kStatusPermissionDenied = "0000000c 01000008 00000006";
-const string kStatusNotFound = "0000000c 01000008 00000004";
+const string kPermissionDenied = "0000000c 01000008 00000006";
+const string kNotFound = "0000000c 01000008 00000004";
 
 // An object "test.obj" with methods args (name: String, on: Boolean) and get.
 const string kPath = "0200000d 'test.obj' 00 000000";
-const string kSignature = "0600003c 8200002c 0004 'args' 0000"
-                          "85000010 0004 'name' 0000 00000003 85000010 0002 'on' 00000000 00000007"
-                          "8200000c 0003 'get' 000000";
+const string kSignature = "0600003c 8200002c 0004 'args' 0000 85000010 0004 'name' 0000 00000003"
+                          "85000010 0002 'on' 00000000 00000007 8200000c 0003 'get' 000000";
 const string kAddObject = "00000050" + kPath + kSignature;
 const string kObject = "0000000c 03000008 [object]";
 const string kObjectAndType = "00000014 03000008 [object] 05000008 [type]";
@@ -36,53 +36,34 @@ const string kArgs =
 const string kCall = "00000040 03000008 [object] 04000009 'args' 00 000000" + kArgs;
 const string kReply = "00000020 03000008 [object] 07000014 8700000d 0002 'ok' 00000000 01 000000";
 const string kCallStatus = "00000014 01000008 00000006 03000008 [object]";
+const string kCallUnknown = "00000018 03000008 00012345 04000006 'm' 00 0000 07000004";
 
-// Events: the object that listens, its pattern, an event sent and received, one that only the broker may
-// send.
+// Events: the object that listens, its pattern, one sent and received, one that only the broker may send.
 const string kListener = "0000000c 03000008 [listener]";
 const string kRegister = "0000004c 03000008 00000001 0400000d 'register' 00 000000"
                          "07000030 85000014 0006 'object' 00000000 [listener]"
                          "83000018 0007 'pattern' 000000 'event.*' 00";
-const string kSendEvent = "0000004c 03000008 00000001 04000009 'send' 00 000000"
-                          "07000034 83000014 0002 'id' 00000000 'event.x' 00"
-                          "8200001c 0004 'data' 0000 85000010 0005 'value' 00 00000007";
-const string kEvent = "0000002c 03000008 [listener] 0400000c 'event.x' 00"
-                      "07000014 85000010 0005 'value' 00 00000007";
-const string kSendBrokersEvent = "0000004c 03000008 00000001 04000009 'send' 00 000000"
-                                 "07000034 83000013 0002 'id' 00000000 'ubus.x' 00 00"
-                                 "8200001c 0004 'data' 0000 85000010 0005 'value' 00 00000007";
-const string kCallUnknown = "00000018 03000008 00012345 04000006 'm' 00 0000 07000004";
+const string kSend =
+    "0000004c 03000008 00000001 04000009 'send' 00 000000 07000034 83000014 0002 'id' 00000000"
+    "'event.x' 00 8200001c 0004 'data' 0000 85000010 0005 'value' 00 00000007";
+const string kEvent =
+    "0000002c 03000008 [listener] 0400000c 'event.x' 00 07000014 85000010 0005 'value' 00 00000007";
+const string kSendUbus =
+    "0000004c 03000008 00000001 04000009 'send' 00 000000 07000034 83000013 0002 'id'"
+    "00000000 'ubus.x' 00 00 8200001c 0004 'data' 0000 85000010 0005 'value' 00 00000007";
 
-// A USER or GROUP member.
-string name_attr(ubus_msg_attr id, const char *name)
+// USER and GROUP of who runs this.
+Bytes own_names()
 {
     Blob blob;
-    blob_put_string(&blob.buf, id, name);
-    const auto *start = reinterpret_cast<const uint8_t *>(blob_data(blob.buf.head));
-    return hex(Bytes(start, start + blob_len(blob.buf.head)));
+    blob_put_string(&blob.buf, UBUS_ATTR_USER, getpwuid(getuid())->pw_name);
+    blob_put_string(&blob.buf, UBUS_ATTR_GROUP, getgrgid(getgid())->gr_name);
+    Bytes names = bytes_of(blob);
+    names.erase(names.begin(), names.begin() + sizeof(blob_attr));
+    return names;
 }
 
-string word(uint32_t value)
-{
-    char text[9];
-    snprintf(text, sizeof(text), "%08x", value);
-    return text;
-}
-
-// Two clients of a broker, what they say and must be told.
-struct Conversation {
-    Ids ids;
-
-    void say(RawClient &client, const string &text) { EXPECT_TRUE(client.write(bytes(text.c_str(), ids))); }
-    void hear(RawClient &client, const string &text)
-    {
-        const auto m = client.receive();
-        ASSERT_TRUE(m) << "expected " << text;
-        EXPECT_TRUE(match(text.c_str(), m->raw, ids));
-    }
-};
-
-// A broker that does as it is told: waits for a message, compares it, answers.
+// A broker that waits for a message, compares it, answers, and so on.
 struct Step {
     string expected;
     string answer;
@@ -90,12 +71,13 @@ struct Step {
 
 class ScriptedBroker {
 public:
-    ScriptedBroker(const string &path, Ids ids, std::vector<Step> script)
-        : ids_(std::move(ids)), script_(std::move(script)), listener_(socket(AF_UNIX, SOCK_STREAM, 0))
+    ScriptedBroker(string path, Words words, std::vector<Step> script)
+        : path_(std::move(path)), words_(std::move(words)), script_(std::move(script)),
+          listener_(socket(AF_UNIX, SOCK_STREAM, 0))
     {
         sockaddr_un address = {};
         address.sun_family = AF_UNIX;
-        path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+        path_.copy(address.sun_path, sizeof(address.sun_path) - 1);
         EXPECT_EQ(bind(listener_, reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
         EXPECT_EQ(listen(listener_, 1), 0);
         thread_ = std::thread([this] { run(); });
@@ -104,24 +86,24 @@ public:
     {
         thread_.join();
         close(listener_);
+        unlink(path_.c_str());
     }
-    ScriptedBroker(const ScriptedBroker &) = delete;
-    ScriptedBroker &operator=(const ScriptedBroker &) = delete;
 
 private:
     void run()
     {
         RawClient client(accept(listener_, nullptr, nullptr));
-        EXPECT_TRUE(client.write(bytes(("00 00 0000 [client]" + kEmpty).c_str(), ids_)));
+        EXPECT_TRUE(client.write(bytes("00 00 0000 [client]" + kEmpty, words_)));
         for (const Step &step : script_) {
             const auto m = client.receive();
-            ASSERT_TRUE(m) << "expected " << step.expected;
-            EXPECT_TRUE(match(step.expected.c_str(), m->raw, ids_));
-            EXPECT_TRUE(client.write(bytes(step.answer.c_str(), ids_)));
+            ASSERT_TRUE(m) << step.expected;
+            EXPECT_EQ(hex(m->raw), hex(bytes(step.expected, words_)));
+            EXPECT_TRUE(client.write(bytes(step.answer, words_)));
         }
     }
 
-    Ids ids_;
+    string path_;
+    Words words_;
     std::vector<Step> script_;
     int listener_;
     std::thread thread_;
@@ -154,82 +136,81 @@ TEST(Wire, MessageOfEveryType)
     blobmsg_add_string(b, nullptr, "");
     blobmsg_close_array(b, array);
     blobmsg_close_table(b, table);
-    void *empty = blobmsg_open_table(b, "empty");
-    blobmsg_close_table(b, empty);
+    blobmsg_close_table(b, blobmsg_open_table(b, "empty"));
 
-    const auto *start = reinterpret_cast<const uint8_t *>(b->head);
-    Ids none;
-    EXPECT_TRUE(match("000000b0"
-                      "80000011 0003 'raw' 000000 0102030405 000000"
-                      "83000010 0004 'text' 0000 'abc' 00"
-                      "8700000d 0002 'i8' 00000000 12 000000"
-                      "8600000e 0003 'i16' 000000 1234 0000"
-                      "85000010 0003 'i32' 000000 12345678"
-                      "84000014 0003 'i64' 000000 123456789abcdef0"
-                      "88000010 0001 'f' 00 3ff8000000000000"
-                      "82000028 0001 't' 00 81000020 0001 'a' 00"
-                      "87000009 0000 0000 01 000000 83000009 0000 0000 00 000000"
-                      "8200000c 0005 'empty' 00",
-                      Bytes(start, start + blob_raw_len(b->head)), none));
+    EXPECT_EQ(
+        hex(bytes_of(blob)),
+        hex(bytes("000000b0 80000011 0003 'raw' 000000 0102030405 000000 83000010 0004 'text' 0000 'abc' 00"
+                  "8700000d 0002 'i8' 00000000 12 000000 8600000e 0003 'i16' 000000 1234 0000"
+                  "85000010 0003 'i32' 000000 12345678 84000014 0003 'i64' 000000 123456789abcdef0"
+                  "88000010 0001 'f' 00 3ff8000000000000 82000028 0001 't' 00 81000020 0001 'a' 00"
+                  "87000009 0000 0000 01 000000 83000009 0000 0000 00 000000 8200000c 0005 'empty' 00")));
 }
 
 TEST_F(BrokerTest, SaysTheKnownBytes)
 {
-    const string who = name_attr(UBUS_ATTR_USER, getpwuid(getuid())->pw_name) +
-                       name_attr(UBUS_ATTR_GROUP, getgrgid(getgid())->gr_name);
-    const string passed_on = word(0x40 + static_cast<uint32_t>(who.size() / 2)) +
-                             "03000008 [object] 04000009 'args' 00 000000" + who + kArgs;
-
-    // The greetings, which RawClient hears, tell the ids.
     RawClient owner(path_);
     RawClient caller(path_);
-    Conversation c;
-    c.ids["caller"] = word(caller.id());
+    Words words = {{"caller", caller.id()}, {"size", 0x40 + static_cast<uint32_t>(own_names().size())}};
+    const auto say = [&](const RawClient &client, const string &text) { client.write(bytes(text, words)); };
+    const auto hear = [&](RawClient &client, const string &text) {
+        const auto m = client.receive();
+        EXPECT_EQ(m ? hex(m->raw) : "nothing", hex(bytes(text, words)));
+    };
 
-    c.say(owner, "00 06 0001 00000000" + kAddObject);
-    c.hear(owner, "00 02 0001 00000000" + kObjectAndType);
-    c.hear(owner, "00 01 0001 00000000" + kStatusOk);
-    c.say(owner, "00 06 0002 00000000" + kEmpty);
-    c.hear(owner, "00 02 0002 00000000" + kListener);
-    c.hear(owner, "00 01 0002 00000000" + kStatusOk);
-    c.say(owner, "00 05 0003 00000001" + kRegister);
-    c.hear(owner, "00 01 0003 00000001" + kStatusOk);
+    say(owner, "00 06 0001 00000000" + kAddObject);
+    const auto added = owner.receive();
+    words["object"] = added->u32(UBUS_ATTR_OBJID);
+    words["type"] = added->u32(UBUS_ATTR_OBJTYPE);
+    EXPECT_EQ(hex(added->raw), hex(bytes("00 02 0001 00000000" + kObjectAndType, words)));
+    hear(owner, "00 01 0001 00000000" + kStatusOk);
+    say(owner, "00 06 0002 00000000" + kEmpty);
+    const auto listener = owner.receive();
+    words["listener"] = listener->u32(UBUS_ATTR_OBJID);
+    EXPECT_EQ(hex(listener->raw), hex(bytes("00 02 0002 00000000" + kListener, words)));
+    hear(owner, "00 01 0002 00000000" + kStatusOk);
+    say(owner, "00 05 0003 00000001" + kRegister);
+    hear(owner, "00 01 0003 00000001" + kStatusOk);
 
-    c.say(caller, "00 04 0001 00000000" + kLookup);
-    c.hear(caller, "00 02 0001 00000000" + kLookedUp);
-    c.hear(caller, "00 01 0001 00000000" + kStatusOk);
-    c.say(caller, "00 05 0002 [object]" + kCall);
-    c.hear(owner, "00 05 0002 [caller]" + passed_on);
-    c.say(owner, "00 02 0002 [caller]" + kReply);
-    c.hear(caller, "00 02 0002 [object]" + kReply);
-    c.say(owner, "00 01 0002 [caller]" + kCallStatus);
-    c.hear(caller, "00 01 0002 [object]" + kCallStatus);
-    c.say(caller, "00 05 0005 00012345" + kCallUnknown);
-    c.hear(caller, "00 01 0005 00012345" + kStatusNotFound);
+    say(caller, "00 04 0001 00000000" + kLookup);
+    hear(caller, "00 02 0001 00000000" + kLookedUp);
+    hear(caller, "00 01 0001 00000000" + kStatusOk);
+    say(caller, "00 05 0002 [object]" + kCall);
+    hear(owner,
+         "00 05 0002 [caller] [size] 03000008 [object] 04000009 'args' 00 000000" + hex(own_names()) + kArgs);
+    say(owner, "00 02 0002 [caller]" + kReply);
+    hear(caller, "00 02 0002 [object]" + kReply);
+    say(owner, "00 01 0002 [caller]" + kCallStatus);
+    hear(caller, "00 01 0002 [object]" + kCallStatus);
+    say(caller, "00 05 0005 00012345" + kCallUnknown);
+    hear(caller, "00 01 0005 00012345" + kNotFound);
 
-    c.say(caller, "00 05 0003 00000001" + kSendEvent);
-    c.hear(owner, "00 05 0001 00000000" + kEvent);
-    c.hear(caller, "00 01 0003 00000001" + kStatusOk);
-    c.say(caller, "00 05 0004 00000001" + kSendBrokersEvent);
-    c.hear(caller, "00 01 0004 00000001" + kStatusPermissionDenied);
+    say(caller, "00 05 0003 00000001" + kSend);
+    hear(owner, "00 05 0001 00000000" + kEvent);
+    hear(caller, "00 01 0003 00000001" + kStatusOk);
+    say(caller, "00 05 0004 00000001" + kSendUbus);
+    hear(caller, "00 01 0004 00000001" + kPermissionDenied);
 
-    c.say(owner, "00 07 0004 00000000" + kListener);
-    c.hear(owner, "00 02 0004 00000000" + kListener);
-    c.hear(owner, "00 01 0004 00000000" + kStatusOk);
-    c.say(owner, "00 07 0005 00000000" + kObject);
-    c.hear(owner, "00 02 0005 00000000" + kObjectAndType);
-    c.hear(owner, "00 01 0005 00000000" + kStatusOk);
-    c.say(owner, "00 04 0006 00000000" + kLookup);
-    c.hear(owner, "00 01 0006 00000000" + kStatusNotFound);
+    say(owner, "00 07 0004 00000000" + kListener);
+    hear(owner, "00 02 0004 00000000" + kListener);
+    hear(owner, "00 01 0004 00000000" + kStatusOk);
+    words["watcher"] = caller.add_object(nullptr);
+    EXPECT_EQ(caller.listen(words["watcher"], "ubus.object.*"), UBUS_STATUS_OK);
+    say(owner, "00 07 0005 00000000" + kObject);
+    hear(caller,
+         "00 05 0002 00000000 00000050 03000008 [watcher] 04000017 'ubus.object.remove' 00 00 0700002c"
+         "85000010 0002 'id' 00000000 [object] 83000015 0004 'path' 0000 'test.obj' 00 000000");
+    hear(owner, "00 02 0005 00000000" + kObjectAndType);
+    hear(owner, "00 01 0005 00000000" + kStatusOk);
+    say(owner, "00 04 0006 00000000" + kLookup);
+    hear(owner, "00 01 0006 00000000" + kNotFound);
 }
 
 TEST(Wire, ClientSaysTheKnownBytes)
 {
-    const TempDir dir;
-    const string path = dir.file("bus");
+    const string path = socket_path();
     const ScriptedBroker broker(
-        path,
-        {{"client", "00001001"}, {"object", "00002001"}, {"listener", "00002002"}, {"type", "00003001"}},
+        path, {{"client", 0x1001}, {"object", 0x2001}, {"listener", 0x2002}, {"type", 0x3001}},
         {
             {"00 06 0001 00000000" + kAddObject,
              "00 02 0001 00000000" + kObjectAndType + "00 01 0001 00000000" + kStatusOk},
@@ -240,10 +221,10 @@ TEST(Wire, ClientSaysTheKnownBytes)
              "00 02 0004 00000000" + kLookedUp + "00 01 0004 00000000" + kStatusOk},
             {"00 05 0005 [object]" + kCall,
              "00 02 0005 [object]" + kReply + "00 01 0005 [object]" + kCallStatus},
-            {"00 05 0006 00012345" + kCallUnknown, "00 01 0006 00012345" + kStatusNotFound},
+            {"00 05 0006 00012345" + kCallUnknown, "00 01 0006 00012345" + kNotFound},
             // An event and a call come in between: the call alone is answered.
-            {"00 05 0007 00000001" + kSendEvent, "00 05 0001 00000000" + kEvent + "00 05 0102 00005005" +
-                                                     kCall + "00 01 0007 00000001" + kStatusOk},
+            {"00 05 0007 00000001" + kSend, "00 05 0001 00000000" + kEvent + "00 05 0102 00005005" + kCall +
+                                                "00 01 0007 00000001" + kStatusOk},
             {"00 02 0102 00005005" + kReply, ""},
             {"00 01 0102 00005005" + kCallStatus, ""},
             {"00 07 0008 00000000" + kListener,
@@ -269,13 +250,11 @@ TEST(Wire, ClientSaysTheKnownBytes)
     EXPECT_EQ(type.id, 0x3001U);
 
     static std::vector<string> events;
-    events.clear();
     ubus_event_handler handler = {};
     handler.cb = [](ubus_context *, ubus_event_handler *, const char *name, blob_attr *) {
         events.emplace_back(name);
     };
     EXPECT_EQ(ubus_register_event_handler(ctx, &handler, "event.*"), UBUS_STATUS_OK);
-
     uint32_t id = 0;
     EXPECT_EQ(ubus_lookup_id(ctx, "test.obj", &id), UBUS_STATUS_OK);
     EXPECT_EQ(id, 0x2001U);
@@ -301,4 +280,35 @@ TEST(Wire, ClientSaysTheKnownBytes)
     EXPECT_EQ(type.id, 0U);
     ubus_free(ctx);
     uloop_done();
+}
+
+// Whatever comes near a valid message: the sender may be dropped, the broker and a bystander may not.
+TEST_F(BrokerTest, SurvivesWhatIsNearlyRight)
+{
+    const string blobs[] = {kAddObject, kLookup, kCall,  kReply,    kCallStatus,
+                            kListener,  kEmpty,  kEvent, kRegister, kSend};
+    RawClient bystander(path_);
+    std::mt19937 random(20110601);
+    const auto below = [&](size_t n) { return random() % n; };
+    std::unique_ptr<RawClient> client;
+    Words words = {{"type", 1234}};
+    for (int round = 0; round < 5000; round++) {
+        if (!client || below(50) == 0) {
+            client = std::make_unique<RawClient>(path_);
+            words["object"] = client->add_object(nullptr);
+            words["listener"] = client->add_object(nullptr);
+        }
+        const string &blob = blobs[below(std::size(blobs))];
+        Bytes mutant = bytes((below(2) ? "00 05 0001 00000001" : "00 05 0001 [object]") + blob, words);
+        if (below(2))
+            mutant[1] = static_cast<uint8_t>(below(__UBUS_MSG_LAST + 1));
+        for (size_t n = below(4); n > 0; n--)
+            mutant[11 + below(mutant.size() - 11)] = static_cast<uint8_t>(below(2) ? below(16) : random());
+        const bool written = client->write(mutant);
+        while (recv(client->fd(), mutant.data(), mutant.size(), MSG_DONTWAIT) > 0) {
+        }
+        if (!written)
+            client.reset();
+    }
+    EXPECT_TRUE(bystander.ping());
 }
