@@ -24,8 +24,9 @@ bool grow_on_heap(blob_buf *buf, int minlen)
     const size_t wanted = old_size + static_cast<size_t>(minlen);
     const size_t size = std::max(wanted, std::clamp(old_size * 2, kFirstSize, size_t{BLOB_ATTR_LEN_MASK}));
     void *grown = realloc(buf->buf, size);
-    if (!grown)
+    if (!grown) {
         return false;
+    }
     buf->buf = grown;
     buf->buflen = static_cast<int>(size);
     return true;
@@ -35,14 +36,17 @@ bool grow_on_heap(blob_buf *buf, int minlen)
 // fit.
 blob_attr *add_at(blob_buf *buf, size_t offset, int id, size_t payload)
 {
-    if (payload > BLOB_ATTR_LEN_MASK - kHeader)
+    if (payload > BLOB_ATTR_LEN_MASK - kHeader) {
         return nullptr;
+    }
     const size_t end = (offset + kHeader + payload + BLOB_ATTR_ALIGN - 1) & ~size_t{BLOB_ATTR_ALIGN - 1};
-    if (end > BLOB_ATTR_LEN_MASK) // whatever it is nested in could not tell its length
+    if (end > BLOB_ATTR_LEN_MASK) { // whatever it is nested in could not tell its length
         return nullptr;
+    }
     const auto size = static_cast<size_t>(buf->buflen);
-    if (end > size && !blob_buf_grow(buf, static_cast<int>(end - size)))
+    if (end > size && !blob_buf_grow(buf, static_cast<int>(end - size))) {
         return nullptr;
+    }
 
     blob_attr *attr = attr_at(buf, offset);
     attr->id_len = cpu_to_be32(((static_cast<uint32_t>(id) << BLOB_ATTR_ID_SHIFT) & BLOB_ATTR_ID_MASK) |
@@ -56,12 +60,15 @@ constexpr size_t kMinLen[BLOB_ATTR_LAST] = {0, 0, 0, 1, 1, 2, 4, 8, 8};
 bool accepts(const blob_attr_info &info, blob_attr *attr)
 {
     if (info.type < BLOB_ATTR_LAST &&
-        !blob_check_type(attr->data, static_cast<unsigned>(blob_len(attr)), static_cast<int>(info.type)))
+        !blob_check_type(attr->data, static_cast<unsigned>(blob_len(attr)), static_cast<int>(info.type))) {
         return false;
-    if (info.minlen && blob_raw_len(attr) < info.minlen)
+    }
+    if (info.minlen && blob_raw_len(attr) < info.minlen) {
         return false;
-    if (info.maxlen && blob_raw_len(attr) > info.maxlen)
+    }
+    if (info.maxlen && blob_raw_len(attr) > info.maxlen) {
         return false;
+    }
     return !info.validate || info.validate(&info, attr);
 }
 
@@ -69,8 +76,9 @@ bool accepts(const blob_attr_info &info, blob_attr *attr)
 
 int blob_buf_init(blob_buf *buf, int id)
 {
-    if (!buf->grow)
+    if (!buf->grow) {
         buf->grow = grow_on_heap;
+    }
     buf->head = static_cast<blob_attr *>(buf->buf);
     buf->head = add_at(buf, 0, id, 0);
     return buf->head ? 0 : -ENOMEM;
@@ -86,14 +94,18 @@ void blob_buf_free(blob_buf *buf)
 
 bool blob_buf_grow(blob_buf *buf, int required)
 {
-    if (required < 0 || static_cast<size_t>(buf->buflen) + static_cast<size_t>(required) > BLOB_ATTR_LEN_MASK)
+    if (required < 0 ||
+        static_cast<size_t>(buf->buflen) + static_cast<size_t>(required) > BLOB_ATTR_LEN_MASK) {
         return false;
+    }
     const size_t head = buf->head ? offset_of(buf, buf->head) : 0;
     const bool had_head = buf->head != nullptr;
-    if (!buf->grow || !buf->grow(buf, required))
+    if (!buf->grow || !buf->grow(buf, required)) {
         return false;
-    if (had_head)
+    }
+    if (had_head) {
         buf->head = attr_at(buf, head);
+    }
     return true;
 }
 
@@ -110,21 +122,25 @@ void blob_set_raw_len(blob_attr *attr, unsigned int len)
 
 blob_attr *blob_new(blob_buf *buf, int id, int payload)
 {
-    if (payload < 0 || !buf->head)
+    if (payload < 0 || !buf->head) {
         return nullptr;
+    }
     blob_attr *attr = add_at(buf, offset_of(buf, blob_next(buf->head)), id, static_cast<size_t>(payload));
-    if (attr)
+    if (attr) {
         blob_set_raw_len(buf->head, static_cast<unsigned>(blob_pad_len(buf->head) + blob_pad_len(attr)));
+    }
     return attr;
 }
 
 blob_attr *blob_put(blob_buf *buf, int id, const void *ptr, unsigned int len)
 {
-    if (len > BLOB_ATTR_LEN_MASK)
+    if (len > BLOB_ATTR_LEN_MASK) {
         return nullptr;
+    }
     blob_attr *attr = blob_new(buf, id, static_cast<int>(len));
-    if (attr && ptr && len > 0)
+    if (attr && ptr && len > 0) {
         memcpy(attr->data, ptr, len);
+    }
     return attr;
 }
 
@@ -132,12 +148,14 @@ blob_attr *blob_put(blob_buf *buf, int id, const void *ptr, unsigned int len)
 // outer attribute grows by the whole inner one at the end.
 void *bus::blob_nest_start_after(blob_buf *buf, int id, size_t payload)
 {
-    if (!buf->head)
+    if (!buf->head) {
         return nullptr;
+    }
     const size_t outer = offset_of(buf, buf->head);
     blob_attr *inner = add_at(buf, offset_of(buf, blob_next(buf->head)), id, payload);
-    if (!inner)
+    if (!inner) {
         return nullptr;
+    }
     buf->head = inner;
     return reinterpret_cast<void *>(outer + 1);
 }
@@ -149,8 +167,9 @@ void *blob_nest_start(blob_buf *buf, int id)
 
 void blob_nest_end(blob_buf *buf, void *cookie)
 {
-    if (!cookie)
+    if (!cookie) {
         return;
+    }
     blob_attr *outer = attr_at(buf, reinterpret_cast<uintptr_t>(cookie) - 1);
     blob_set_raw_len(outer, static_cast<unsigned>(blob_pad_len(outer) + blob_pad_len(buf->head)));
     buf->head = outer;
@@ -160,19 +179,23 @@ blob_attr *blob_memdup(const blob_attr *attr)
 {
     const size_t len = std::max(blob_raw_len(attr), kHeader);
     auto *copy = static_cast<blob_attr *>(calloc(1, len + BLOB_ATTR_ALIGN - 1));
-    if (copy)
+    if (copy) {
         memcpy(copy, attr, len);
+    }
     return copy;
 }
 
 bool blob_check_type(const void *ptr, unsigned int len, int type)
 {
-    if (type < 0 || type >= BLOB_ATTR_LAST)
+    if (type < 0 || type >= BLOB_ATTR_LAST) {
         return false;
-    if (type >= BLOB_ATTR_INT8 && type <= BLOB_ATTR_INT64)
+    }
+    if (type >= BLOB_ATTR_INT8 && type <= BLOB_ATTR_INT64) {
         return len == kMinLen[type];
-    if (len < kMinLen[type])
+    }
+    if (len < kMinLen[type]) {
         return false;
+    }
     return type != BLOB_ATTR_STRING || static_cast<const char *>(ptr)[len - 1] == '\0';
 }
 
@@ -180,8 +203,9 @@ int blob_parse_untrusted(blob_attr *attr, size_t attr_len, blob_attr **data, con
                          int max)
 {
     std::fill_n(data, max, nullptr);
-    if (!attr || attr_len < kHeader || blob_raw_len(attr) > attr_len)
+    if (!attr || attr_len < kHeader || blob_raw_len(attr) > attr_len) {
         return 0;
+    }
 
     int found = 0;
     size_t left = 0;
@@ -189,8 +213,9 @@ int blob_parse_untrusted(blob_attr *attr, size_t attr_len, blob_attr **data, con
     blob_for_each_attr(pos, attr, left)
     {
         const unsigned id = blob_id(pos);
-        if (static_cast<int>(id) >= max || (info && !accepts(info[id], pos)))
+        if (static_cast<int>(id) >= max || (info && !accepts(info[id], pos))) {
             continue;
+        }
         found += data[id] ? 0 : 1;
         data[id] = pos;
     }

@@ -17,36 +17,44 @@ constexpr int kPayload[__BLOBMSG_TYPE_LAST] = {
 // `attr` is known to lie within memory.
 bool name_is_sound(const blob_attr *attr, bool wanted)
 {
-    if (!blob_is_extended(attr))
+    if (!blob_is_extended(attr)) {
         return !wanted;
-    if (blob_len(attr) < sizeof(blobmsg_hdr))
+    }
+    if (blob_len(attr) < sizeof(blobmsg_hdr)) {
         return false;
+    }
     const auto *hdr = reinterpret_cast<const blobmsg_hdr *>(attr->data);
     const uint16_t len = blobmsg_namelen(hdr);
-    if (wanted && len == 0)
+    if (wanted && len == 0) {
         return false;
+    }
     return blob_len(attr) >= static_cast<size_t>(blobmsg_hdrlen(len)) && hdr->name[len] == '\0';
 }
 
 bool is_sound(const blob_attr *attr, bool name, size_t len, int nesting)
 {
-    if (len < sizeof(blob_attr) || blob_raw_len(attr) < sizeof(blob_attr) || blob_raw_len(attr) > len)
+    if (len < sizeof(blob_attr) || blob_raw_len(attr) < sizeof(blob_attr) || blob_raw_len(attr) > len) {
         return false;
+    }
     const int type = blobmsg_type(attr);
-    if (type > BLOBMSG_TYPE_LAST || !name_is_sound(attr, name))
+    if (type > BLOBMSG_TYPE_LAST || !name_is_sound(attr, name)) {
         return false;
-    if (kPayload[type] != BLOB_ATTR_NESTED)
+    }
+    if (kPayload[type] != BLOB_ATTR_NESTED) {
         return blob_check_type(blobmsg_data(attr), static_cast<unsigned>(blobmsg_data_len(attr)),
                                kPayload[type]);
+    }
 
-    if (nesting == 0)
+    if (nesting == 0) {
         return false;
+    }
     size_t left = 0;
     const blob_attr *member = nullptr;
     blobmsg_for_each_attr(member, attr, left)
     {
-        if (!is_sound(member, false, left, nesting - 1))
+        if (!is_sound(member, false, left, nesting - 1)) {
             return false;
+        }
     }
     return true;
 }
@@ -54,8 +62,9 @@ bool is_sound(const blob_attr *attr, bool name, size_t len, int nesting)
 bool has_type(const blob_attr *attr, int wanted)
 {
     const int type = blobmsg_type(attr);
-    if (wanted == BLOBMSG_CAST_INT64)
+    if (wanted == BLOBMSG_CAST_INT64) {
         return type >= BLOBMSG_TYPE_INT64 && type <= BLOBMSG_TYPE_INT8;
+    }
     return wanted == BLOBMSG_TYPE_UNSPEC || type == wanted;
 }
 
@@ -85,18 +94,21 @@ bool blobmsg_check_attr(const blob_attr *attr, bool name)
 int blobmsg_parse(const blobmsg_policy *policy, int policy_len, blob_attr **tb, void *data, unsigned int len)
 {
     std::fill_n(tb, policy_len, nullptr);
-    if (!data || len == 0)
+    if (!data || len == 0) {
         return -EINVAL;
+    }
 
     blob_attr *attr = nullptr;
     __blob_for_each_attr(attr, data, len)
     {
-        if (!blobmsg_check_attr_len(attr, false, len))
+        if (!blobmsg_check_attr_len(attr, false, len)) {
             return -1;
+        }
         for (int i = 0; i < policy_len; i++) {
             if (!tb[i] && policy[i].name && blob_is_extended(attr) && has_type(attr, policy[i].type) &&
-                strcmp(policy[i].name, blobmsg_name(attr)) == 0)
+                strcmp(policy[i].name, blobmsg_name(attr)) == 0) {
                 tb[i] = attr;
+            }
         }
     }
     return 0;
@@ -105,26 +117,31 @@ int blobmsg_parse(const blobmsg_policy *policy, int policy_len, blob_attr **tb, 
 int blobmsg_add_field(blob_buf *buf, int type, const char *name, const void *data, unsigned int len)
 {
     const size_t namelen = name ? strlen(name) : 0;
-    if (namelen > UINT16_MAX || len > BLOB_ATTR_LEN_MASK)
+    if (namelen > UINT16_MAX || len > BLOB_ATTR_LEN_MASK) {
         return -1;
+    }
     const int hdrlen = blobmsg_hdrlen(static_cast<unsigned>(namelen));
     blob_attr *attr = blob_new(buf, type, hdrlen + static_cast<int>(len));
-    if (!attr)
+    if (!attr) {
         return -1;
+    }
     put_name(attr, name ? name : "", namelen);
-    if (data && len > 0)
+    if (data && len > 0) {
         memcpy(attr->data + hdrlen, data, len);
+    }
     return 0;
 }
 
 void *blobmsg_open_nested(blob_buf *buf, const char *name, bool array)
 {
     const size_t namelen = name ? strlen(name) : 0;
-    if (namelen > UINT16_MAX)
+    if (namelen > UINT16_MAX) {
         return nullptr;
+    }
     const auto hdrlen = static_cast<size_t>(blobmsg_hdrlen(static_cast<unsigned>(namelen)));
     void *cookie = bus::blob_nest_start_after(buf, array ? BLOBMSG_TYPE_ARRAY : BLOBMSG_TYPE_TABLE, hdrlen);
-    if (cookie)
+    if (cookie) {
         put_name(buf->head, name ? name : "", namelen);
+    }
     return cookie;
 }

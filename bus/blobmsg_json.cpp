@@ -49,8 +49,9 @@ std::string unveil(const std::string &veiled)
 
 bool add_integer(blob_buf *b, const char *name, int64_t value)
 {
-    if (value >= INT32_MIN && value <= INT32_MAX)
+    if (value >= INT32_MIN && value <= INT32_MAX) {
         return blobmsg_add_u32(b, name, static_cast<uint32_t>(value)) == 0;
+    }
     return blobmsg_add_u64(b, name, static_cast<uint64_t>(value)) == 0;
 }
 
@@ -91,8 +92,9 @@ bool add_members(blob_buf *b, const Json &json, int nesting)
         const bool added = json.is_array()
                                ? add_element(b, nullptr, member.value(), nesting)
                                : add_element(b, unveil(member.key()).c_str(), member.value(), nesting);
-        if (!added)
+        if (!added) {
             return false;
+        }
     }
     return true;
 }
@@ -106,8 +108,9 @@ struct Writer {
 
 void new_line(Writer &w)
 {
-    if (w.indent < 0)
+    if (w.indent < 0) {
         return;
+    }
     w.out += '\n';
     w.out.append(static_cast<size_t>(w.indent), '\t');
 }
@@ -160,8 +163,9 @@ void write_list(Writer &w, blob_attr *first, size_t len, bool array)
     blob_attr *member = nullptr;
     __blob_for_each_attr(member, first, len)
     {
-        if (!blobmsg_check_attr_len(member, false, len))
+        if (!blobmsg_check_attr_len(member, false, len)) {
             continue;
+        }
         if (separate) {
             w.out += ',';
             new_line(w);
@@ -213,10 +217,11 @@ void write_element(Writer &w, blob_attr *attr, bool with_name)
         w.out += w.indent < 0 ? ":" : ": ";
     }
     const char *custom = w.custom ? w.custom(w.priv, attr) : nullptr;
-    if (custom)
+    if (custom) {
         w.out += custom;
-    else
+    } else {
         write_value(w, attr);
+    }
 }
 
 } // namespace
@@ -231,11 +236,12 @@ char *blobmsg_format_json_with_cb(blob_attr *attr, bool list, blobmsg_json_forma
                                   int indent)
 {
     Writer w = {cb, priv, indent, {}};
-    if (list)
+    if (list) {
         write_list(w, static_cast<blob_attr *>(blobmsg_data(attr)), blobmsg_data_len(attr),
                    blob_is_extended(attr) && blobmsg_type(attr) == BLOBMSG_TYPE_ARRAY);
-    else if (blobmsg_check_attr(attr, false))
+    } else if (blobmsg_check_attr(attr, false)) {
         write_element(w, attr, true);
+    }
     return strdup(w.out.c_str());
 }
 

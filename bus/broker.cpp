@@ -59,8 +59,9 @@ void Broker::handle(Client &c, const Received &m)
 {
     const Handler handler = m.hdr.type < __UBUS_MSG_LAST ? kHandlers[m.hdr.type] : nullptr;
     const int status = handler ? (this->*handler)(c, m) : UBUS_STATUS_INVALID_COMMAND;
-    if (status != kNoReply)
+    if (status != kNoReply) {
         reply_status(c, m.hdr, status);
+    }
 }
 
 // Sends out_ as an answer.
@@ -104,8 +105,9 @@ ObjectType *Broker::find_type(const Received &m)
         const auto it = types_.find(blob_get_u32(m[UBUS_ATTR_OBJTYPE]));
         return it == types_.end() ? nullptr : &it->second;
     }
-    if (!m[UBUS_ATTR_SIGNATURE])
+    if (!m[UBUS_ATTR_SIGNATURE]) {
         return nullptr;
+    }
     const auto payload = bytes_of(m[UBUS_ATTR_SIGNATURE]).subspan(sizeof(blob_attr));
     const uint32_t id = new_id(types_);
     return &types_.emplace(id, ObjectType{id, 0, Bytes(payload.begin(), payload.end())}).first->second;
@@ -113,22 +115,27 @@ ObjectType *Broker::find_type(const Received &m)
 
 void Broker::leave_type(ObjectType *type)
 {
-    if (type && --type->users == 0)
+    if (type && --type->users == 0) {
         types_.erase(type->id);
+    }
 }
 
 int Broker::add_object(Client &c, const Received &m)
 {
     const std::string_view path = m[UBUS_ATTR_OBJPATH] ? text_of(m[UBUS_ATTR_OBJPATH]) : std::string_view();
-    if (!path.empty() && paths_.contains(path))
+    if (!path.empty() && paths_.contains(path)) {
         return UBUS_STATUS_INVALID_ARGUMENT;
-    if (m[UBUS_ATTR_SIGNATURE] && !members_are_sound(m[UBUS_ATTR_SIGNATURE]))
+    }
+    if (m[UBUS_ATTR_SIGNATURE] && !members_are_sound(m[UBUS_ATTR_SIGNATURE])) {
         return UBUS_STATUS_INVALID_ARGUMENT;
-    if (blob_raw_len(m.blob) > kMaxObjectMessage)
+    }
+    if (blob_raw_len(m.blob) > kMaxObjectMessage) {
         return UBUS_STATUS_INVALID_ARGUMENT;
+    }
     const size_t held = kObjectSize + blob_raw_len(m.blob);
-    if (c.registered + held > kMaxRegistered)
+    if (c.registered + held > kMaxRegistered) {
         return UBUS_STATUS_NO_MEMORY;
+    }
 
     auto owned = std::make_unique<Object>();
     Object &object = *owned;
@@ -137,8 +144,9 @@ int Broker::add_object(Client &c, const Received &m)
     object.path = path;
     object.held = held;
     object.type = find_type(m);
-    if (object.type)
+    if (object.type) {
         object.type->users++;
+    }
     objects_.emplace(object.id, std::move(owned));
     c.objects.push_back(&object);
     c.registered += held;
@@ -150,26 +158,31 @@ int Broker::add_object(Client &c, const Received &m)
 
     blob_buf_init(&out_, 0);
     blob_put_u32(&out_, UBUS_ATTR_OBJID, object.id);
-    if (m[UBUS_ATTR_SIGNATURE] && object.type)
+    if (m[UBUS_ATTR_SIGNATURE] && object.type) {
         blob_put_u32(&out_, UBUS_ATTR_OBJTYPE, object.type->id);
+    }
     reply(c, m.hdr, UBUS_MSG_DATA);
     return UBUS_STATUS_OK;
 }
 
 int Broker::remove_object(Client &c, const Received &m)
 {
-    if (!m[UBUS_ATTR_OBJID])
+    if (!m[UBUS_ATTR_OBJID]) {
         return UBUS_STATUS_INVALID_ARGUMENT;
+    }
     Object *object = find_object(blob_get_u32(m[UBUS_ATTR_OBJID]));
-    if (!object)
+    if (!object) {
         return UBUS_STATUS_NOT_FOUND;
-    if (object->owner != &c)
+    }
+    if (object->owner != &c) {
         return UBUS_STATUS_PERMISSION_DENIED;
+    }
 
     blob_buf_init(&out_, 0);
     blob_put_u32(&out_, UBUS_ATTR_OBJID, object->id);
-    if (object->type && object->type->users == 1)
+    if (object->type && object->type->users == 1) {
         blob_put_u32(&out_, UBUS_ATTR_OBJTYPE, object->type->id);
+    }
     reply(c, m.hdr, UBUS_MSG_DATA);
     drop_object(*object, &c);
     return UBUS_STATUS_OK;
@@ -195,8 +208,9 @@ void Broker::fail_calls(const Object &object)
 {
     for (const OpenCall &call : object.calls) {
         Client *caller = find_client(call.caller);
-        if (!caller)
+        if (!caller) {
             continue;
+        }
         blob_buf_init(&out_, 0);
         blob_put_u32(&out_, UBUS_ATTR_STATUS, UBUS_STATUS_NO_DATA);
         blob_put_u32(&out_, UBUS_ATTR_OBJID, object.id);
@@ -207,8 +221,9 @@ void Broker::fail_calls(const Object &object)
 
 void Broker::show_object(Client &c, const ubus_msghdr &request, const Object &object)
 {
-    if (!object.type)
+    if (!object.type) {
         return;
+    }
     const Bytes &signature = object.type->signature;
     blob_buf_init(&out_, 0);
     blob_put_string(&out_, UBUS_ATTR_OBJPATH, object.path.c_str());
@@ -222,8 +237,9 @@ int Broker::look_up(Client &c, const Received &m)
 {
     const bool all = !m[UBUS_ATTR_OBJPATH];
     const std::string_view wanted = all ? "*" : text_of(m[UBUS_ATTR_OBJPATH]);
-    if (wanted.empty())
+    if (wanted.empty()) {
         return UBUS_STATUS_INVALID_ARGUMENT;
+    }
     const auto [path, prefix] = split_pattern(wanted);
     if (prefix) {
         c.lookup = Lookup{m.hdr, std::string(path), std::string(path), all};
@@ -231,8 +247,9 @@ int Broker::look_up(Client &c, const Received &m)
         return kNoReply;
     }
     const auto it = paths_.find(path);
-    if (it == paths_.end())
+    if (it == paths_.end()) {
         return UBUS_STATUS_NOT_FOUND;
+    }
     show_object(c, m.hdr, *it->second);
     return UBUS_STATUS_OK;
 }
@@ -260,34 +277,43 @@ void Broker::go_on_with_lookup(Client &c)
 
 int Broker::invoke(Client &c, const Received &m)
 {
-    if (!m[UBUS_ATTR_METHOD] || !m[UBUS_ATTR_OBJID])
+    if (!m[UBUS_ATTR_METHOD] || !m[UBUS_ATTR_OBJID]) {
         return UBUS_STATUS_INVALID_ARGUMENT;
+    }
     const uint32_t id = blob_get_u32(m[UBUS_ATTR_OBJID]);
     const char *method = blob_get_string(m[UBUS_ATTR_METHOD]);
-    if (id == UBUS_SYSTEM_OBJECT_EVENT)
+    if (id == UBUS_SYSTEM_OBJECT_EVENT) {
         return invoke_event_object(c, method, m[UBUS_ATTR_DATA]);
+    }
     Object *object = find_object(id);
-    if (!object)
+    if (!object) {
         return UBUS_STATUS_NOT_FOUND;
+    }
 
     blob_buf_init(&out_, 0);
     blob_put_u32(&out_, UBUS_ATTR_OBJID, id);
     blob_put_string(&out_, UBUS_ATTR_METHOD, method);
-    if (c.user)
+    if (c.user) {
         blob_put_string(&out_, UBUS_ATTR_USER, c.user->c_str());
-    if (c.group)
+    }
+    if (c.group) {
         blob_put_string(&out_, UBUS_ATTR_GROUP, c.group->c_str());
-    if (const blob_attr *data = m[UBUS_ATTR_DATA])
+    }
+    if (const blob_attr *data = m[UBUS_ATTR_DATA]) {
         blob_put(&out_, UBUS_ATTR_DATA, blob_data(data), static_cast<unsigned>(blob_len(data)));
+    }
 
-    if (blob_raw_len(out_.head) > UBUS_MAX_MSGLEN) // by what was added: the owner could not read on
+    if (blob_raw_len(out_.head) > UBUS_MAX_MSGLEN) { // by what was added: the owner could not read on
         return UBUS_STATUS_INVALID_ARGUMENT;
+    }
 
     Outgoing call = message(UBUS_MSG_INVOKE, m.hdr.seq, c.id, out_.head);
-    if (!send(&c, *object->owner, call))
+    if (!send(&c, *object->owner, call)) {
         return object->owner->doomed ? UBUS_STATUS_NO_DATA : UBUS_STATUS_NO_MEMORY;
-    if (object->calls.size() == kMaxOpenCalls) // the oldest is left to its caller's time limit
+    }
+    if (object->calls.size() == kMaxOpenCalls) { // the oldest is left to its caller's time limit
         object->calls.erase(object->calls.begin());
+    }
     object->calls.push_back({c.id, m.hdr.seq});
     return kNoReply;
 }
@@ -296,18 +322,21 @@ int Broker::invoke(Client &c, const Received &m)
 int Broker::pass_reply(Client &c, const Received &m)
 {
     const bool status = m.hdr.type == UBUS_MSG_STATUS;
-    if (!m[UBUS_ATTR_OBJID] || !m[status ? UBUS_ATTR_STATUS : UBUS_ATTR_DATA])
+    if (!m[UBUS_ATTR_OBJID] || !m[status ? UBUS_ATTR_STATUS : UBUS_ATTR_DATA]) {
         return kNoReply;
+    }
     Object *object = find_object(blob_get_u32(m[UBUS_ATTR_OBJID]));
     Client *caller = find_client(m.hdr.peer);
-    if (!object || object->owner != &c || !caller)
+    if (!object || object->owner != &c || !caller) {
         return kNoReply;
+    }
     if (status) {
         const auto it = std::find_if(object->calls.begin(), object->calls.end(), [&](const OpenCall &call) {
             return call.caller == caller->id && call.seq == m.hdr.seq;
         });
-        if (it != object->calls.end())
+        if (it != object->calls.end()) {
             object->calls.erase(it);
+        }
     }
     Outgoing answer = message(m.hdr.type, m.hdr.seq, object->id, m.blob);
     send(&c, *caller, answer);
@@ -318,10 +347,12 @@ int Broker::pass_reply(Client &c, const Received &m)
 
 int Broker::invoke_event_object(Client &c, std::string_view method, blob_attr *data)
 {
-    if (method == "register")
+    if (method == "register") {
         return add_pattern(c, data);
-    if (method == "send")
+    }
+    if (method == "send") {
         return send_event(c, data);
+    }
     return UBUS_STATUS_INVALID_COMMAND;
 }
 
@@ -330,32 +361,39 @@ int Broker::add_pattern(Client &c, blob_attr *data)
     enum { OBJECT, PATTERN, LAST };
     static constexpr blobmsg_policy kPolicy[LAST] = {{"object", BLOBMSG_TYPE_INT32},
                                                      {"pattern", BLOBMSG_TYPE_STRING}};
-    if (!data)
+    if (!data) {
         return UBUS_STATUS_INVALID_ARGUMENT;
+    }
     blob_attr *args[LAST];
     blobmsg_parse(kPolicy, LAST, args, blob_data(data), static_cast<unsigned>(blob_len(data)));
-    if (!args[OBJECT] || !args[PATTERN])
+    if (!args[OBJECT] || !args[PATTERN]) {
         return UBUS_STATUS_INVALID_ARGUMENT;
+    }
 
     const uint32_t id = blobmsg_get_u32(args[OBJECT]);
     const std::string_view wanted = blobmsg_get_string(args[PATTERN]);
-    if (id < UBUS_SYSTEM_OBJECT_MAX || wanted.empty())
+    if (id < UBUS_SYSTEM_OBJECT_MAX || wanted.empty()) {
         return UBUS_STATUS_PERMISSION_DENIED;
+    }
     Object *object = find_object(id);
-    if (!object)
+    if (!object) {
         return UBUS_STATUS_NOT_FOUND;
-    if (object->owner != &c)
+    }
+    if (object->owner != &c) {
         return UBUS_STATUS_PERMISSION_DENIED;
+    }
 
     const auto [text, prefix] = split_pattern(wanted);
     const auto same = [text = text, prefix = prefix](const Pattern &p) {
         return p.prefix == prefix && p.text == text;
     };
-    if (std::any_of(object->patterns.begin(), object->patterns.end(), same))
+    if (std::any_of(object->patterns.begin(), object->patterns.end(), same)) {
         return UBUS_STATUS_OK;
+    }
     const size_t held = kPatternSize + 2 * text.size();
-    if (c.registered + held > kMaxRegistered)
+    if (c.registered + held > kMaxRegistered) {
         return UBUS_STATUS_NO_MEMORY;
+    }
     object->patterns.push_back({std::string(text), prefix});
     (prefix ? prefixes_ : exact_)[std::string(text)].push_back(object);
     object->held += held;
@@ -370,8 +408,9 @@ void Broker::drop_patterns(Object &object)
         Patterns &patterns = pattern.prefix ? prefixes_ : exact_;
         const auto it = patterns.find(pattern.text);
         std::erase(it->second, &object);
-        if (it->second.empty())
+        if (it->second.empty()) {
             patterns.erase(it);
+        }
     }
     object.patterns.clear();
 }
@@ -381,15 +420,18 @@ int Broker::send_event(Client &c, blob_attr *data)
     enum { ID, DATA, LAST };
     static constexpr blobmsg_policy kPolicy[LAST] = {{"id", BLOBMSG_TYPE_STRING},
                                                      {"data", BLOBMSG_TYPE_TABLE}};
-    if (!data)
+    if (!data) {
         return UBUS_STATUS_INVALID_ARGUMENT;
+    }
     blob_attr *args[LAST];
     blobmsg_parse(kPolicy, LAST, args, blob_data(data), static_cast<unsigned>(blob_len(data)));
-    if (!args[ID] || !args[DATA])
+    if (!args[ID] || !args[DATA]) {
         return UBUS_STATUS_INVALID_ARGUMENT;
+    }
     const char *event = blobmsg_get_string(args[ID]);
-    if (strncmp(event, "ubus.", 5) == 0)
+    if (strncmp(event, "ubus.", 5) == 0) {
         return UBUS_STATUS_PERMISSION_DENIED;
+    }
 
     blob_buf_init(&out_, 0);
     blob_put_u32(&out_, UBUS_ATTR_OBJID, 0);
@@ -421,32 +463,37 @@ void Broker::fan_out(std::string_view event, Client *cause, const Client *except
     event_++;
 
     if (const auto it = exact_.find(event); it != exact_.end()) {
-        for (Object *object : it->second)
+        for (Object *object : it->second) {
             give_event(*object, m, cause, except);
+        }
     }
     // Those patterns that the name begins with, from the longest down. A pattern just below `rest` in the
     // order either is one or shows how much shorter the next can be at most.
     for (std::string_view rest = event;;) {
         auto it = prefixes_.upper_bound(rest);
-        if (it == prefixes_.begin())
+        if (it == prefixes_.begin()) {
             break;
+        }
         --it;
         const size_t common = common_prefix(it->first, rest);
         const bool matches = common == it->first.size();
         if (matches) {
-            for (Object *object : it->second)
+            for (Object *object : it->second) {
                 give_event(*object, m, cause, except);
+            }
         }
-        if (common == 0 && matches)
+        if (common == 0 && matches) {
             break;
+        }
         rest = rest.substr(0, matches ? common - 1 : common);
     }
 }
 
 void Broker::give_event(Object &object, Outgoing &m, Client *cause, const Client *except)
 {
-    if (object.owner == except || object.event_seen == event_)
+    if (object.owner == except || object.event_seen == event_) {
         return;
+    }
     object.event_seen = event_;
     put_header(m, UBUS_MSG_INVOKE, ++event_seq_, 0);
     const uint32_t id = cpu_to_be32(object.id);

@@ -34,8 +34,9 @@ const std::string *name_of(std::unordered_map<unsigned, std::string> &known, uns
                            const char *(*find)(unsigned))
 {
     const auto it = known.find(id);
-    if (it != known.end())
+    if (it != known.end()) {
         return &it->second;
+    }
     const char *name = find(id);
     return name ? &known.emplace(id, name).first->second : nullptr;
 }
@@ -63,16 +64,19 @@ int listen_at(const char *path)
     memcpy(address.sun_path, path, strlen(path));
 
     struct stat left_over = {};
-    if (lstat(path, &left_over) == 0 && S_ISSOCK(left_over.st_mode))
+    if (lstat(path, &left_over) == 0 && S_ISSOCK(left_over.st_mode)) {
         unlink(path);
+    }
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (fd < 0)
+    if (fd < 0) {
         return -1;
+    }
     const mode_t old_mask = umask(0177);
     const int bound = bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address));
     umask(old_mask);
-    if (bound == 0 && listen(fd, SOMAXCONN) == 0)
+    if (bound == 0 && listen(fd, SOMAXCONN) == 0) {
         return fd;
+    }
     const int error = errno;
     close(fd);
     errno = error;
@@ -124,8 +128,9 @@ Broker::~Broker()
     uloop_fd_delete(&acceptor_);
     close(acceptor_.fd);
     unlink(path_.c_str());
-    for (const auto &[id, client] : clients_)
+    for (const auto &[id, client] : clients_) {
         doom(*client);
+    }
     settle();
     blob_buf_free(&out_);
 }
@@ -143,8 +148,9 @@ void Broker::accept_clients()
             add_client(fd);
             continue;
         }
-        if (errno == EINTR || errno == ECONNABORTED)
+        if (errno == EINTR || errno == ECONNABORTED) {
             continue;
+        }
         if (errno != EAGAIN) {
             // Out of descriptors or memory: the connection stays there to be reported again and again.
             uloop_fd_delete(&acceptor_);
@@ -195,8 +201,9 @@ Client *Broker::find_client(uint32_t id)
 // Marks a client for removal: whoever is looking at it now still may. Nothing is kept for it any more.
 void Broker::doom(Client &c)
 {
-    if (c.doomed)
+    if (c.doomed) {
         return;
+    }
     c.doomed = true;
     held_ -= c.held;
     c.held = 0;
@@ -211,10 +218,11 @@ void Broker::settle()
         const bool remove = !doomed_.empty();
         Client *c = find_client(list.back());
         list.pop_back();
-        if (c && remove)
+        if (c && remove) {
             remove_client(*c);
-        else if (c)
+        } else if (c) {
             resume(*c);
+        }
     }
 }
 
@@ -227,19 +235,23 @@ void Broker::remove_client(Client &c)
     uloop_timeout_cancel(&c.stall);
     close(c.fd);
     let_go(c);
-    while (!c.objects.empty())
+    while (!c.objects.empty()) {
         drop_object(*c.objects.back(), nullptr);
+    }
 }
 
 // Goes on with a client that had to wait.
 void Broker::resume(Client &c)
 {
-    if (c.doomed || c.waits > 0)
+    if (c.doomed || c.waits > 0) {
         return;
-    if (c.lookup)
+    }
+    if (c.lookup) {
         go_on_with_lookup(c);
-    if (c.doomed || c.paused())
+    }
+    if (c.doomed || c.paused()) {
         return;
+    }
     Bytes input;
     input.swap(c.input);
     release(c, input.size());
@@ -252,18 +264,21 @@ void Broker::resume(Client &c)
 void Broker::watch(Client &c)
 {
     const unsigned events = (c.paused() ? 0u : ULOOP_READ) | (c.queue.empty() ? 0u : ULOOP_WRITE);
-    if (!c.doomed && c.flags != events && uloop_fd_add(&c, events) < 0)
+    if (!c.doomed && c.flags != events && uloop_fd_add(&c, events) < 0) {
         doom(c);
+    }
 }
 
 void Broker::hold(Client &c, size_t bytes)
 {
-    if (c.doomed)
+    if (c.doomed) {
         return;
+    }
     c.held += bytes;
     held_ += bytes;
-    if (held_ <= kMaxHeldByAll)
+    if (held_ <= kMaxHeldByAll) {
         return;
+    }
     const auto most = std::max_element(clients_.begin(), clients_.end(), [](const auto &a, const auto &b) {
         return a.second->held < b.second->held;
     });
@@ -279,13 +294,15 @@ void Broker::release(Client &c, size_t bytes)
 
 void Broker::on_client(Client &c, unsigned events)
 {
-    if (events & ULOOP_WRITE)
+    if (events & ULOOP_WRITE) {
         flush(c);
+    }
     // What a client wrote before it hung up still counts.
     if (events & ULOOP_READ) {
         do {
-            if (!c.doomed && !c.paused())
+            if (!c.doomed && !c.paused()) {
                 receive(c);
+            }
         } while (c.error && !c.doomed && !c.paused());
     }
     settle();
@@ -301,8 +318,9 @@ void Broker::on_stall(Client &c)
 void Broker::receive(Client &c)
 {
     const ssize_t n = recv(c.fd, read_buffer_.data(), read_buffer_.size(), MSG_DONTWAIT);
-    if (n < 0 && (errno == EAGAIN || errno == EINTR))
+    if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
         return;
+    }
     if (n <= 0) {
         doom(c);
         return;
@@ -345,8 +363,9 @@ size_t Broker::consume(Client &c, std::span<uint8_t> input)
             doom(c);
             break;
         }
-        if (input.size() - used < sizeof(m.hdr) + len)
+        if (input.size() - used < sizeof(m.hdr) + len) {
             break;
+        }
         blob_parse_untrusted(m.blob, len, m.attr, kMessagePolicy, UBUS_ATTR_MAX);
         handle(c, m);
         used += sizeof(m.hdr) + len;
@@ -369,8 +388,9 @@ Outgoing message(int type, uint16_t seq, uint32_t peer, const blob_attr *blob)
 
 bool Broker::send(Client *from, Client &to, Outgoing &m)
 {
-    if (to.doomed)
+    if (to.doomed) {
         return false;
+    }
     size_t sent = 0;
     if (to.queue.empty()) {
         iovec parts[] = {part(m.head.data(), m.head_len, 0), part(m.body.data(), m.body.size(), 0)};
@@ -380,23 +400,27 @@ bool Broker::send(Client *from, Client &to, Outgoing &m)
             return false;
         }
         sent = static_cast<size_t>(n);
-        if (sent == m.size())
+        if (sent == m.size()) {
             return true;
+        }
         to.last_read = now_ms();
     }
 
     const bool room = to.queued + m.size() + kQueuedSize <= kMaxQueued; // always, for what has begun
-    if (room)
+    if (room) {
         enqueue(to, m, sent);
-    if (to.queued > kHighWater && !to.doomed)
+    }
+    if (to.queued > kHighWater && !to.doomed) {
         hold_back(from, to);
+    }
     return room;
 }
 
 void Broker::enqueue(Client &to, Outgoing &m, size_t sent)
 {
-    if (!m.kept)
+    if (!m.kept) {
         m.kept = std::make_shared<const Bytes>(m.body.begin(), m.body.end());
+    }
     to.queue.push_back({m.head, m.head_len, m.kept, sent});
     to.queued += m.size() + kQueuedSize;
     hold(to, m.size() + kQueuedSize);
@@ -411,8 +435,9 @@ void Broker::hold_back(Client *from, Client &to)
         doom(to);
         return;
     }
-    if (!to.stall.pending)
+    if (!to.stall.pending) {
         uloop_timeout_set(&to.stall, static_cast<int>(patience));
+    }
     if (from) {
         to.held_back.push_back(from->id);
         from->waits++;
@@ -427,18 +452,21 @@ void Broker::flush(Client &c)
         size_t count = 0;
         size_t gathered = 0;
         for (const Queued &q : c.queue) {
-            if (count == 2 * kMaxGathered)
+            if (count == 2 * kMaxGathered) {
                 break;
+            }
             const size_t into_body = q.sent - std::min(q.sent, q.head_len);
             parts[count++] = part(q.head.data(), q.head_len, q.sent);
             parts[count++] = part(q.body->data(), q.body->size(), into_body);
             gathered += q.size() - q.sent;
         }
         const ssize_t n = write_parts(c.fd, parts, count);
-        if (n < 0)
+        if (n < 0) {
             doom(c);
-        if (n <= 0)
+        }
+        if (n <= 0) {
             return;
+        }
 
         auto left = static_cast<size_t>(n);
         while (left > 0) {
@@ -453,8 +481,9 @@ void Broker::flush(Client &c)
             }
         }
         after_progress(c);
-        if (static_cast<size_t>(n) < gathered)
+        if (static_cast<size_t>(n) < gathered) {
             break;
+        }
     }
     watch(c);
 }
@@ -462,12 +491,14 @@ void Broker::flush(Client &c)
 void Broker::after_progress(Client &c)
 {
     c.last_read = now_ms();
-    if (c.stall.pending && c.queued > kHighWater)
+    if (c.stall.pending && c.queued > kHighWater) {
         uloop_timeout_set(&c.stall, kStallMs);
-    else
+    } else {
         uloop_timeout_cancel(&c.stall);
-    if (c.queued <= kLowWater)
+    }
+    if (c.queued <= kLowWater) {
         let_go(c);
+    }
 }
 
 // Those who waited for this client need not any more.
@@ -475,8 +506,9 @@ void Broker::let_go(Client &c)
 {
     for (const uint32_t id : c.held_back) {
         Client *sender = find_client(id);
-        if (sender && --sender->waits == 0)
+        if (sender && --sender->waits == 0) {
             resumed_.push_back(id);
+        }
     }
     c.held_back.clear();
 }

@@ -63,8 +63,9 @@ int ask_broker(ubus_context *ctx, ubus_msg_type type, ubus_data_handler_t cb, vo
 {
     ubus_request req;
     const int status = start_request(ctx, &req, type, 0);
-    if (status != UBUS_STATUS_OK)
+    if (status != UBUS_STATUS_OK) {
         return status;
+    }
     req.raw_data_cb = cb;
     req.priv = priv;
     return ubus_complete_request(ctx, &req, 0);
@@ -79,8 +80,9 @@ void finish_request(ubus_request *req, int status)
     req->status_code = status;
     const ubus_complete_handler_t cb = req->complete_cb;
     req->complete_cb = nullptr;
-    if (cb)
+    if (cb) {
         cb(req, status);
+    }
 }
 
 ubus_request *find_request(ubus_context *ctx, const ubus_msghdr &hdr)
@@ -88,21 +90,25 @@ ubus_request *find_request(ubus_context *ctx, const ubus_msghdr &hdr)
     ubus_request *req = nullptr;
     list_for_each_entry(req, &ctx->requests, list)
     {
-        if (req->seq == hdr.seq && req->peer == hdr.peer)
+        if (req->seq == hdr.seq && req->peer == hdr.peer) {
             return req;
+        }
     }
     return nullptr;
 }
 
 void give_data(ubus_request *req, ubus_message *msg)
 {
-    if (req->raw_data_cb)
+    if (req->raw_data_cb) {
         req->raw_data_cb(req, msg->hdr.type, &msg->blob);
-    if (!req->data_cb)
+    }
+    if (!req->data_cb) {
         return;
+    }
     const MessageAttrs attrs(&msg->blob);
-    if (attrs[UBUS_ATTR_DATA])
+    if (attrs[UBUS_ATTR_DATA]) {
         req->data_cb(req, msg->hdr.type, attrs[UBUS_ATTR_DATA]);
+    }
 }
 
 ubus_object *find_object(ubus_context *ctx, uint32_t id)
@@ -110,8 +116,9 @@ ubus_object *find_object(ubus_context *ctx, uint32_t id)
     ubus_object *obj = nullptr;
     list_for_each_entry(obj, &ctx->objects, list)
     {
-        if (obj->id == id)
+        if (obj->id == id) {
             return obj;
+        }
     }
     return nullptr;
 }
@@ -122,8 +129,9 @@ bool is_listed(ubus_context *ctx, const ubus_object *obj)
     const ubus_object *listed = nullptr;
     list_for_each_entry(listed, &ctx->objects, list)
     {
-        if (listed == obj)
+        if (listed == obj) {
             return true;
+        }
     }
     return false;
 }
@@ -131,24 +139,29 @@ bool is_listed(ubus_context *ctx, const ubus_object *obj)
 const ubus_method *find_method(const ubus_object *obj, const char *name)
 {
     for (int i = 0; i < obj->n_methods; i++) {
-        if (!obj->methods[i].name || strcmp(obj->methods[i].name, name) == 0)
+        if (!obj->methods[i].name || strcmp(obj->methods[i].name, name) == 0) {
             return &obj->methods[i];
+        }
     }
     return nullptr;
 }
 
 int call_method(ubus_context *ctx, ubus_object *obj, ubus_request_data *req, const MessageAttrs &attrs)
 {
-    if (!obj)
+    if (!obj) {
         return UBUS_STATUS_NOT_FOUND;
-    if (!attrs[UBUS_ATTR_METHOD])
+    }
+    if (!attrs[UBUS_ATTR_METHOD]) {
         return UBUS_STATUS_INVALID_ARGUMENT;
+    }
     const char *name = blob_get_string(attrs[UBUS_ATTR_METHOD]);
     const ubus_method *method = find_method(obj, name);
-    if (!method)
+    if (!method) {
         return UBUS_STATUS_METHOD_NOT_FOUND;
-    if (!attrs[UBUS_ATTR_DATA])
+    }
+    if (!attrs[UBUS_ATTR_DATA]) {
         return UBUS_STATUS_INVALID_ARGUMENT;
+    }
     if (attrs[UBUS_ATTR_USER] && attrs[UBUS_ATTR_GROUP]) {
         req->acl.user = blob_get_string(attrs[UBUS_ATTR_USER]);
         req->acl.group = blob_get_string(attrs[UBUS_ATTR_GROUP]);
@@ -165,8 +178,9 @@ struct Lookup {
 void on_lookup_data(ubus_request *req, int /*type*/, blob_attr *msg)
 {
     const MessageAttrs attrs(msg);
-    if (!attrs[UBUS_ATTR_OBJID] || !attrs[UBUS_ATTR_OBJPATH] || !attrs[UBUS_ATTR_OBJTYPE])
+    if (!attrs[UBUS_ATTR_OBJID] || !attrs[UBUS_ATTR_OBJPATH] || !attrs[UBUS_ATTR_OBJTYPE]) {
         return;
+    }
     ubus_object_data obj = {blob_get_u32(attrs[UBUS_ATTR_OBJID]), blob_get_u32(attrs[UBUS_ATTR_OBJTYPE]),
                             blob_get_string(attrs[UBUS_ATTR_OBJPATH]), attrs[UBUS_ATTR_SIGNATURE]};
     const auto *lookup = static_cast<const Lookup *>(req->priv);
@@ -176,27 +190,31 @@ void on_lookup_data(ubus_request *req, int /*type*/, blob_attr *msg)
 void on_lookup_id_data(ubus_request *req, int /*type*/, blob_attr *msg)
 {
     const MessageAttrs attrs(msg);
-    if (attrs[UBUS_ATTR_OBJID])
+    if (attrs[UBUS_ATTR_OBJID]) {
         *static_cast<uint32_t *>(req->priv) = blob_get_u32(attrs[UBUS_ATTR_OBJID]);
+    }
 }
 
 int send_lookup(ubus_context *ctx, const char *path, ubus_data_handler_t cb, void *priv)
 {
     blob_buf *out = new_message(ctx);
-    if (!out || (path && !blob_put_string(out, UBUS_ATTR_OBJPATH, path)))
+    if (!out || (path && !blob_put_string(out, UBUS_ATTR_OBJPATH, path))) {
         return UBUS_STATUS_INVALID_ARGUMENT;
+    }
     return ask_broker(ctx, UBUS_MSG_LOOKUP, cb, priv);
 }
 
 bool put_method(blob_buf *out, const ubus_method &method)
 {
     void *table = blobmsg_open_table(out, method.name);
-    if (!table)
+    if (!table) {
         return false;
+    }
     for (int i = 0; i < method.n_policy; i++) {
         const bool masked_out = method.mask != 0 && (method.mask & (1UL << i)) == 0;
-        if (!masked_out && blobmsg_add_u32(out, method.policy[i].name, method.policy[i].type) < 0)
+        if (!masked_out && blobmsg_add_u32(out, method.policy[i].name, method.policy[i].type) < 0) {
             return false;
+        }
     }
     blobmsg_close_table(out, table);
     return true;
@@ -205,11 +223,13 @@ bool put_method(blob_buf *out, const ubus_method &method)
 bool put_signature(blob_buf *out, const ubus_object_type &type)
 {
     void *signature = blob_nest_start(out, UBUS_ATTR_SIGNATURE);
-    if (!signature)
+    if (!signature) {
         return false;
+    }
     for (int i = 0; i < type.n_methods; i++) {
-        if (!put_method(out, type.methods[i]))
+        if (!put_method(out, type.methods[i])) {
             return false;
+        }
     }
     blob_nest_end(out, signature);
     return true;
@@ -219,21 +239,25 @@ void on_object_added(ubus_request *req, int /*type*/, blob_attr *msg)
 {
     auto *obj = static_cast<ubus_object *>(req->priv);
     const MessageAttrs attrs(msg);
-    if (!attrs[UBUS_ATTR_OBJID])
+    if (!attrs[UBUS_ATTR_OBJID]) {
         return;
+    }
     obj->id = blob_get_u32(attrs[UBUS_ATTR_OBJID]);
-    if (attrs[UBUS_ATTR_OBJTYPE] && obj->type)
+    if (attrs[UBUS_ATTR_OBJTYPE] && obj->type) {
         obj->type->id = blob_get_u32(attrs[UBUS_ATTR_OBJTYPE]);
-    if (!is_listed(req->ctx, obj))
+    }
+    if (!is_listed(req->ctx, obj)) {
         list_add_tail(&obj->list, &req->ctx->objects);
+    }
 }
 
 // The broker tells the type's id when it was dropped with its last object.
 void on_object_removed(ubus_request *req, int /*type*/, blob_attr *msg)
 {
     auto *obj = static_cast<ubus_object *>(req->priv);
-    if (MessageAttrs(msg)[UBUS_ATTR_OBJTYPE] && obj->type)
+    if (MessageAttrs(msg)[UBUS_ATTR_OBJTYPE] && obj->type) {
         obj->type->id = 0;
+    }
 }
 
 int on_event(ubus_context *ctx, ubus_object *obj, ubus_request_data * /*req*/, const char *method,
@@ -268,8 +292,9 @@ void handle_reply(ubus_context *ctx, ubus_message *msg)
         return;
     }
     list_add_tail(&msg->list, &req->pending);
-    if (req->blocked) // its callback made a call of its own, which is what received this
+    if (req->blocked) { // its callback made a call of its own, which is what received this
         return;
+    }
 
     req->blocked = true;
     while (!list_empty(&req->pending)) {
@@ -298,8 +323,9 @@ void handle_invoke(ubus_context *ctx, ubus_message *msg)
         req.seq = msg->hdr.seq;
         const int status = call_method(ctx, find_object(ctx, req.object), &req, attrs);
         const bool wanted = !attrs[UBUS_ATTR_NO_REPLY] || blob_get_u8(attrs[UBUS_ATTR_NO_REPLY]) == 0;
-        if (req.peer != 0 && wanted && !req.deferred) // 0: an event
+        if (req.peer != 0 && wanted && !req.deferred) { // 0: an event
             ubus_complete_deferred_request(ctx, &req, status);
+        }
     }
     free(msg);
 }
@@ -310,8 +336,9 @@ int publish_objects(ubus_context *ctx)
     list_for_each_entry(obj, &ctx->objects, list)
     {
         obj->id = 0;
-        if (obj->type)
+        if (obj->type) {
             obj->type->id = 0;
+        }
     }
 
     int status = UBUS_STATUS_OK;
@@ -319,8 +346,9 @@ int publish_objects(ubus_context *ctx)
     list_for_each_entry(obj, &ctx->objects, list)
     {
         status = ubus_add_object(ctx, obj);
-        if (status == UBUS_STATUS_CONNECTION_FAILED)
+        if (status == UBUS_STATUS_CONNECTION_FAILED) {
             break;
+        }
     }
     ctx->stack_depth--;
     return status;
@@ -332,8 +360,9 @@ using namespace bus;
 
 const char *ubus_strerror(int error)
 {
-    if (error >= 0 && error < __UBUS_STATUS_LAST)
+    if (error >= 0 && error < __UBUS_STATUS_LAST) {
         return kStatusText[error];
+    }
     thread_local char text[32];
     snprintf(text, sizeof(text), "Unknown error: %d", error);
     return text;
@@ -349,33 +378,38 @@ int ubus_complete_request(ubus_context *ctx, ubus_request *req, int timeout)
     ctx->stack_depth++;
     while (!req->status_msg) {
         const int64_t left = deadline ? deadline - now_ms() : -1;
-        if (ctx->lost)
+        if (ctx->lost) {
             finish_request(req, UBUS_STATUS_CONNECTION_FAILED);
-        else if (deadline && left <= 0)
+        } else if (deadline && left <= 0) {
             finish_request(req, UBUS_STATUS_TIMEOUT);
-        else
+        } else {
             wait_and_receive(ctx, static_cast<int>(left));
+        }
     }
     ctx->stack_depth--;
 
     const int status = req->status_code;
-    if (complete_cb)
+    if (complete_cb) {
         complete_cb(req, status);
-    if (!ctx->sock.registered)
+    }
+    if (!ctx->sock.registered) {
         handle_pending(ctx);
+    }
     return status;
 }
 
 void ubus_complete_request_async(ubus_context *ctx, ubus_request *req)
 {
-    if (list_empty(&req->list))
+    if (list_empty(&req->list)) {
         list_add_tail(&req->list, &ctx->requests);
+    }
 }
 
 void ubus_abort_request(ubus_context * /*ctx*/, ubus_request *req)
 {
-    if (list_empty(&req->list))
+    if (list_empty(&req->list)) {
         return;
+    }
     list_del_init(&req->list);
     req->cancelled = true;
     free_messages(&req->pending);
@@ -383,8 +417,9 @@ void ubus_abort_request(ubus_context * /*ctx*/, ubus_request *req)
 
 void ubus_flush_requests(ubus_context *ctx)
 {
-    while (!list_empty(&ctx->requests))
+    while (!list_empty(&ctx->requests)) {
         finish_request(list_first_entry(&ctx->requests, ubus_request, list), UBUS_STATUS_CONNECTION_FAILED);
+    }
 }
 
 int ubus_lookup(ubus_context *ctx, const char *path, ubus_lookup_handler_t cb, void *priv)
@@ -407,25 +442,29 @@ int ubus_add_object(ubus_context *ctx, ubus_object *obj)
                 (obj->type->id ? blob_put_u32(out, UBUS_ATTR_OBJTYPE, obj->type->id) != nullptr
                                : put_signature(out, *obj->type));
     }
-    if (!built)
+    if (!built) {
         return UBUS_STATUS_INVALID_ARGUMENT;
+    }
 
     const int status = ask_broker(ctx, UBUS_MSG_ADD_OBJECT, on_object_added, obj);
-    if (status != UBUS_STATUS_OK)
+    if (status != UBUS_STATUS_OK) {
         return status;
+    }
     return obj->id ? UBUS_STATUS_OK : UBUS_STATUS_NO_DATA;
 }
 
 int ubus_remove_object(ubus_context *ctx, ubus_object *obj)
 {
     const uint32_t id = obj->id;
-    if (is_listed(ctx, obj))
+    if (is_listed(ctx, obj)) {
         list_del(&obj->list);
+    }
     obj->id = 0;
 
     blob_buf *out = new_message(ctx);
-    if (!out || !blob_put_u32(out, UBUS_ATTR_OBJID, id))
+    if (!out || !blob_put_u32(out, UBUS_ATTR_OBJID, id)) {
         return UBUS_STATUS_INVALID_ARGUMENT;
+    }
     return ask_broker(ctx, UBUS_MSG_REMOVE_OBJECT, on_object_removed, obj);
 }
 
@@ -433,8 +472,9 @@ int ubus_invoke_async(ubus_context *ctx, uint32_t obj, const char *method, blob_
 {
     blob_buf *out = new_message(ctx);
     if (!out || !blob_put_u32(out, UBUS_ATTR_OBJID, obj) || !blob_put_string(out, UBUS_ATTR_METHOD, method) ||
-        !put_data(out, msg))
+        !put_data(out, msg)) {
         return UBUS_STATUS_INVALID_ARGUMENT;
+    }
     return start_request(ctx, req, UBUS_MSG_INVOKE, obj);
 }
 
@@ -443,8 +483,9 @@ int ubus_invoke(ubus_context *ctx, uint32_t obj, const char *method, blob_attr *
 {
     ubus_request req;
     const int status = ubus_invoke_async(ctx, obj, method, msg, &req);
-    if (status != UBUS_STATUS_OK)
+    if (status != UBUS_STATUS_OK) {
         return status;
+    }
     req.data_cb = cb;
     req.priv = priv;
     return ubus_complete_request(ctx, &req, timeout);
@@ -453,8 +494,9 @@ int ubus_invoke(ubus_context *ctx, uint32_t obj, const char *method, blob_attr *
 int ubus_send_reply(ubus_context *ctx, ubus_request_data *req, blob_attr *msg)
 {
     blob_buf *out = new_message(ctx);
-    if (!out || !blob_put_u32(out, UBUS_ATTR_OBJID, req->object) || !put_data(out, msg))
+    if (!out || !blob_put_u32(out, UBUS_ATTR_OBJID, req->object) || !put_data(out, msg)) {
         return UBUS_STATUS_NO_DATA;
+    }
     return send_message(ctx, UBUS_MSG_DATA, req->seq, req->peer);
 }
 
@@ -462,21 +504,24 @@ void ubus_complete_deferred_request(ubus_context *ctx, ubus_request_data *req, i
 {
     blob_buf *out = new_message(ctx);
     if (out && blob_put_int32(out, UBUS_ATTR_STATUS, static_cast<uint32_t>(ret)) &&
-        blob_put_u32(out, UBUS_ATTR_OBJID, req->object))
+        blob_put_u32(out, UBUS_ATTR_OBJID, req->object)) {
         send_message(ctx, UBUS_MSG_STATUS, req->seq, req->peer);
+    }
 }
 
 int ubus_send_event(ubus_context *ctx, const char *id, blob_attr *data)
 {
     blob_buf *out = new_message(ctx);
     if (!out || !blob_put_u32(out, UBUS_ATTR_OBJID, UBUS_SYSTEM_OBJECT_EVENT) ||
-        !blob_put_string(out, UBUS_ATTR_METHOD, "send"))
+        !blob_put_string(out, UBUS_ATTR_METHOD, "send")) {
         return UBUS_STATUS_INVALID_ARGUMENT;
+    }
     void *args = blob_nest_start(out, UBUS_ATTR_DATA);
     if (!args || blobmsg_add_string(out, "id", id) < 0 ||
         blobmsg_add_field(out, BLOBMSG_TYPE_TABLE, "data", data ? blob_data(data) : nullptr,
-                          data ? static_cast<unsigned>(blob_len(data)) : 0) < 0)
+                          data ? static_cast<unsigned>(blob_len(data)) : 0) < 0) {
         return UBUS_STATUS_INVALID_ARGUMENT;
+    }
     blob_nest_end(out, args);
 
     ubus_request req;
@@ -488,13 +533,15 @@ int ubus_register_event_handler(ubus_context *ctx, ubus_event_handler *ev, const
 {
     ubus_object *obj = &ev->obj;
     if (!obj->id) {
-        if (!obj->name != !obj->type)
+        if (!obj->name != !obj->type) {
             return UBUS_STATUS_INVALID_ARGUMENT;
+        }
         obj->methods = &kEventMethod;
         obj->n_methods = 1;
         const int status = ubus_add_object(ctx, obj);
-        if (status != UBUS_STATUS_OK)
+        if (status != UBUS_STATUS_OK) {
             return status;
+        }
     }
     return register_pattern(ctx, obj->id, pattern);
 }

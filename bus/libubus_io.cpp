@@ -92,8 +92,9 @@ bool read_some(ubus_context *ctx)
     do {
         n = recv(ctx->sock.fd, target, room, MSG_DONTWAIT);
     } while (n < 0 && errno == EINTR);
-    if (n < 0 && errno == EAGAIN)
+    if (n < 0 && errno == EAGAIN) {
         return false;
+    }
     if (n <= 0) {
         ctx->lost = true;
         return false;
@@ -106,8 +107,9 @@ bool read_some(ubus_context *ctx)
 ubus_message *next_message(ubus_context *ctx, bool &may_read)
 {
     while (!ctx->lost) {
-        if (!ctx->incoming && ctx->in_end - ctx->in_begin >= kWireHead)
+        if (!ctx->incoming && ctx->in_end - ctx->in_begin >= kWireHead) {
             begin_message(ctx);
+        }
         if (ctx->incoming) {
             const size_t n = std::min(incoming_missing(ctx), ctx->in_end - ctx->in_begin);
             memcpy(incoming_end(ctx), ctx->in + ctx->in_begin, n);
@@ -119,11 +121,13 @@ ubus_message *next_message(ubus_context *ctx, bool &may_read)
                 return msg;
             }
         }
-        if (!may_read || ctx->lost)
+        if (!may_read || ctx->lost) {
             break;
+        }
         may_read = false;
-        if (!read_some(ctx))
+        if (!read_some(ctx)) {
             break;
+        }
     }
     return nullptr;
 }
@@ -143,8 +147,9 @@ void dispatch(ubus_context *ctx, ubus_message *msg)
             break;
         }
         list_add_tail(&msg->list, &ctx->pending);
-        if (ctx->sock.registered && !ctx->pending_timer.pending)
+        if (ctx->sock.registered && !ctx->pending_timer.pending) {
             uloop_timeout_set(&ctx->pending_timer, 0);
+        }
         break;
     default:
         free(msg);
@@ -164,8 +169,9 @@ void lose_connection(ubus_context *ctx)
     uloop_timeout_cancel(&ctx->pending_timer);
     ctx->sock.eof = true;
     ubus_flush_requests(ctx);
-    if (in_loop || ctx->connection_lost != default_connection_lost)
+    if (in_loop || ctx->connection_lost != default_connection_lost) {
         ctx->connection_lost(ctx);
+    }
 }
 
 // Something arrived while nobody was waiting for it. Reads once, so that a flood of events leaves the loop's
@@ -185,8 +191,9 @@ void on_readable(uloop_fd *sock, unsigned int /*events*/)
             }
         }
     } while (sock->eof && !ctx->lost);
-    if (ctx->lost)
+    if (ctx->lost) {
         lose_connection(ctx);
+    }
 }
 
 void on_pending_timer(uloop_timeout *timer)
@@ -198,13 +205,15 @@ int open_socket(const char *path)
 {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
-    if (strlen(path) >= sizeof(address.sun_path))
+    if (strlen(path) >= sizeof(address.sun_path)) {
         return -1;
+    }
     memcpy(address.sun_path, path, strlen(path));
 
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
+    if (fd < 0) {
         return -1;
+    }
     const timeval limit = {kConnectTimeoutMs / 1000, 0}; // bounds connect as well
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
     if (connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) < 0) {
@@ -233,8 +242,9 @@ bool receive_hello(ubus_context *ctx)
 void close_connection(ubus_context *ctx)
 {
     uloop_fd_delete(&ctx->sock);
-    if (ctx->sock.fd >= 0)
+    if (ctx->sock.fd >= 0) {
         close(ctx->sock.fd);
+    }
     ctx->sock.fd = -1;
     ctx->sock.eof = true;
     ctx->lost = true;
@@ -266,8 +276,9 @@ bool members_are_sound(const blob_attr *attr)
     const blob_attr *member = nullptr;
     blob_for_each_attr(member, attr, left)
     {
-        if (!blobmsg_check_attr_len(member, false, left))
+        if (!blobmsg_check_attr_len(member, false, left)) {
             return false;
+        }
     }
     return true;
 }
@@ -276,8 +287,9 @@ MessageAttrs::MessageAttrs(blob_attr *blob)
 {
     blob_parse_untrusted(blob, blob_raw_len(blob), attr_, kMessagePolicy, UBUS_ATTR_MAX);
     for (const ubus_msg_attr id : {UBUS_ATTR_DATA, UBUS_ATTR_SIGNATURE}) {
-        if (attr_[id] && !members_are_sound(attr_[id]))
+        if (attr_[id] && !members_are_sound(attr_[id])) {
             attr_[id] = nullptr;
+        }
     }
 }
 
@@ -300,8 +312,9 @@ void free_messages(list_head *list)
 int send_message(ubus_context *ctx, ubus_msg_type type, uint16_t seq, uint32_t peer)
 {
     size_t left = blob_raw_len(ctx->out.head);
-    if (left > UBUS_MAX_MSGLEN)
+    if (left > UBUS_MAX_MSGLEN) {
         return UBUS_STATUS_INVALID_ARGUMENT;
+    }
 
     ubus_msghdr hdr = {0, static_cast<uint8_t>(type), cpu_to_be16(seq), cpu_to_be32(peer)};
     iovec iov[2] = {{&hdr, sizeof(hdr)}, {ctx->out.head, left}};
@@ -315,10 +328,12 @@ int send_message(ubus_context *ctx, ubus_msg_type type, uint16_t seq, uint32_t p
             poll(&pfd, 1, -1);
             continue;
         }
-        if (n < 0 && errno == EINTR)
+        if (n < 0 && errno == EINTR) {
             continue;
-        if (n < 0)
+        }
+        if (n < 0) {
             return UBUS_STATUS_CONNECTION_FAILED;
+        }
         auto sent = static_cast<size_t>(n);
         while (out.msg_iovlen > 0 && sent >= out.msg_iov->iov_len) {
             sent -= out.msg_iov->iov_len;
@@ -336,17 +351,20 @@ int send_message(ubus_context *ctx, ubus_msg_type type, uint16_t seq, uint32_t p
 void wait_and_receive(ubus_context *ctx, int timeout)
 {
     pollfd pfd = {ctx->sock.fd, POLLIN, 0};
-    if (poll(&pfd, 1, timeout) <= 0)
+    if (poll(&pfd, 1, timeout) <= 0) {
         return;
+    }
     bool may_read = true;
-    while (ubus_message *msg = next_message(ctx, may_read))
+    while (ubus_message *msg = next_message(ctx, may_read)) {
         dispatch(ctx, msg);
+    }
 }
 
 void handle_pending(ubus_context *ctx)
 {
-    while (ctx->stack_depth == 0 && !list_empty(&ctx->pending))
+    while (ctx->stack_depth == 0 && !list_empty(&ctx->pending)) {
         dispatch(ctx, take_first(&ctx->pending));
+    }
 }
 
 } // namespace bus
@@ -359,8 +377,9 @@ int ubus_reconnect(ubus_context *ctx, const char *path)
     ubus_flush_requests(ctx);
 
     ctx->sock.fd = open_socket(path ? path : UBUS_UNIX_SOCKET);
-    if (ctx->sock.fd < 0)
+    if (ctx->sock.fd < 0) {
         return UBUS_STATUS_CONNECTION_FAILED;
+    }
     ctx->sock.eof = false;
     ctx->sock.error = false;
     ctx->lost = false;
@@ -383,8 +402,9 @@ int ubus_connect_ctx(ubus_context *ctx, const char *path)
     INIT_LIST_HEAD(&ctx->objects);
     INIT_LIST_HEAD(&ctx->pending);
     ctx->in = static_cast<char *>(malloc(kInSize));
-    if (ctx->in && uloop_init() == 0 && ubus_reconnect(ctx, path) == UBUS_STATUS_OK)
+    if (ctx->in && uloop_init() == 0 && ubus_reconnect(ctx, path) == UBUS_STATUS_OK) {
         return 0;
+    }
     ubus_shutdown(ctx);
     return -1;
 }
@@ -401,8 +421,9 @@ ubus_context *ubus_connect(const char *path)
 
 void ubus_shutdown(ubus_context *ctx)
 {
-    if (!ctx)
+    if (!ctx) {
         return;
+    }
     close_connection(ctx);
     blob_buf_free(&ctx->out);
     free(ctx->in);

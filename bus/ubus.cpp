@@ -54,8 +54,9 @@ public:
     explicit EndTimer(int seconds)
     {
         timer_.cb = [](uloop_timeout *) { uloop_end(); };
-        if (seconds > 0)
+        if (seconds > 0) {
             uloop_timeout_set(&timer_, seconds * 1000);
+        }
     }
     ~EndTimer() { uloop_timeout_cancel(&timer_); }
     EndTimer(const EndTimer &) = delete;
@@ -67,8 +68,9 @@ private:
 
 const char *parameter_type(void * /*priv*/, blob_attr *attr)
 {
-    if (blobmsg_type(attr) != BLOBMSG_TYPE_INT32)
+    if (blobmsg_type(attr) != BLOBMSG_TYPE_INT32) {
         return nullptr;
+    }
     switch (blobmsg_get_u32(attr)) {
     case BLOBMSG_TYPE_ARRAY:
         return "\"Array\"";
@@ -109,51 +111,60 @@ void print_event(ubus_context * /*ctx*/, ubus_event_handler * /*ev*/, const char
 {
     printf("{ \"%s\": ", type);
     print_json("", blobmsg_format_json(msg, true), " }");
-    if (fflush(stdout) != 0) // nobody reads on
+    if (fflush(stdout) != 0) { // nobody reads on
         uloop_end();
+    }
 }
 
 int list_objects(ubus_context *ctx, int argc, char **argv)
 {
-    if (argc > 1)
+    if (argc > 1) {
         return kUsageError;
+    }
     return ubus_lookup(ctx, argc == 1 ? argv[0] : nullptr, print_object, nullptr);
 }
 
 // Into a log goes the whole command that failed; its exit status is negative then.
 int call_error(int argc, char **argv, int status)
 {
-    if (options.simple || isatty(STDERR_FILENO))
+    if (options.simple || isatty(STDERR_FILENO)) {
         return status;
+    }
     fprintf(stderr, "Command failed: ubus call ");
-    for (int i = 0; i < argc; i++)
+    for (int i = 0; i < argc; i++) {
         fprintf(stderr, "%s ", argv[i]);
+    }
     fprintf(stderr, "(%s)\n", ubus_strerror(status));
     return -status;
 }
 
 int call_method(ubus_context *ctx, int argc, char **argv)
 {
-    if (argc < 2 || argc > 3)
+    if (argc < 2 || argc > 3) {
         return kUsageError;
+    }
     Message message;
-    if (!message.parse(argc == 3 ? argv[2] : nullptr))
+    if (!message.parse(argc == 3 ? argv[2] : nullptr)) {
         return call_error(argc, argv, UBUS_STATUS_PARSE_ERROR);
+    }
     uint32_t id = 0;
     int status = ubus_lookup_id(ctx, argv[0], &id);
-    if (status != UBUS_STATUS_OK)
+    if (status != UBUS_STATUS_OK) {
         return status;
+    }
     status = ubus_invoke(ctx, id, argv[1], message.buf.head, print_reply, nullptr, time_limit() * 1000);
     return status == UBUS_STATUS_OK ? status : call_error(argc, argv, status);
 }
 
 int send_event(ubus_context *ctx, int argc, char **argv)
 {
-    if (argc < 1 || argc > 2)
+    if (argc < 1 || argc > 2) {
         return kUsageError;
+    }
     Message message;
-    if (!message.parse(argc == 2 ? argv[1] : nullptr))
+    if (!message.parse(argc == 2 ? argv[1] : nullptr)) {
         return UBUS_STATUS_PARSE_ERROR;
+    }
     return ubus_send_event(ctx, argv[0], message.buf.head);
 }
 
@@ -164,10 +175,12 @@ int print_events(ubus_context *ctx, int argc, char **argv)
     for (int i = 0; i < (argc > 0 ? argc : 1); i++) {
         const char *pattern = argc > 0 ? argv[i] : "*";
         const int status = ubus_register_event_handler(ctx, &handler, pattern);
-        if (status == UBUS_STATUS_OK)
+        if (status == UBUS_STATUS_OK) {
             continue;
-        if (!options.simple)
+        }
+        if (!options.simple) {
             fprintf(stderr, "Error while registering for event '%s': %s\n", pattern, ubus_strerror(status));
+        }
         return kFailed;
     }
 
@@ -193,8 +206,9 @@ void strike_out(Waiting &waiting, const char *path)
             waiting.missing--;
         }
     }
-    if (waiting.missing == 0)
+    if (waiting.missing == 0) {
         uloop_end();
+    }
 }
 
 void on_object_added(ubus_context * /*ctx*/, ubus_event_handler *ev, const char * /*type*/, blob_attr *msg)
@@ -202,8 +216,9 @@ void on_object_added(ubus_context * /*ctx*/, ubus_event_handler *ev, const char 
     static constexpr blobmsg_policy kPolicy = {"path", BLOBMSG_TYPE_STRING};
     blob_attr *path = nullptr;
     blobmsg_parse(&kPolicy, 1, &path, blob_data(msg), static_cast<unsigned>(blob_len(msg)));
-    if (path)
+    if (path) {
         strike_out(*container_of(ev, Waiting, handler), blobmsg_get_string(path));
+    }
 }
 
 void on_object_listed(ubus_context * /*ctx*/, ubus_object_data *object, void *priv)
@@ -213,8 +228,9 @@ void on_object_listed(ubus_context * /*ctx*/, ubus_object_data *object, void *pr
 
 int wait_for_objects(ubus_context *ctx, int argc, char **argv)
 {
-    if (argc < 1)
+    if (argc < 1) {
         return kUsageError;
+    }
     Waiting waiting;
     waiting.handler.cb = on_object_added;
     waiting.paths = argv;
@@ -222,15 +238,18 @@ int wait_for_objects(ubus_context *ctx, int argc, char **argv)
     waiting.missing = argc;
     ubus_add_uloop(ctx);
     int status = ubus_register_event_handler(ctx, &waiting.handler, "ubus.object.add");
-    if (status == UBUS_STATUS_OK)
+    if (status == UBUS_STATUS_OK) {
         status = ubus_lookup(ctx, nullptr, on_object_listed, &waiting);
-    if (status != UBUS_STATUS_OK || waiting.missing == 0)
+    }
+    if (status != UBUS_STATUS_OK || waiting.missing == 0) {
         return status;
+    }
 
     const EndTimer timer(time_limit());
     uloop_run();
-    if (waiting.missing == 0)
+    if (waiting.missing == 0) {
         return UBUS_STATUS_OK;
+    }
     return ctx->sock.eof ? UBUS_STATUS_CONNECTION_FAILED : UBUS_STATUS_TIMEOUT;
 }
 
@@ -270,8 +289,9 @@ bool parse_seconds(const char *text, int *seconds)
     char *end = nullptr;
     errno = 0;
     const long value = strtol(text, &end, 10);
-    if (errno != 0 || end == text || *end != '\0' || value < 0 || value > INT_MAX / 1000)
+    if (errno != 0 || end == text || *end != '\0' || value < 0 || value > INT_MAX / 1000) {
         return false;
+    }
     *seconds = static_cast<int>(value);
     return true;
 }
@@ -285,8 +305,9 @@ bool parse_options(int argc, char **argv)
             options.socket = optarg;
             break;
         case 't':
-            if (!parse_seconds(optarg, &options.timeout))
+            if (!parse_seconds(optarg, &options.timeout)) {
                 return false;
+            }
             break;
         case 'S':
             options.simple = true;
@@ -305,12 +326,14 @@ bool parse_options(int argc, char **argv)
 
 int main(int argc, char **argv)
 {
-    if (!parse_options(argc, argv))
+    if (!parse_options(argc, argv)) {
         return usage(argv[0]);
+    }
     const Command *command = nullptr;
     for (const Command &c : kCommands) {
-        if (strcmp(c.name, argv[optind]) == 0)
+        if (strcmp(c.name, argv[optind]) == 0) {
             command = &c;
+        }
     }
 
     if (!command) {
@@ -320,15 +343,17 @@ int main(int argc, char **argv)
 
     ubus_context *ctx = ubus_connect(options.socket);
     if (!ctx) {
-        if (!options.simple)
+        if (!options.simple) {
             fprintf(stderr, "Failed to connect to ubus\n");
+        }
         return kFailed;
     }
     const int status = command->run(ctx, argc - optind - 1, argv + optind + 1);
-    if (status == kUsageError)
+    if (status == kUsageError) {
         usage(argv[0]);
-    else if (status > 0 && status < __UBUS_STATUS_LAST && !options.simple)
+    } else if (status > 0 && status < __UBUS_STATUS_LAST && !options.simple) {
         fprintf(stderr, "Command failed: %s\n", ubus_strerror(status));
+    }
     ubus_free(ctx);
     return status;
 }

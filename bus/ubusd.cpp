@@ -50,8 +50,9 @@ int main(int argc, char **argv)
             return usage(argv[0], stderr);
         }
     }
-    if (optind < argc)
+    if (optind < argc) {
         return usage(argv[0], stderr);
+    }
     if (!path) {
         path = UBUS_UNIX_SOCKET;
         mkdir("/var/run/ubus", 0755);

@@ -86,8 +86,9 @@ void take_signals()
     for (TakenSignal &s : signals) {
         struct sigaction action = {};
         sigaction(s.signo, nullptr, &action);
-        if (action.sa_handler != SIG_DFL || (s.signo == SIGCHLD && !uloop_handle_sigchld))
+        if (action.sa_handler != SIG_DFL || (s.signo == SIGCHLD && !uloop_handle_sigchld)) {
             continue;
+        }
         action = {};
         action.sa_handler = s.handler;
         sigemptyset(&action.sa_mask);
@@ -123,16 +124,19 @@ int64_t ms_between(const timeval &from, const timeval &to)
 
 void run_due_timeouts()
 {
-    if (list_empty(&timeouts))
+    if (list_empty(&timeouts)) {
         return;
+    }
     const timeval at = now();
     while (!list_empty(&timeouts)) {
         uloop_timeout *t = list_first_entry(&timeouts, uloop_timeout, list);
-        if (ms_between(at, t->time) > 0)
+        if (ms_between(at, t->time) > 0) {
             return;
+        }
         uloop_timeout_cancel(t);
-        if (t->cb)
+        if (t->cb) {
             t->cb(t);
+        }
     }
 }
 
@@ -141,8 +145,9 @@ uloop_process *find_process(pid_t pid)
     uloop_process *p = nullptr;
     list_for_each_entry(p, &processes, list)
     {
-        if (p->pid == pid)
+        if (p->pid == pid) {
             return p;
+        }
     }
     return nullptr;
 }
@@ -153,14 +158,17 @@ void reap_children()
     for (;;) {
         int status = 0;
         const pid_t pid = waitpid(-1, &status, WNOHANG);
-        if (pid < 0 && errno == EINTR)
+        if (pid < 0 && errno == EINTR) {
             continue;
-        if (pid <= 0)
+        }
+        if (pid <= 0) {
             return;
+        }
         while (uloop_process *p = find_process(pid)) {
             uloop_process_delete(p);
-            if (p->cb)
+            if (p->cb) {
                 p->cb(p, status);
+            }
         }
     }
 }
@@ -168,25 +176,32 @@ void reap_children()
 void dispatch(const epoll_event &event)
 {
     auto *u = static_cast<uloop_fd *>(event.data.ptr);
-    if (!u)
+    if (!u) {
         return;
-    if (event.events & EPOLLRDHUP)
+    }
+    if (event.events & EPOLLRDHUP) {
         u->eof = true;
-    if (event.events & (EPOLLERR | EPOLLHUP))
+    }
+    if (event.events & (EPOLLERR | EPOLLHUP)) {
         u->error = true;
+    }
     unsigned what = 0;
-    if (event.events & (EPOLLIN | EPOLLRDHUP | EPOLLERR | EPOLLHUP))
+    if (event.events & (EPOLLIN | EPOLLRDHUP | EPOLLERR | EPOLLHUP)) {
         what |= ULOOP_READ;
-    if (event.events & EPOLLOUT)
+    }
+    if (event.events & EPOLLOUT) {
         what |= ULOOP_WRITE;
+    }
 
     Running self = {u, running};
     running = &self;
-    if (u->cb)
+    if (u->cb) {
         u->cb(u, what);
+    }
     running = self.outer;
-    if (self.u && u->error) // still there, and not added anew
+    if (self.u && u->error) { // still there, and not added anew
         uloop_fd_delete(u);
+    }
 }
 
 // Hands out one event, so that timers and the end of the loop are looked at in between.
@@ -196,8 +211,9 @@ void run_one_event(int timeout)
         events_next = 0;
         events_end = 0;
         const int n = epoll_wait(poll_fd, events, kMaxEvents, timeout);
-        if (n <= 0)
+        if (n <= 0) {
             return;
+        }
         events_end = n;
     }
     dispatch(events[events_next++]);
@@ -205,8 +221,9 @@ void run_one_event(int timeout)
 
 int clamp_to_int(int64_t ms)
 {
-    if (ms > INT_MAX)
+    if (ms > INT_MAX) {
         return INT_MAX;
+    }
     return ms < INT_MIN ? INT_MIN : static_cast<int>(ms);
 }
 
@@ -217,8 +234,9 @@ int uloop_init(void)
     if (poll_fd < 0) {
         int fds[2];
         poll_fd = epoll_create1(EPOLL_CLOEXEC);
-        if (poll_fd < 0)
+        if (poll_fd < 0) {
             return -1;
+        }
         if (pipe2(fds, O_CLOEXEC | O_NONBLOCK) < 0) {
             close(poll_fd);
             poll_fd = -1;
@@ -246,10 +264,12 @@ void uloop_done(void)
     }
     events_next = 0;
     events_end = 0;
-    while (!list_empty(&timeouts))
+    while (!list_empty(&timeouts)) {
         uloop_timeout_cancel(list_first_entry(&timeouts, uloop_timeout, list));
-    while (!list_empty(&processes))
+    }
+    while (!list_empty(&processes)) {
         uloop_process_delete(list_first_entry(&processes, uloop_process, list));
+    }
 }
 
 int uloop_run_timeout(int timeout)
@@ -258,13 +278,16 @@ int uloop_run_timeout(int timeout)
     uloop_cancelled = false;
     do {
         run_due_timeouts();
-        if (child_ended)
+        if (child_ended) {
             reap_children();
-        if (uloop_cancelling())
+        }
+        if (uloop_cancelling()) {
             break;
+        }
         int wait = uloop_get_next_timeout();
-        if (timeout >= 0 && (wait < 0 || timeout < wait))
+        if (timeout >= 0 && (wait < 0 || timeout < wait)) {
             wait = timeout;
+        }
         run_one_event(wait);
     } while (!uloop_cancelling() && timeout < 0);
     run_depth--;
@@ -278,21 +301,27 @@ bool uloop_cancelling(void)
 
 int uloop_fd_add(uloop_fd *sock, unsigned int flags)
 {
-    if (!(flags & (ULOOP_READ | ULOOP_WRITE)))
+    if (!(flags & (ULOOP_READ | ULOOP_WRITE))) {
         return uloop_fd_delete(sock);
-    if (!sock->registered && !(flags & ULOOP_BLOCKING))
+    }
+    if (!sock->registered && !(flags & ULOOP_BLOCKING)) {
         fcntl(sock->fd, F_SETFL, fcntl(sock->fd, F_GETFL) | O_NONBLOCK);
+    }
 
     epoll_event event = {};
     event.data.ptr = sock;
-    if (flags & ULOOP_READ)
+    if (flags & ULOOP_READ) {
         event.events |= EPOLLIN | EPOLLRDHUP;
-    if (flags & ULOOP_WRITE)
+    }
+    if (flags & ULOOP_WRITE) {
         event.events |= EPOLLOUT;
-    if (flags & ULOOP_EDGE_TRIGGER)
+    }
+    if (flags & ULOOP_EDGE_TRIGGER) {
         event.events |= EPOLLET;
-    if (epoll_ctl(poll_fd, sock->registered ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, sock->fd, &event) < 0)
+    }
+    if (epoll_ctl(poll_fd, sock->registered ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, sock->fd, &event) < 0) {
         return -1;
+    }
     sock->flags = static_cast<uint8_t>(flags);
     sock->registered = true;
     sock->eof = false;
@@ -303,15 +332,18 @@ int uloop_fd_add(uloop_fd *sock, unsigned int flags)
 int uloop_fd_delete(uloop_fd *sock)
 {
     for (int i = events_next; i < events_end; i++) {
-        if (events[i].data.ptr == sock)
+        if (events[i].data.ptr == sock) {
             events[i].data.ptr = nullptr;
+        }
     }
     for (Running *r = running; r; r = r->outer) {
-        if (r->u == sock)
+        if (r->u == sock) {
             r->u = nullptr;
+        }
     }
-    if (!sock->registered)
+    if (!sock->registered) {
         return 0;
+    }
     sock->registered = false;
     sock->flags = 0;
     return epoll_ctl(poll_fd, EPOLL_CTL_DEL, sock->fd, nullptr);
@@ -319,8 +351,9 @@ int uloop_fd_delete(uloop_fd *sock)
 
 int uloop_timeout_add(uloop_timeout *timeout)
 {
-    if (timeout->pending)
+    if (timeout->pending) {
         return -1;
+    }
     list_head *position = &timeouts;
     uloop_timeout *t = nullptr;
     list_for_each_entry(t, &timeouts, list)
@@ -350,8 +383,9 @@ int uloop_timeout_set(uloop_timeout *timeout, int msecs)
 
 int uloop_timeout_cancel(uloop_timeout *timeout)
 {
-    if (!timeout->pending)
+    if (!timeout->pending) {
         return -1;
+    }
     list_del(&timeout->list);
     timeout->pending = false;
     return 0;
@@ -369,16 +403,18 @@ int uloop_timeout_remaining(uloop_timeout *timeout)
 
 int uloop_get_next_timeout(void)
 {
-    if (list_empty(&timeouts))
+    if (list_empty(&timeouts)) {
         return -1;
+    }
     const int64_t left = ms_between(now(), list_first_entry(&timeouts, uloop_timeout, list)->time);
     return left < 0 ? 0 : clamp_to_int(left);
 }
 
 int uloop_process_add(uloop_process *p)
 {
-    if (p->pending)
+    if (p->pending) {
         return -1;
+    }
     list_add_tail(&p->list, &processes);
     p->pending = true;
     return 0;
@@ -386,8 +422,9 @@ int uloop_process_add(uloop_process *p)
 
 int uloop_process_delete(uloop_process *p)
 {
-    if (!p->pending)
+    if (!p->pending) {
         return -1;
+    }
     list_del(&p->list);
     p->pending = false;
     return 0;

@@ -12,8 +12,9 @@ extern "C" {
 static inline bool ubus_strmatch_len(const char *s1, const char *s2, int *len)
 {
     for (*len = 0; s1[*len] == s2[*len]; (*len)++) {
-        if (!s1[*len])
+        if (!s1[*len]) {
             return true;
+        }
     }
     return false;
 }

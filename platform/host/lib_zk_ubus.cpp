@@ -178,8 +178,9 @@ bool was_lost(int status)
 void deliver(ubus_context *ctx, ubus_event_handler *ev, const char *type, blob_attr *msg)
 {
     ubus_event_handler *owner = static_cast<Subscription *>(ev)->owner;
-    if (owner != nullptr && owner->cb != nullptr)
+    if (owner != nullptr && owner->cb != nullptr) {
         owner->cb(ctx, owner, type, msg);
+    }
 }
 
 // The caller's subscription, or a new one.
@@ -187,10 +188,12 @@ Subscription &subscription_of(ubus_event_handler *owner)
 {
     Subscription *unused = nullptr;
     for (Subscription &subscription : bus.subscriptions) {
-        if (subscription.owner == owner)
+        if (subscription.owner == owner) {
             return subscription;
-        if (subscription.owner == nullptr && subscription.obj.id == 0)
+        }
+        if (subscription.owner == nullptr && subscription.obj.id == 0) {
             unused = &subscription;
+        }
     }
     Subscription &created = unused == nullptr ? bus.subscriptions.emplace_back() : *unused;
     created = Subscription{{}, owner, {}};
@@ -214,19 +217,22 @@ int send_without_waiting(const char *event, blob_attr *data)
 // False when the connection broke.
 bool publish(ubus_object *object)
 {
-    if (object->type != nullptr)
+    if (object->type != nullptr) {
         object->type->id = 0; // another broker's
+    }
     int status = ubus_add_object(bus.context, object);
-    if (status != UBUS_STATUS_OK)
+    if (status != UBUS_STATUS_OK) {
         zk_mod_log_printf("ubus", VELM_LOG_ERR, "object %s: %s\n", object->name, ubus_strerror(status));
+    }
     return !was_lost(status);
 }
 
 bool subscribe(Subscription &subscription, const std::string &pattern)
 {
     int status = ubus_register_event_handler(bus.context, &subscription, pattern.c_str());
-    if (status != UBUS_STATUS_OK)
+    if (status != UBUS_STATUS_OK) {
         zk_mod_log_printf("ubus", VELM_LOG_ERR, "event %s: %s\n", pattern.c_str(), ubus_strerror(status));
+    }
     return !was_lost(status);
 }
 
@@ -237,17 +243,20 @@ bool restore()
     const std::vector<ubus_object *> objects = bus.objects;
     for (ubus_object *object : objects) {
         bool published = object->id != 0; // by libubus, when it was on the bus before
-        if (!published && !publish(object))
+        if (!published && !publish(object)) {
             return false;
+        }
     }
     for (Subscription &subscription : bus.subscriptions) {
         const std::vector<std::string> patterns = subscription.patterns;
         for (const std::string &pattern : patterns) {
-            if (!subscribe(subscription, pattern))
+            if (!subscribe(subscription, pattern)) {
                 return false;
+            }
         }
-        if (subscription.owner == nullptr && subscription.obj.id != 0)
+        if (subscription.owner == nullptr && subscription.obj.id != 0) {
             ubus_unregister_event_handler(bus.context, &subscription);
+        }
     }
     return !is_lost();
 }
@@ -275,8 +284,9 @@ void reconnect(uloop_timeout *timeout)
 // libubus would end the loop here. May be called in the middle of a request, and again for the same loss.
 void connection_lost(ubus_context *ctx)
 {
-    if (!bus.connected)
+    if (!bus.connected) {
         return;
+    }
     bus.connected = false;
     log_state("the broker has gone, waiting for it");
     uloop_fd_delete(&ctx->sock); // else its end wakes the loop again and again
@@ -299,16 +309,18 @@ public:
     {
         for (size_t i = 0; i < SIGNALS.size(); i++) {
             sigaction(SIGNALS[i], nullptr, &before_[i]);
-            if (before_[i].sa_handler == SIG_DFL)
+            if (before_[i].sa_handler == SIG_DFL) {
                 signal(SIGNALS[i], end_by_signal);
+            }
         }
     }
     SignalsWhileWaiting(const SignalsWhileWaiting &) = delete;
     SignalsWhileWaiting &operator=(const SignalsWhileWaiting &) = delete;
     ~SignalsWhileWaiting()
     {
-        for (size_t i = 0; i < SIGNALS.size(); i++)
+        for (size_t i = 0; i < SIGNALS.size(); i++) {
             sigaction(SIGNALS[i], &before_[i], nullptr);
+        }
         uloop_init(); // takes them now
     }
 
@@ -321,8 +333,9 @@ ubus_context *wait_for_broker()
 {
     SignalsWhileWaiting signals;
     ubus_context *ctx = ubus_connect(socket_path());
-    if (ctx != nullptr)
+    if (ctx != nullptr) {
         return ctx;
+    }
     log_state("there is no broker yet, waiting for it");
     while ((ctx = ubus_connect(socket_path())) == nullptr) {
         timespec pause{.tv_sec = 0, .tv_nsec = RETRY_MS * 1'000'000L};
@@ -340,27 +353,33 @@ namespace {
 
 int add_object(ubus_context *ctx, ubus_object *obj)
 {
-    if (!is_ours(ctx) || obj == nullptr)
+    if (!is_ours(ctx) || obj == nullptr) {
         return UBUS_STATUS_INVALID_ARGUMENT;
+    }
     int status = is_lost() ? UBUS_STATUS_OK : ubus_add_object(ctx, obj);
-    if (status != UBUS_STATUS_OK && !was_lost(status))
+    if (status != UBUS_STATUS_OK && !was_lost(status)) {
         return status;
-    if (std::find(bus.objects.begin(), bus.objects.end(), obj) == bus.objects.end())
+    }
+    if (std::find(bus.objects.begin(), bus.objects.end(), obj) == bus.objects.end()) {
         bus.objects.push_back(obj);
+    }
     return UBUS_STATUS_OK;
 }
 
 int unregister_event_handler(ubus_context *ctx, ubus_event_handler *ev)
 {
-    if (!is_ours(ctx) || ev == nullptr)
+    if (!is_ours(ctx) || ev == nullptr) {
         return UBUS_STATUS_INVALID_ARGUMENT;
+    }
     for (Subscription &subscription : bus.subscriptions) {
-        if (subscription.owner != ev)
+        if (subscription.owner != ev) {
             continue;
+        }
         subscription.owner = nullptr;
         subscription.patterns.clear();
-        if (subscription.obj.id == 0 || is_lost())
+        if (subscription.obj.id == 0 || is_lost()) {
             return UBUS_STATUS_OK;
+        }
         int status = ubus_unregister_event_handler(ctx, &subscription);
         return was_lost(status) ? UBUS_STATUS_OK : status;
     }
@@ -369,16 +388,19 @@ int unregister_event_handler(ubus_context *ctx, ubus_event_handler *ev)
 
 int register_event_handler(ubus_context *ctx, ubus_event_handler *ev, const char *pattern)
 {
-    if (!is_ours(ctx) || ev == nullptr || pattern == nullptr)
+    if (!is_ours(ctx) || ev == nullptr || pattern == nullptr) {
         return UBUS_STATUS_INVALID_ARGUMENT;
+    }
     Subscription &subscription = subscription_of(ev);
     auto &patterns = subscription.patterns;
-    if (std::find(patterns.begin(), patterns.end(), pattern) != patterns.end())
+    if (std::find(patterns.begin(), patterns.end(), pattern) != patterns.end()) {
         return UBUS_STATUS_OK;
+    }
     int status = is_lost() ? UBUS_STATUS_OK : ubus_register_event_handler(ctx, &subscription, pattern);
     if (status != UBUS_STATUS_OK && !was_lost(status)) {
-        if (patterns.empty())
+        if (patterns.empty()) {
             unregister_event_handler(ctx, ev);
+        }
         return status;
     }
     patterns.emplace_back(pattern);
@@ -387,10 +409,12 @@ int register_event_handler(ubus_context *ctx, ubus_event_handler *ev, const char
 
 int send_event(ubus_context *ctx, const char *event, blob_buf msg)
 {
-    if (!is_ours(ctx) || event == nullptr || msg.head == nullptr)
+    if (!is_ours(ctx) || event == nullptr || msg.head == nullptr) {
         return UBUS_STATUS_INVALID_ARGUMENT;
-    if (is_lost())
+    }
+    if (is_lost()) {
         return UBUS_STATUS_CONNECTION_FAILED;
+    }
     int status = bus.unconfirmed < MAX_UNCONFIRMED ? send_without_waiting(event, msg.head)
                                                    : ubus_send_event(ctx, event, msg.head);
     bus.unconfirmed = bus.unconfirmed < MAX_UNCONFIRMED ? bus.unconfirmed + 1 : 0;
@@ -400,14 +424,17 @@ int send_event(ubus_context *ctx, const char *event, blob_buf msg)
 int call_method(ubus_context *ctx, const char *object, const char *method, blob_buf msg,
                 ubus_data_handler_t cb, void *priv, int timeout)
 {
-    if (!is_ours(ctx) || object == nullptr || method == nullptr)
+    if (!is_ours(ctx) || object == nullptr || method == nullptr) {
         return UBUS_STATUS_INVALID_ARGUMENT;
-    if (is_lost())
+    }
+    if (is_lost()) {
         return UBUS_STATUS_CONNECTION_FAILED;
+    }
     uint32_t id = 0;
     int status = ubus_lookup_id(ctx, object, &id);
-    if (status == UBUS_STATUS_OK)
+    if (status == UBUS_STATUS_OK) {
         status = ubus_invoke(ctx, id, method, msg.head, cb, priv, timeout > 0 ? timeout : CALL_TIMEOUT_MS);
+    }
     return was_lost(status) ? UBUS_STATUS_CONNECTION_FAILED : status;
 }
 
@@ -417,8 +444,9 @@ int call_method(ubus_context *ctx, const char *object, const char *method, blob_
 
 int lib_zk_ubus_init(struct ubus_context **ctx)
 {
-    if (ctx == nullptr || bus.context != nullptr)
+    if (ctx == nullptr || bus.context != nullptr) {
         return UBUS_STATUS_INVALID_ARGUMENT;
+    }
     uloop_handle_sigchld = false; // the caller's choice stands: its shell commands are reaped by the kernel
     LoopThread::loop_thread().become();
     bus.context = wait_for_broker();
@@ -473,8 +501,9 @@ int lib_zk_ubus_run(unsigned int /*flag: other threads may always call*/)
 
 int lib_zk_ubus_exit(struct ubus_context *ctx)
 {
-    if (!is_ours(ctx))
+    if (!is_ours(ctx)) {
         return UBUS_STATUS_INVALID_ARGUMENT;
+    }
     if (bus.unconfirmed > 0 && !is_lost()) {
         uint32_t nobody = 0;
         ubus_lookup_id(ctx, "", &nobody); // when this is answered, all that was sent before has been received
@@ -484,8 +513,9 @@ int lib_zk_ubus_exit(struct ubus_context *ctx)
     blob_buf_free(&bus.event);
     for (ubus_object *object : bus.objects) { // as they were before they were published
         object->id = 0;
-        if (object->type != nullptr)
+        if (object->type != nullptr) {
             object->type->id = 0;
+        }
     }
     bus = {};
     return UBUS_STATUS_OK;
@@ -493,8 +523,9 @@ int lib_zk_ubus_exit(struct ubus_context *ctx)
 
 int lib_zk_blobmsg_add_struct(struct blob_buf *buf, const char *name, const void *data, int len)
 {
-    if (buf == nullptr || name == nullptr || len < 0 || (data == nullptr && len > 0))
+    if (buf == nullptr || name == nullptr || len < 0 || (data == nullptr && len > 0)) {
         return UBUS_STATUS_INVALID_ARGUMENT;
+    }
     return blobmsg_add_field(buf, BLOBMSG_TYPE_UNSPEC, name, data, static_cast<unsigned int>(len)) == 0
                ? UBUS_STATUS_OK
                : UBUS_STATUS_NO_MEMORY;

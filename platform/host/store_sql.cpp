@@ -8,8 +8,9 @@ std::string quoted(std::string_view text, char quote)
 {
     std::string result(1, quote);
     for (char c : text) {
-        if (c == quote)
+        if (c == quote) {
             result += quote;
+        }
         result += c;
     }
     return result += quote;
@@ -34,8 +35,9 @@ bool is_kept(const ModelParameter &parameter)
 std::string numbered(const char *prefix, size_t depth)
 {
     std::string list;
-    for (size_t level = 1; level <= depth; level++)
+    for (size_t level = 1; level <= depth; level++) {
         list.append(level == 1 ? "" : ", ").append(prefix).append(std::to_string(level));
+    }
     return list;
 }
 
@@ -65,8 +67,9 @@ std::string insert_defaults(const ModelObject &object)
     std::string columns;
     std::string values;
     for (const ModelParameter &parameter : object.parameters) {
-        if (!is_kept(parameter))
+        if (!is_kept(parameter)) {
             continue;
+        }
         columns += name(parameter.name) + ", ";
         values += literal(parameter.initial) + ", ";
     }
@@ -80,14 +83,17 @@ std::string sql_create_table(const ModelObject &object)
 {
     std::string sql = "CREATE TABLE IF NOT EXISTS " + name(object.path) + " (";
     for (const ModelParameter &parameter : object.parameters) {
-        if (is_kept(parameter))
+        if (is_kept(parameter)) {
             sql += column(parameter) + ", ";
+        }
     }
     // A single number is the row's own number in the file; several need an index, which then holds the rows.
-    if (object.depth <= 1)
+    if (object.depth <= 1) {
         return sql + key_columns(object.depth) + " INTEGER PRIMARY KEY) STRICT";
-    for (size_t level = 1; level <= object.depth; level++)
+    }
+    for (size_t level = 1; level <= object.depth; level++) {
         sql.append("_").append(std::to_string(level)).append(" INTEGER NOT NULL, ");
+    }
     return sql + "PRIMARY KEY (" + key_columns(object.depth) + ")) STRICT, WITHOUT ROWID";
 }
 
@@ -104,10 +110,12 @@ std::string sql_add_column(const ModelObject &object, const ModelParameter &para
 std::string sql_seed(const DataModel &model, const ModelObject &object)
 {
     const ModelObject *above = &object;
-    while (!above->is_instance && above->parent != MODEL_NONE)
+    while (!above->is_instance && above->parent != MODEL_NONE) {
         above = &model.objects[static_cast<size_t>(above->parent)];
-    if (!above->is_instance)
+    }
+    if (!above->is_instance) {
         return insert_defaults(object) + "0";
+    }
     return insert_defaults(object) + key_columns(object.depth) + " FROM " + name(above->path);
 }
 
@@ -120,8 +128,9 @@ std::string sql_select_row(const DataModel &model, const ModelObject &object)
 {
     std::string columns;
     for (const ModelParameter &parameter : object.parameters) {
-        if (!columns.empty())
+        if (!columns.empty()) {
             columns += ", ";
+        }
         if (is_kept(parameter)) {
             columns += name(parameter.name);
         } else {
@@ -136,14 +145,17 @@ std::string sql_update_row(const ModelObject &object)
 {
     std::string assignments;
     for (size_t i = 0; i < object.parameters.size(); i++) {
-        if (!is_kept(object.parameters[i]))
+        if (!is_kept(object.parameters[i])) {
             continue;
-        if (!assignments.empty())
+        }
+        if (!assignments.empty()) {
             assignments += ", ";
+        }
         assignments += name(object.parameters[i].name) + " = ?" + std::to_string(object.depth + i + 1);
     }
-    if (assignments.empty())
+    if (assignments.empty()) {
         return {};
+    }
     return "UPDATE " + name(object.path) + " SET " + assignments + where(object.depth);
 }
 

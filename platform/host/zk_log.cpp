@@ -43,11 +43,13 @@ LogConfig read_config()
 {
     LogConfig config;
     const char *level = std::getenv("OVANI_LOG_LEVEL");
-    if (level != nullptr && level[0] >= '0' && level[0] <= '7' && level[1] == '\0')
+    if (level != nullptr && level[0] >= '0' && level[0] <= '7' && level[1] == '\0') {
         config.level = level[0] - '0';
+    }
     for (const LevelName &known : LEVEL_NAMES) {
-        if (level != nullptr && strcasecmp(level, known.name) == 0)
+        if (level != nullptr && strcasecmp(level, known.name) == 0) {
             config.level = known.level;
+        }
     }
     const char *target = std::getenv("OVANI_LOG");
     config.to_syslog = target != nullptr && std::strcmp(target, "syslog") == 0;
@@ -63,14 +65,16 @@ class Line {
 public:
     void put(char c)
     {
-        if (length_ < text_.size() - 1) // the newline has its place
+        if (length_ < text_.size() - 1) { // the newline has its place
             text_[length_++] = c;
+        }
     }
 
     void put(std::string_view text)
     {
-        for (char c : text)
+        for (char c : text) {
             put(c);
+        }
     }
 
     // Control characters in what clients call themselves must neither move the cursor of whoever reads the
@@ -80,8 +84,9 @@ public:
         static constexpr char DIGITS[] = "0123456789abcdef";
         for (size_t i = 0; i < text.size(); i++) {
             auto byte = static_cast<unsigned char>(text[i]);
-            if (byte == '\r' && i + 1 < text.size() && text[i + 1] == '\n')
+            if (byte == '\r' && i + 1 < text.size() && text[i + 1] == '\n') {
                 continue;
+            }
             bool c1_control = byte >= 0x80 && byte < 0xa0 && i > 0 && text[i - 1] == '\xc2'; // in UTF-8
             if (byte == '\n') {
                 put("\n\t");
@@ -123,10 +128,12 @@ void write_whole(std::string_view text)
 {
     while (!text.empty()) {
         ssize_t written = write(STDERR_FILENO, text.data(), text.size());
-        if (written < 0 && errno == EINTR)
+        if (written < 0 && errno == EINTR) {
             continue;
-        if (written <= 0)
+        }
+        if (written <= 0) {
             return; // nobody is left to tell
+        }
         text.remove_prefix(static_cast<size_t>(written));
     }
 }
@@ -136,8 +143,9 @@ void write_whole(std::string_view text)
 void zk_mod_log_printf(const char *module, int level, const char *fmt, ...)
 {
     static const LogConfig config = read_config();
-    if (level > config.level)
+    if (level > config.level) {
         return;
+    }
 
     int saved_errno = errno;
     char text[TEXT_SIZE];

@@ -17,13 +17,15 @@ constexpr unsigned int MAX_PORTS = 128;
 int read_number(const char *parameter, unsigned int limit, unsigned int &number)
 {
     std::array<char, MODEL_MAX_VALUE + 1> text{};
-    if (int result = zkcfg_getsingleparamval(DEVICE, parameter, text.data(), WAIT_MS); result != 0)
+    if (int result = zkcfg_getsingleparamval(DEVICE, parameter, text.data(), WAIT_MS); result != 0) {
         return result;
+    }
     std::string_view digits(text.data());
     unsigned int value = 0;
     auto [end, fault] = std::from_chars(digits.data(), digits.data() + digits.size(), value);
-    if (fault != std::errc{} || end != digits.data() + digits.size() || value >= limit)
+    if (fault != std::errc{} || end != digits.data() + digits.size() || value >= limit) {
         return STORE_DAMAGED;
+    }
     number = value;
     return 0;
 }
@@ -32,11 +34,13 @@ int read_number(const char *parameter, unsigned int limit, unsigned int &number)
 
 int zk_sys_mgr_get_carrier(zk_carr_type *carrier)
 {
-    if (carrier == nullptr)
+    if (carrier == nullptr) {
         return STORE_BAD_ARGUMENT;
+    }
     unsigned int code = 0;
-    if (int result = read_number("X_QV_Carrier", CARR_MAX, code); result != 0)
+    if (int result = read_number("X_QV_Carrier", CARR_MAX, code); result != 0) {
         return result;
+    }
     *carrier = static_cast<zk_carr_type>(code);
     return 0;
 }
@@ -53,7 +57,8 @@ int zk_sys_mgr_get_brmac(char *mac)
 
 int zk_sys_mgr_get_devinfo(devinfo *info)
 {
-    if (info == nullptr)
+    if (info == nullptr) {
         return STORE_BAD_ARGUMENT;
+    }
     return read_number("X_QV_LANPortNumber", MAX_PORTS, info->port_num);
 }

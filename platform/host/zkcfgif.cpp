@@ -36,11 +36,13 @@ bool is_read(OBJ_OP op)
 
 StoreResult find_parameter(const ObjectRef &object, std::string_view name, size_t &parameter)
 {
-    if (object.object == MODEL_NONE)
+    if (object.object == MODEL_NONE) {
         return STORE_UNKNOWN_PATH;
+    }
     int index = data_model_find_parameter(data_model().objects[static_cast<size_t>(object.object)], name);
-    if (index == MODEL_NONE)
+    if (index == MODEL_NONE) {
         return STORE_UNKNOWN_PATH;
+    }
     parameter = static_cast<size_t>(index);
     return STORE_OK;
 }
@@ -74,8 +76,9 @@ int set(std::string_view object_path, std::string_view name, const char *value, 
 
 int zkapi_multinode_sessioncreate(void **session, OBJ_OP op, int wait)
 {
-    if (session == nullptr || !(is_read(op) || is_write(op)))
+    if (session == nullptr || !(is_read(op) || is_write(op))) {
         return STORE_BAD_ARGUMENT;
+    }
     *session = new Session(is_write(op), wait);
     return STORE_OK;
 }
@@ -83,8 +86,9 @@ int zkapi_multinode_sessioncreate(void **session, OBJ_OP op, int wait)
 int zkapi_multinode_sessionprepare(void *session, const char *fullpath, void *data)
 {
     auto *open = static_cast<Session *>(session);
-    if (open == nullptr || fullpath == nullptr || data == nullptr)
+    if (open == nullptr || fullpath == nullptr || data == nullptr) {
         return STORE_BAD_ARGUMENT;
+    }
     auto [object_path, name] = split(fullpath);
     if (object_path != open->object_path) {
         open->object_path = object_path;
@@ -92,11 +96,13 @@ int zkapi_multinode_sessionprepare(void *session, const char *fullpath, void *da
     }
     StoreItem item{.object = open->object, .parameter = 0, .text = static_cast<char *>(data)};
     StoreResult result = find_parameter(item.object, name, item.parameter);
-    if (result != STORE_OK)
+    if (result != STORE_OK) {
         return result;
+    }
     const ModelObject &object = data_model().objects[static_cast<size_t>(item.object.object)];
-    if (open->writes && object.parameters[item.parameter].counted != MODEL_NONE)
+    if (open->writes && object.parameters[item.parameter].counted != MODEL_NONE) {
         return STORE_READ_ONLY;
+    }
     open->items.push_back(item);
     return STORE_OK;
 }
@@ -104,52 +110,60 @@ int zkapi_multinode_sessionprepare(void *session, const char *fullpath, void *da
 int zkapi_multinode_sessionprocess(void *session)
 {
     const auto *open = static_cast<const Session *>(session);
-    if (open == nullptr)
+    if (open == nullptr) {
         return STORE_BAD_ARGUMENT;
+    }
     return open->writes ? store_write(open->items, open->wait) : store_read(open->items, open->wait);
 }
 
 int zkapi_multinode_sessiondestroy(void *session)
 {
-    if (session == nullptr)
+    if (session == nullptr) {
         return STORE_BAD_ARGUMENT;
+    }
     delete static_cast<Session *>(session);
     return STORE_OK;
 }
 
 int zkapi_singlevalue_get(const char *path, char *value, OP_DEVFUNC /*mode*/, int wait)
 {
-    if (path == nullptr || value == nullptr)
+    if (path == nullptr || value == nullptr) {
         return STORE_BAD_ARGUMENT;
+    }
     auto [object_path, name] = split(path);
     return get(object_path, name, value, wait);
 }
 
 int zkapi_singlevalue_set(const char *path, const char *value, OP_DEVFUNC /*mode*/, int wait)
 {
-    if (path == nullptr || value == nullptr)
+    if (path == nullptr || value == nullptr) {
         return STORE_BAD_ARGUMENT;
+    }
     auto [object_path, name] = split(path);
     return set(object_path, name, value, wait);
 }
 
 int zkapi_obj_add(const char *objpath, int *instance, OP_DEVFUNC /*mode*/, int wait)
 {
-    if (objpath == nullptr || instance == nullptr)
+    if (objpath == nullptr || instance == nullptr) {
         return STORE_BAD_ARGUMENT;
+    }
     ObjectRef table = data_model_find_table(data_model(), objpath);
     return table.object == MODEL_NONE ? STORE_UNKNOWN_PATH : store_add(table, *instance, wait);
 }
 
 int zkapi_obj_del(const char *objpath, int instance, OP_DEVFUNC /*mode*/, int wait)
 {
-    if (objpath == nullptr)
+    if (objpath == nullptr) {
         return STORE_BAD_ARGUMENT;
+    }
     ObjectRef object = data_model_find_table(data_model(), objpath);
-    if (object.object == MODEL_NONE)
+    if (object.object == MODEL_NONE) {
         return STORE_UNKNOWN_PATH;
-    if (instance < 1)
+    }
+    if (instance < 1) {
         return STORE_NO_OBJECT;
+    }
     size_t depth = data_model().objects[static_cast<size_t>(object.object)].depth;
     object.instance[depth - 1] = instance;
     return store_remove(object, wait);
@@ -157,11 +171,13 @@ int zkapi_obj_del(const char *objpath, int instance, OP_DEVFUNC /*mode*/, int wa
 
 int zkapi_obj_checkexist(const char *objpath, int wait)
 {
-    if (objpath == nullptr)
+    if (objpath == nullptr) {
         return 0;
+    }
     ObjectRef object = data_model_find_object(data_model(), objpath);
-    if (object.object == MODEL_NONE)
+    if (object.object == MODEL_NONE) {
         return 0;
+    }
     switch (store_exists(object, wait)) {
     case STORE_OK:
         return 1;
@@ -174,8 +190,9 @@ int zkapi_obj_checkexist(const char *objpath, int wait)
 
 void zkapi_getobjidbyobjpath(const char *path, InstIdStack *ids)
 {
-    if (ids == nullptr)
+    if (ids == nullptr) {
         return;
+    }
     *ids = {};
     std::string_view rest = path == nullptr ? "" : path;
     while (!rest.empty() && ids->currentDepth < 8) {
@@ -185,21 +202,24 @@ void zkapi_getobjidbyobjpath(const char *path, InstIdStack *ids)
         const char *last = component.data() + component.size();
         auto [end, fault] = std::from_chars(component.data(), last, number);
         bool is_number = !component.empty() && fault == std::errc{} && end == last && number >= 0;
-        if (is_number)
+        if (is_number) {
             ids->instance[ids->currentDepth++] = number;
+        }
     }
 }
 
 int zkcfg_getsingleparamval(const char *objpath, const char *param, char *value, int wait)
 {
-    if (objpath == nullptr || param == nullptr || value == nullptr)
+    if (objpath == nullptr || param == nullptr || value == nullptr) {
         return STORE_BAD_ARGUMENT;
+    }
     return get(objpath, param, value, wait);
 }
 
 int zkcfg_setsingleparamval(const char *objpath, const char *param, const char *value, int wait)
 {
-    if (objpath == nullptr || param == nullptr || value == nullptr)
+    if (objpath == nullptr || param == nullptr || value == nullptr) {
         return STORE_BAD_ARGUMENT;
+    }
     return set(objpath, param, value, wait);
 }

@@ -73,19 +73,22 @@ static inline int blobmsg_type(const struct blob_attr *attr)
 static inline void *blobmsg_data(const struct blob_attr *attr)
 {
     char *data = (char *)(uintptr_t)attr;
-    if (!attr)
+    if (!attr) {
         return data;
+    }
     data += sizeof(struct blob_attr);
-    if (blob_is_extended(attr))
+    if (blob_is_extended(attr)) {
         data += blobmsg_hdrlen(blobmsg_namelen((const struct blobmsg_hdr *)(const void *)attr->data));
+    }
     return data;
 }
 
 static inline size_t blobmsg_data_len(const struct blob_attr *attr)
 {
     size_t skip;
-    if (!attr)
+    if (!attr) {
         return 0;
+    }
     skip = (size_t)((char *)blobmsg_data(attr) - (char *)blob_data(attr));
     return blob_len(attr) < skip ? 0 : blob_len(attr) - skip;
 }

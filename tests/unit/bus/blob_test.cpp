@@ -30,12 +30,15 @@ int parse_everything(const Bytes &message, size_t shift)
 
     blob_attr *tb[UBUS_ATTR_MAX];
     int found = blob_parse_untrusted(attr, size, tb, nullptr, UBUS_ATTR_MAX);
-    for (const blob_attr *member : tb)
+    for (const blob_attr *member : tb) {
         found += member ? read_all(member) : 0;
-    if (size >= sizeof(blob_attr) && blob_raw_len(attr) <= size && bus::MessageAttrs(attr)[UBUS_ATTR_DATA])
+    }
+    if (size >= sizeof(blob_attr) && blob_raw_len(attr) <= size && bus::MessageAttrs(attr)[UBUS_ATTR_DATA]) {
         free(blobmsg_format_json(bus::MessageAttrs(attr)[UBUS_ATTR_DATA], true));
-    if (blobmsg_check_attr_len(attr, false, size))
+    }
+    if (blobmsg_check_attr_len(attr, false, size)) {
         free(blobmsg_format_json_indent(attr, false, 0));
+    }
 
     const blobmsg_policy policy[] = {{"text", BLOBMSG_TYPE_STRING},
                                      {"n", BLOBMSG_CAST_INT64},
@@ -44,8 +47,9 @@ int parse_everything(const Bytes &message, size_t shift)
     blob_attr *members[4];
     blobmsg_parse(policy, 4, members, data, size);
     for (blob_attr *member : members) {
-        if (!member)
+        if (!member) {
             continue;
+        }
         found += read_all(member) + (blobmsg_cast_s64(member) != 0);
         free(blobmsg_format_json(member, false));
     }
@@ -114,8 +118,9 @@ TEST(Blobmsg, ParseTakesTheFirstSoundMemberOfTheRightNameAndType)
     EXPECT_EQ(blobmsg_cast_s64(tb[1]), -2);
     EXPECT_EQ(blobmsg_cast_u64(tb[1]), 0xfffeU);
     EXPECT_EQ(blobmsg_type(tb[2]), BLOBMSG_TYPE_INT32);
-    for (int i = 3; i < 7; i++)
+    for (int i = 3; i < 7; i++) {
         EXPECT_EQ(tb[i], nullptr) << i;
+    }
     EXPECT_EQ(blobmsg_parse(policy, 7, tb, nullptr, 0), -EINVAL);
 }
 
@@ -136,14 +141,17 @@ TEST(Blobmsg, SurvivesAnyBytes)
     const uint8_t nasty[] = {0x00, 0x01, 0x03, 0x04, 0x7f, 0x80, 0x81, 0x82, 0xff};
     for (size_t round = 0; round < 20000; round++) {
         Bytes mutant = valid;
-        for (size_t n = 1 + below(4); n > 0; n--)
+        for (size_t n = 1 + below(4); n > 0; n--) {
             mutant[below(mutant.size())] =
                 below(2) ? nasty[below(sizeof(nasty))] : static_cast<uint8_t>(random());
+        }
         // Without the outer headers the members are what is looked at first.
-        if (below(3) == 0)
+        if (below(3) == 0) {
             mutant.erase(mutant.begin(), mutant.begin() + 28);
-        if (below(4) == 0)
+        }
+        if (below(4) == 0) {
             mutant.resize(below(mutant.size()));
+        }
         parse_everything(mutant, round % 4);
     }
 }

@@ -22,8 +22,9 @@ std::vector<std::string> events_until_end(RawClient &client)
 {
     std::vector<std::string> events;
     auto m = client.receive(UBUS_MSG_INVOKE);
-    for (; m && strcmp(m->text(UBUS_ATTR_METHOD), "end") != 0; m = client.receive(UBUS_MSG_INVOKE))
+    for (; m && strcmp(m->text(UBUS_ATTR_METHOD), "end") != 0; m = client.receive(UBUS_MSG_INVOKE)) {
         events.emplace_back(m->text(UBUS_ATTR_METHOD));
+    }
     EXPECT_TRUE(m) << "no end";
     return events;
 }
@@ -85,13 +86,14 @@ TEST_F(BrokerTest, NonsenseCostsAtMostItsSender)
         SCOPED_TRACE(c.what);
         RawClient client(path_);
         EXPECT_TRUE(client.write(bytes(c.bytes)));
-        if (c.answer == kDropped)
+        if (c.answer == kDropped) {
             EXPECT_TRUE(client.closed());
-        else if (c.answer == kSilence)
+        } else if (c.answer == kSilence) {
             EXPECT_TRUE(client.ping());
-        else
+        } else {
             EXPECT_EQ(client.receive(UBUS_MSG_STATUS)->u32(UBUS_ATTR_STATUS),
                       static_cast<uint32_t>(c.answer));
+        }
         EXPECT_TRUE(bystander.ping());
     }
 }
@@ -105,15 +107,17 @@ TEST_F(BrokerTest, HalfMessagesWaitAndPiecesAreJoined)
 
     RawClient pieces(path_);
     const std::string blob = "0000000c 00000008 'text'";
-    for (const uint8_t byte : bytes("00 03 0007 00000009" + blob))
+    for (const uint8_t byte : bytes("00 03 0007 00000009" + blob)) {
         EXPECT_TRUE(pieces.write({byte}));
+    }
     EXPECT_EQ(pieces.receive()->raw, bytes("00 02 0007 00000009" + blob));
     EXPECT_TRUE(pieces.receive(UBUS_MSG_STATUS));
     // Two and a half in one piece.
     EXPECT_TRUE(pieces.write(bytes("00 03 0001 00000000 00000004 00 03 0002 00000000 00000004 00 03 0003")));
     EXPECT_TRUE(pieces.write(bytes("00000000 00000004")));
-    for (uint16_t seq = 1; seq <= 3; seq++)
+    for (uint16_t seq = 1; seq <= 3; seq++) {
         EXPECT_EQ(pieces.receive(UBUS_MSG_STATUS)->seq(), seq);
+    }
 }
 
 TEST_F(BrokerTest, HundredsOfClients)
@@ -128,8 +132,9 @@ TEST_F(BrokerTest, HundredsOfClients)
         ASSERT_EQ(clients.back()->listen(clients.back()->add_object(nullptr), "all"), UBUS_STATUS_OK);
     }
     EXPECT_EQ(clients[0]->send_event("all"), UBUS_STATUS_OK);
-    for (size_t i = 1; i < clients.size(); i++)
+    for (size_t i = 1; i < clients.size(); i++) {
         EXPECT_TRUE(clients[i]->receive(UBUS_MSG_INVOKE));
+    }
     EXPECT_TRUE(clients[0]->ping());
 }
 
@@ -137,8 +142,9 @@ TEST(Broker, OutOfDescriptorsItWaitsWithoutSpinning)
 {
     const BrokerProcess broker(32);
     std::vector<std::unique_ptr<RawClient>> clients;
-    while (clients.size() < 20)
+    while (clients.size() < 20) {
         clients.push_back(std::make_unique<RawClient>(broker.path()));
+    }
 
     // These connect as far as the kernel is concerned, but most are not greeted before others have left.
     std::atomic<int> greeted = 0;
@@ -148,15 +154,17 @@ TEST(Broker, OutOfDescriptorsItWaitsWithoutSpinning)
         thread = std::thread([&] {
             const RawClient client(broker.path());
             greeted += client.id() != 0;
-            while (!measured)
+            while (!measured) {
                 sleep_ms(10);
+            }
         });
     }
     sleep_ms(500);
     std::ifstream stat(broker.proc("stat"));
     std::string field;
-    for (int i = 0; i < 13; i++)
+    for (int i = 0; i < 13; i++) {
         stat >> field;
+    }
     long user = 0;
     long system = 0;
     stat >> user >> system;
@@ -165,8 +173,9 @@ TEST(Broker, OutOfDescriptorsItWaitsWithoutSpinning)
     EXPECT_TRUE(clients[0]->ping());
     measured = true;
     clients.clear();
-    for (std::thread &thread : late)
+    for (std::thread &thread : late) {
         thread.join();
+    }
     EXPECT_EQ(greeted, 20);
 }
 
@@ -189,17 +198,20 @@ TEST_F(BrokerTest, EventsGoToWhoeverMatchesButTheirSender)
     for (const auto &c : cases) {
         clients.push_back(std::make_unique<RawClient>(path_));
         const uint32_t object = clients.back()->add_object(nullptr);
-        for (const char *pattern : c.patterns)
+        for (const char *pattern : c.patterns) {
             EXPECT_EQ(clients.back()->listen(object, pattern), UBUS_STATUS_OK);
+        }
         EXPECT_EQ(clients.back()->listen(object, "end"), UBUS_STATUS_OK);
     }
     RawClient sender(path_);
     const uint32_t own = sender.add_object(nullptr);
     EXPECT_EQ(sender.listen(own, "*"), UBUS_STATUS_OK);
-    for (const char *event : {"a", "ab", "abc", "b", "abd", "end"})
+    for (const char *event : {"a", "ab", "abc", "b", "abd", "end"}) {
         EXPECT_EQ(sender.send_event(event), UBUS_STATUS_OK);
-    for (size_t i = 0; i < clients.size(); i++)
+    }
+    for (size_t i = 0; i < clients.size(); i++) {
         EXPECT_EQ(events_until_end(*clients[i]), cases[i].heard) << cases[i].patterns[0];
+    }
     EXPECT_EQ(sender.calls_passed_over(), 0U);
 
     // What is removed hears no more, and is its owner's to remove and to subscribe.
@@ -290,8 +302,9 @@ TEST_F(BrokerTest, WhoNeverReadsIsDroppedAndWhoReadsLosesNothing)
     std::thread thread([&] { EXPECT_EQ(flood(sender, kEvents, 4000), kEvents); });
     size_t events = 0; // one of them tells of the deaf client's object
     while (events < kEvents + 1 && slow.receive(UBUS_MSG_INVOKE)) {
-        if (events++ % 500 == 0)
+        if (events++ % 500 == 0) {
             sleep_ms(50);
+        }
     }
     thread.join();
     EXPECT_EQ(events, kEvents + 1);
@@ -322,8 +335,9 @@ TEST_F(BrokerTest, RegisterIsBoundedAndALongListIsReadAtLeisure)
     auto m = reader.receive();
     for (; m && m->type() == UBUS_MSG_DATA; m = reader.receive()) {
         EXPECT_TRUE(listed.insert(m->text(UBUS_ATTR_OBJPATH)).second);
-        if (listed.size() % 300 == 0)
+        if (listed.size() % 300 == 0) {
             sleep_ms(100);
+        }
     }
     EXPECT_EQ(m->seq(), 1);
     EXPECT_EQ(listed, paths);

@@ -20,12 +20,14 @@ namespace {
 int run_broker(const char *path, unsigned max_descriptors, int ready)
 {
     const rlimit limit = {max_descriptors, max_descriptors};
-    if (max_descriptors > 0)
+    if (max_descriptors > 0) {
         setrlimit(RLIMIT_NOFILE, &limit);
+    }
     uloop_init();
     bus::Broker *broker = bus::broker_start(path);
-    if (!broker || write(ready, "", 1) != 1)
+    if (!broker || write(ready, "", 1) != 1) {
         return 2;
+    }
     close(ready);
     uloop_run();
     bus::broker_stop(broker);
@@ -52,8 +54,9 @@ Bytes bytes(const std::string &text, const Words &words)
         const size_t end = text.find(text[i] == '[' ? ']' : '\'', i + 1);
         if (text[i] == '[') {
             const uint32_t word = words.at(text.substr(i + 1, end - i - 1));
-            for (int shift = 24; shift >= 0; shift -= 8)
+            for (int shift = 24; shift >= 0; shift -= 8) {
                 result.push_back(static_cast<uint8_t>(word >> shift));
+            }
             i = end;
         } else if (text[i] == '\'') {
             result.insert(result.end(), text.begin() + static_cast<ptrdiff_t>(i) + 1,
@@ -109,8 +112,9 @@ void BrokerProcess::start()
 
 void BrokerProcess::stop()
 {
-    if (pid_ < 0)
+    if (pid_ < 0) {
         return;
+    }
     kill(pid_, SIGTERM);
     int status = 0;
     waitpid(pid_, &status, 0);
@@ -170,10 +174,12 @@ RawClient::RawClient(const char *path) : fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     strncpy(address.sun_path, path, sizeof(address.sun_path) - 1);
-    if (connect(fd_, reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0)
+    if (connect(fd_, reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0) {
         return;
-    if (const auto hello = receive())
+    }
+    if (const auto hello = receive()) {
         id_ = hello->peer();
+    }
 }
 
 RawClient::~RawClient()
@@ -186,8 +192,9 @@ bool RawClient::write(const Bytes &bytes) const
     size_t at = 0;
     while (at < bytes.size()) {
         const ssize_t n = send(fd_, bytes.data() + at, bytes.size() - at, MSG_NOSIGNAL);
-        if (n <= 0)
+        if (n <= 0) {
             return false;
+        }
         at += static_cast<size_t>(n);
     }
     return true;
@@ -208,8 +215,9 @@ std::optional<Message> RawClient::receive()
         uint8_t buffer[65536];
         pollfd pfd = {fd_, POLLIN, 0};
         const ssize_t n = poll(&pfd, 1, kWaitMs) > 0 ? recv(fd_, buffer, sizeof(buffer), 0) : -1;
-        if (n <= 0)
+        if (n <= 0) {
             return std::nullopt;
+        }
         input_.insert(input_.end(), buffer, buffer + n);
     }
 }
@@ -218,8 +226,9 @@ std::optional<Message> RawClient::receive(ubus_msg_type type)
 {
     for (;;) {
         auto m = receive();
-        if (!m || m->type() == type)
+        if (!m || m->type() == type) {
             return m;
+        }
         calls_passed_over_ += m->type() == UBUS_MSG_INVOKE;
     }
 }
@@ -229,19 +238,22 @@ bool RawClient::closed() const
     uint8_t buffer[65536];
     pollfd pfd = {fd_, POLLIN, 0};
     while (poll(&pfd, 1, kWaitMs) > 0) {
-        if (recv(fd_, buffer, sizeof(buffer), 0) <= 0)
+        if (recv(fd_, buffer, sizeof(buffer), 0) <= 0) {
             return true;
+        }
     }
     return false;
 }
 
 uint32_t RawClient::request(int type, uint32_t peer, blob_attr *blob)
 {
-    if (!write(message(type, ++seq_, peer, blob)))
+    if (!write(message(type, ++seq_, peer, blob))) {
         return ~0U;
+    }
     auto m = receive(UBUS_MSG_STATUS);
-    while (m && m->seq() != seq_)
+    while (m && m->seq() != seq_) {
         m = receive(UBUS_MSG_STATUS);
+    }
     return m ? m->u32(UBUS_ATTR_STATUS) : ~0U;
 }
 
@@ -251,15 +263,17 @@ uint32_t RawClient::add_object(const char *path, const char *method)
     if (path) {
         blob_put_string(&blob.buf, UBUS_ATTR_OBJPATH, path);
         void *signature = blob_nest_start(&blob.buf, UBUS_ATTR_SIGNATURE);
-        if (method)
+        if (method) {
             blobmsg_close_table(&blob.buf, blobmsg_open_table(&blob.buf, method));
+        }
         blob_nest_end(&blob.buf, signature);
     }
     write(message(UBUS_MSG_ADD_OBJECT, ++seq_, 0, blob));
     uint32_t id = 0;
     for (auto m = receive(); m && m->type() != UBUS_MSG_STATUS; m = receive()) {
-        if (m->type() == UBUS_MSG_DATA)
+        if (m->type() == UBUS_MSG_DATA) {
             id = m->u32(UBUS_ATTR_OBJID);
+        }
     }
     return id;
 }

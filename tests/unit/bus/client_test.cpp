@@ -56,8 +56,9 @@ const ubus_method kMethods[] = {UBUS_METHOD_NOARG("note", note), UBUS_METHOD_NOA
 // Turns the loop until so much was seen.
 void run_until(size_t count)
 {
-    for (int i = 0; i < kWaitMs / 10 && seen.size() < count; i++)
+    for (int i = 0; i < kWaitMs / 10 && seen.size() < count; i++) {
         uloop_run_timeout(10);
+    }
 }
 
 // A context in the loop, with an object "server" and an event handler that is not registered yet.
@@ -104,8 +105,9 @@ std::string result(FILE *command)
 {
     std::string out;
     char buffer[4096];
-    while (const size_t n = fread(buffer, 1, sizeof(buffer), command))
+    while (const size_t n = fread(buffer, 1, sizeof(buffer), command)) {
         out.append(buffer, n);
+    }
     return out + " " + std::to_string(WEXITSTATUS(pclose(command)));
 }
 
@@ -117,8 +119,9 @@ TEST_F(ClientTest, CallsAndEventsWaitWhileACallIsWaitedFor)
     for (const bool in_loop : {true, false}) {
         SCOPED_TRACE(in_loop);
         seen.clear();
-        if (!in_loop)
+        if (!in_loop) {
             uloop_fd_delete(&ctx_->sock);
+        }
         // These are there before the next call is answered.
         RawClient peer(path_);
         EXPECT_TRUE(peer.call(1, server_.id, "note"));
@@ -203,8 +206,9 @@ TEST_F(ClientTest, AsynchronousCallsOfAnySizeAndDeferredOnes)
     EXPECT_EQ(ubus_invoke_async(ctx_, server_.id, "defer", nullptr, &req), UBUS_STATUS_OK);
     req.complete_cb = note_end;
     ubus_complete_request_async(ctx_, &req);
-    for (int i = 0; i < 10; i++)
+    for (int i = 0; i < 10; i++) {
         uloop_run_timeout(5);
+    }
     EXPECT_TRUE(seen.empty());
     ubus_complete_deferred_request(ctx_, &deferred, 8);
     run_until(1);
@@ -225,8 +229,9 @@ TEST_F(ClientTest, SurvivesTheBrokersRestart)
     uint32_t id = 0;
     EXPECT_EQ(ubus_lookup_id(ctx_, "server", &id), UBUS_STATUS_CONNECTION_FAILED);
     EXPECT_TRUE(seen.empty()) << "told from the loop only";
-    for (int i = 0; i < 3; i++)
+    for (int i = 0; i < 3; i++) {
         uloop_run_timeout(10);
+    }
     EXPECT_EQ(seen, (std::vector<std::string>{"end 10", "lost"}));
     EXPECT_EQ(ubus_send_event(ctx_, "event", nullptr), UBUS_STATUS_CONNECTION_FAILED);
     EXPECT_EQ(ubus_reconnect(ctx_, path_), UBUS_STATUS_CONNECTION_FAILED);
@@ -259,8 +264,9 @@ TEST_F(ClientTest, LosingTheBrokerEndsTheLoopOnceAllIsRead)
 {
     ASSERT_EQ(ubus_register_event_handler(ctx_, &listener_, "event"), UBUS_STATUS_OK);
     RawClient peer(path_);
-    for (int i = 0; i < 20; i++) // more than is read at once
+    for (int i = 0; i < 20; i++) { // more than is read at once
         EXPECT_TRUE(peer.write(event_message("event", 2000)));
+    }
     EXPECT_TRUE(peer.ping());
     broker_.stop();
     EXPECT_EQ(uloop_run(), 0);
@@ -278,8 +284,9 @@ TEST_F(ClientTest, NothingIsLeftInTheLoop)
     ubus_free(ctx_);
     ctx_ = nullptr;
     EXPECT_EQ(uloop_get_next_timeout(), -1);
-    for (int i = 0; i < 3; i++)
+    for (int i = 0; i < 3; i++) {
         uloop_run_timeout(1);
+    }
     EXPECT_TRUE(seen.empty());
 }
 
@@ -312,18 +319,21 @@ TEST_F(ClientTest, CommandLine)
     };
     for (const auto &c : cases) {
         FILE *command = start_ubus(at + c.arguments);
-        while (!has_output(command, 0)) // its end counts
+        while (!has_output(command, 0)) { // its end counts
             uloop_run_timeout(10);
+        }
         EXPECT_EQ(result(command), c.result) << c.arguments;
     }
 
     // Events are printed as they come; the end of the broker ends it.
     FILE *listening = start_ubus(at + "listen 'ev*' other");
     RawClient peer(path_);
-    for (int i = 0; i < kWaitMs / 50 && !has_output(listening, 50); i++)
+    for (int i = 0; i < kWaitMs / 50 && !has_output(listening, 50); i++) {
         EXPECT_EQ(peer.send_event("event"), UBUS_STATUS_OK);
-    for (const char *event : {"event", "nothing", "other"})
+    }
+    for (const char *event : {"event", "nothing", "other"}) {
         EXPECT_EQ(peer.send_event(event), UBUS_STATUS_OK);
+    }
     broker_.stop();
     const std::string end = "{ \"event\": {\"text\":\"x\"} }\n{ \"other\": {\"text\":\"x\"} }\n"
                             "Command failed: Connection failed\n 10";

@@ -70,8 +70,9 @@ TEST_F(Uloop, HungUpDescriptorIsReportedOnce)
 {
     static int calls;
     Pipe *p = new_pipe([](uloop_fd *, unsigned) { calls++; });
-    for (int i = 0; i < 3; i++)
+    for (int i = 0; i < 3; i++) {
         uloop_run_timeout(1);
+    }
     EXPECT_EQ(calls, 1);
     EXPECT_TRUE(p->error);
     free_pipe(p);
@@ -114,8 +115,9 @@ TEST_F(Uloop, TellsOfAChildsEnd)
         uloop_end();
     };
     child.pid = fork();
-    if (child.pid == 0)
+    if (child.pid == 0) {
         _exit(7);
+    }
     EXPECT_EQ(uloop_process_add(&child), 0);
     uloop_run();
     EXPECT_TRUE(WIFEXITED(status));

@@ -300,15 +300,18 @@ TEST_F(BrokerTest, SurvivesWhatIsNearlyRight)
         }
         const string &blob = blobs[below(std::size(blobs))];
         Bytes mutant = bytes((below(2) ? "00 05 0001 00000001" : "00 05 0001 [object]") + blob, words);
-        if (below(2))
+        if (below(2)) {
             mutant[1] = static_cast<uint8_t>(below(__UBUS_MSG_LAST + 1));
-        for (size_t n = below(4); n > 0; n--)
+        }
+        for (size_t n = below(4); n > 0; n--) {
             mutant[11 + below(mutant.size() - 11)] = static_cast<uint8_t>(below(2) ? below(16) : random());
+        }
         const bool written = client->write(mutant);
         while (recv(client->fd(), mutant.data(), mutant.size(), MSG_DONTWAIT) > 0) {
         }
-        if (!written)
+        if (!written) {
             client.reset();
+        }
     }
     EXPECT_TRUE(bystander.ping());
 }

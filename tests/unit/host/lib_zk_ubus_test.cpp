@@ -39,8 +39,9 @@ pid_t start_broker(const std::string &path, const char *delay_seconds = "0")
 bool run_until(const std::function<bool()> &done)
 {
     for (int turns = 0; turns < 1500; turns++) {
-        if (done())
+        if (done()) {
             return true;
+        }
         uloop_run_timeout(20);
     }
     return false;
@@ -65,8 +66,9 @@ struct Listener : ubus_event_handler {
         blob_attr *record = nullptr;
         blobmsg_parse(&POLICY, 1, &record, blob_data(msg), static_cast<unsigned int>(blob_len(msg)));
         const auto *bytes = static_cast<const char *>(lib_zk_blobmsg_get_struct(record));
-        if (bytes != nullptr)
+        if (bytes != nullptr) {
             static_cast<Listener *>(ev)->records.emplace_back(bytes, blobmsg_data_len(record));
+        }
     }
 
     std::vector<std::string> records;
@@ -88,8 +90,9 @@ protected:
         directory_ = mkdtemp(pattern.data());
         socket_ = directory_ + "/ubus.sock";
         setenv("OVANI_UBUS_SOCKET", socket_.c_str(), 1);
-        for (int signo : {SIGCHLD, SIGPIPE, SIGHUP})
+        for (int signo : {SIGCHLD, SIGPIPE, SIGHUP}) {
             signal(signo, SIG_IGN);
+        }
     }
 
     void TearDown() override
@@ -117,17 +120,20 @@ protected:
 
     void kill_broker()
     {
-        if (broker_ > 0)
+        if (broker_ > 0) {
             kill(broker_, SIGKILL);
-        while (waitpid(broker_, nullptr, 0) > 0) // it is reaped for us: this waits until it is gone
+        }
+        while (waitpid(broker_, nullptr, 0) > 0) { // it is reaped for us: this waits until it is gone
             continue;
+        }
         broker_ = 0;
     }
 
     void send_by_peer(const std::vector<std::string> &events)
     {
-        for (const std::string &event : events)
+        for (const std::string &event : events) {
             EXPECT_EQ(ubus_send_event(peer_.get(), event.c_str(), message(event).head), 0);
+        }
     }
 
     bool is_published(const char *name)
@@ -156,8 +162,9 @@ TEST_F(BusWrapper, DeliversRecordsByPatternUntilUnregistered)
     connect();
     Listener listener;
     Listener other;
-    for (const char *pattern : {"110", "lan*", "110"})
+    for (const char *pattern : {"110", "lan*", "110"}) {
         EXPECT_EQ(lib_zk_ubus_register_event_handler(ctx_, &listener, pattern), 0);
+    }
     EXPECT_EQ(lib_zk_ubus_register_event_handler(ctx_, &other, "last"), 0);
     send_by_peer({"110", "111", "lanhost_event", "110"});
     ASSERT_TRUE(run_until([&] { return listener.records.size() >= 3; }));
@@ -177,14 +184,16 @@ TEST_F(BusWrapper, EventsArriveAllAndInOrder)
     constexpr size_t EVENTS = 1000; // more than may be unconfirmed, and an end right after
     for (size_t i = 0; i < EVENTS; i++) {
         EXPECT_EQ(lib_zk_ubus_send_event(ctx_, "event", message(std::to_string(i))), 0);
-        if (i % 100 == 0)
+        if (i % 100 == 0) {
             uloop_run_timeout(0);
+        }
     }
     EXPECT_EQ(lib_zk_ubus_exit(ctx_), 0);
     ctx_ = nullptr;
     ASSERT_TRUE(run_until([&] { return listener.records.size() >= EVENTS; }));
-    for (size_t i = 0; i < EVENTS; i++)
+    for (size_t i = 0; i < EVENTS; i++) {
         EXPECT_EQ(listener.records[i], std::to_string(i));
+    }
 }
 
 TEST_F(BusWrapper, AnotherThreadMayCallWhileTheLoopRuns)
@@ -198,16 +207,18 @@ TEST_F(BusWrapper, AnotherThreadMayCallWhileTheLoopRuns)
         blob_buf own{};
         blob_buf_init(&own, 0);
         lib_zk_blobmsg_add_struct(&own, "record", "x", 1);
-        for (int i = 0; i < 200; i++)
+        for (int i = 0; i < 200; i++) {
             EXPECT_EQ(lib_zk_ubus_send_event(ctx_, "event", own), expected);
+        }
         EXPECT_EQ(lib_zk_ubus_call_method(ctx_, "nobody", "wait", own, nullptr, nullptr, 0),
                   expected == 0 ? UBUS_STATUS_NOT_FOUND : expected);
         blob_buf_free(&own);
     };
     on_another_thread([&] { send_some(UBUS_STATUS_CONNECTION_FAILED); }).join(); // nobody would do it
     std::thread worker = on_another_thread([&] {
-        while (lib_zk_ubus_send_event(ctx_, "nothing", {}) == UBUS_STATUS_CONNECTION_FAILED)
+        while (lib_zk_ubus_send_event(ctx_, "nothing", {}) == UBUS_STATUS_CONNECTION_FAILED) {
             usleep(1000); // until the loop runs
+        }
         send_some(UBUS_STATUS_OK);
         kill(getpid(), SIGTERM);
     });
@@ -232,8 +243,9 @@ TEST_F(BusWrapper, ComesBackWhenTheBrokerDoes)
     Listener listener;
     auto gone = std::make_unique<Listener>();
     ASSERT_EQ(lib_zk_ubus_add_object(ctx_, &object_), 0);
-    for (const char *pattern : {"one", "two.*"})
+    for (const char *pattern : {"one", "two.*"}) {
         ASSERT_EQ(lib_zk_ubus_register_event_handler(ctx_, &listener, pattern), 0);
+    }
     ASSERT_EQ(lib_zk_ubus_register_event_handler(ctx_, gone.get(), "*"), 0);
 
     for (int round = 0; round < 2; round++) {
@@ -299,8 +311,9 @@ TEST_F(BusWrapper, LoopLeavesSignalsAloneAndEndsBySignal)
     connect();
     uloop_timeout timer{};
     timer.cb = [](uloop_timeout *expired) {
-        for (int signo : {SIGCHLD, SIGPIPE, SIGHUP})
+        for (int signo : {SIGCHLD, SIGPIPE, SIGHUP}) {
             EXPECT_EQ(signal(signo, SIG_IGN), SIG_IGN) << signo;
+        }
         expired->cb = nullptr;
         raise(SIGTERM);
     };

@@ -54,8 +54,9 @@ int set_all(const std::vector<std::string> &paths, const std::string &value)
 {
     void *session = nullptr;
     EXPECT_EQ(zkapi_multinode_sessioncreate(&session, OBJ_SET_NO_OP, 5000), 0);
-    for (const std::string &path : paths)
+    for (const std::string &path : paths) {
         zkapi_multinode_sessionprepare(session, path.c_str(), const_cast<char *>(value.c_str()));
+    }
     int result = zkapi_multinode_sessionprocess(session);
     EXPECT_EQ(zkapi_multinode_sessiondestroy(session), 0);
     return result;
@@ -64,8 +65,9 @@ int set_all(const std::vector<std::string> &paths, const std::string &value)
 pid_t in_child(const std::function<int()> &act)
 {
     pid_t child = fork();
-    if (child == 0)
+    if (child == 0) {
         _exit(act());
+    }
     return child;
 }
 
@@ -163,11 +165,13 @@ TEST_F(Store, SaysWhatIsWrongWithARequest)
         EXPECT_EQ(set(c.path, std::string(128, 'x')), c.writing) << c.path;
     }
     EXPECT_EQ(add(HOSTS), -STORE_UNKNOWN_PATH);
-    for (int wrong : {3, 0, -1})
+    for (int wrong : {3, 0, -1}) {
         EXPECT_EQ(zkapi_obj_del(HOST.c_str(), wrong, DEVFUNC_NOCALL, 5000), STORE_NO_OBJECT);
+    }
     EXPECT_EQ(zkapi_obj_checkexist((HOST + "1.").c_str(), 5000), 1);
-    for (const std::string &gone : {HOST + "3.", HOST + "1", HOST, std::string("nonsense")})
+    for (const std::string &gone : {HOST + "3.", HOST + "1", HOST, std::string("nonsense")}) {
         EXPECT_EQ(zkapi_obj_checkexist(gone.c_str(), 5000), 0) << gone;
+    }
     void *session = nullptr;
     EXPECT_EQ(zkapi_multinode_sessioncreate(&session, OBJ_ADD, 5000), STORE_BAD_ARGUMENT);
     EXPECT_EQ(zkapi_multinode_sessionprocess(nullptr), STORE_BAD_ARGUMENT);
@@ -206,8 +210,9 @@ TEST_F(Store, BatchesAreWhole)
         ASSERT_EQ(zkapi_multinode_sessioncreate(&session, OBJ_GET, 5000), 0);
         zkapi_multinode_sessionprepare(session, NAME_1.c_str(), values[0].data());
         zkapi_multinode_sessionprepare(session, COUNT.c_str(), values[1].data());
-        if (!complete)
+        if (!complete) {
             zkapi_multinode_sessionprepare(session, (HOST + "3.HostName").c_str(), values[2].data());
+        }
         ASSERT_EQ(set(NAME_1, "read when processed"), 0);
         EXPECT_EQ(zkapi_multinode_sessionprocess(session), complete ? STORE_OK : STORE_NO_OBJECT);
         zkapi_multinode_sessiondestroy(session);
@@ -218,8 +223,9 @@ TEST_F(Store, BatchesAreWhole)
 
 TEST_F(Store, ListsSubtrees)
 {
-    for (int i = 3; i <= 11; i++)
+    for (int i = 3; i <= 11; i++) {
         add(HOST);
+    }
     StoreListing listing;
     EXPECT_EQ(store_list(HOST + "x", listing, 5000), STORE_UNKNOWN_PATH);
     EXPECT_EQ(store_list(HOST + "12.", listing, 5000), STORE_NO_OBJECT);
@@ -278,8 +284,9 @@ TEST_F(Store, WaitsForTheLockAsLongAsItIsTold)
     stranger.run("BEGIN IMMEDIATE");
     EXPECT_EQ(get(NAME_1), "");                          // reading does not wait
     EXPECT_EQ(set(NAME_1, "", NO_BLOCK_LOCK), STORE_OK); // nor does writing what is there
-    for (int wait : std::initializer_list<int>{NO_BLOCK_LOCK, NO_NEED_LOCK, 30})
+    for (int wait : std::initializer_list<int>{NO_BLOCK_LOCK, NO_NEED_LOCK, 30}) {
         EXPECT_EQ(set(NAME_1, "1", wait), STORE_LOCKED);
+    }
 
     std::atomic<bool> released = false;
     std::vector<std::thread> writers;
@@ -292,8 +299,9 @@ TEST_F(Store, WaitsForTheLockAsLongAsItIsTold)
     usleep(50'000);
     released = true;
     stranger.run("COMMIT");
-    for (std::thread &writer : writers)
+    for (std::thread &writer : writers) {
         writer.join();
+    }
 }
 
 TEST_F(Store, ManyProcessesAndThreadsBeginAtOnce)
@@ -309,8 +317,9 @@ TEST_F(Store, ManyProcessesAndThreadsBeginAtOnce)
                 for (int k = 0; k < ADDS; k++) {
                     int instance = add(HOST);
                     std::string path = HOST + std::to_string(instance) + ".HostName";
-                    if (instance < 1 || set(path, path, ALL_BLOCK_LOCK) != 0 || get(path) != path)
+                    if (instance < 1 || set(path, path, ALL_BLOCK_LOCK) != 0 || get(path) != path) {
                         failures++;
+                    }
                 }
             };
             std::thread other(add_some);
@@ -319,8 +328,9 @@ TEST_F(Store, ManyProcessesAndThreadsBeginAtOnce)
             return failures.load();
         });
     }
-    for (pid_t child : children)
+    for (pid_t child : children) {
         EXPECT_EQ(exit_code(child), 0);
+    }
     EXPECT_EQ(get(COUNT), std::to_string(PROCESSES * 2 * ADDS));
 }
 
@@ -330,12 +340,14 @@ TEST_F(Store, AKilledWriterLeavesWholeBatches)
     for (unsigned int round = 0; round < 15; round++) {
         const std::string mark = std::to_string(round) + ".";
         pid_t child = in_child([&] {
-            for (int i = 0; set_all(paths, mark + std::to_string(i)) == 0; i++)
+            for (int i = 0; set_all(paths, mark + std::to_string(i)) == 0; i++) {
                 continue;
+            }
             return 1;
         });
-        while (!get(NAME_1).starts_with(mark))
+        while (!get(NAME_1).starts_with(mark)) {
             usleep(100);
+        }
         usleep(300 * round);
         kill(child, SIGKILL);
         EXPECT_EQ(exit_code(child), -SIGKILL);
@@ -387,8 +399,9 @@ TEST_F(Store, AFileThatIsNoStoreIsAnError)
 
 TEST_F(Store, DamageInTheFileIsAnErrorOrHarmless)
 {
-    for (int i = 3; i <= 30; i++)
+    for (int i = 3; i <= 30; i++) {
         add(HOST);
+    }
     store_close();
     std::ifstream file(file_, std::ios::binary);
     const std::string whole((std::istreambuf_iterator<char>(file)), {});

@@ -21,10 +21,11 @@ std::string logged(const char *level, const std::function<void()> &act)
     EXPECT_EQ(pipe(ends), 0);
     pid_t child = fork();
     if (child == 0) {
-        if (level == nullptr)
+        if (level == nullptr) {
             unsetenv("OVANI_LOG_LEVEL");
-        else
+        } else {
             setenv("OVANI_LOG_LEVEL", level, 1);
+        }
         dup2(ends[1], STDERR_FILENO);
         close(ends[0]);
         act();
@@ -33,8 +34,9 @@ std::string logged(const char *level, const std::function<void()> &act)
     close(ends[1]);
     std::string output;
     char part[512];
-    for (ssize_t n = 0; (n = read(ends[0], part, sizeof part)) > 0;)
+    for (ssize_t n = 0; (n = read(ends[0], part, sizeof part)) > 0;) {
         output.append(part, static_cast<size_t>(n));
+    }
     close(ends[0]);
     waitpid(child, nullptr, 0);
     return output;
@@ -47,12 +49,14 @@ TEST(Log, LetsThroughUpToTheLevelAskedFor)
         {"Warning", "01234"}, {"8", "0123"}, {"xx", "0123"},    {"", "0123"}};
     for (const auto &[level, expected] : cases) {
         std::string output = logged(level, [] {
-            for (int each = VELM_LOG_EMERG; each <= VELM_LOG_MAX; each++)
+            for (int each = VELM_LOG_EMERG; each <= VELM_LOG_MAX; each++) {
                 zk_mod_log_printf("m", each, "<%d>", each);
+            }
         });
         std::string passed;
-        for (size_t at = 0; (at = output.find('<', at)) != std::string::npos; at++)
+        for (size_t at = 0; (at = output.find('<', at)) != std::string::npos; at++) {
             passed += output[at + 1];
+        }
         EXPECT_EQ(passed, expected) << (level == nullptr ? "unset" : level);
     }
 }
@@ -86,8 +90,9 @@ TEST(Log, LinesOfTwoThreadsDoNotMix)
 {
     std::string output = logged("7", [] {
         auto write_lines = [](const char *text) {
-            for (int i = 0; i < 300; i++)
+            for (int i = 0; i < 300; i++) {
                 zk_mod_log_printf("m", VELM_LOG_INFO, "%s", text);
+            }
         };
         std::thread other(write_lines, "<aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa>");
         write_lines("<bbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbb>");
