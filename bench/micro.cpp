@@ -43,16 +43,18 @@ void handle_dhcp(BenchHost host)
 void have_hosts(unsigned hosts)
 {
     static unsigned present;
-    if (hosts == present)
+    if (hosts == present) {
         return;
+    }
     present = hosts;
     store_close();
     setenv("OVANI_STORE", directory->file(std::to_string(hosts) + ".db").c_str(), 1);
     ovani_mac_table_init();
     ovani_hostmgr_init();
     for (unsigned number = 0; number < hosts; number++) {
-        for (auto *handle : {handle_mac, handle_arp, handle_dhcp})
+        for (auto *handle : {handle_mac, handle_arp, handle_dhcp}) {
             handle({number, 0});
+        }
     }
 }
 
@@ -74,8 +76,9 @@ void run_handler(benchmark::State &state, const Handler &handler)
 {
     auto hosts = static_cast<unsigned>(state.range(0));
     have_hosts(hosts);
-    if (s_hostnumberofentries != hosts)
+    if (s_hostnumberofentries != hosts) {
         state.SkipWithError("the hosts are not there");
+    }
     for (unsigned n = 0; state.KeepRunning(); n++) {
         handler.handle({.number = n % hosts, .variant = handler.changing ? n / hosts % 2 : 0});
     }
@@ -97,8 +100,9 @@ struct Values {
     explicit Values(size_t changing)
     {
         for (size_t set = 0; set < 2; set++) {
-            for (size_t i = 0; i < COUNT; i++)
+            for (size_t i = 0; i < COUNT; i++) {
                 snprintf(text[set][i], sizeof text[set][i], "value-%u", i < changing && set == 1);
+            }
         }
     }
 };
@@ -125,10 +129,12 @@ void write_store(benchmark::State &state)
     Values values(static_cast<size_t>(state.range(0)));
     for (unsigned n = 0; state.KeepRunning(); n++) {
         tConfigMap map[COUNT + 1] = {};
-        for (size_t i = 0; i < COUNT; i++)
+        for (size_t i = 0; i < COUNT; i++) {
             map[i] = {PARAMETERS[i], values.text[set_of(n)][i]};
-        if (write_multi_config_to_xml(map, object_path(host_of(n)).c_str()) != 0)
+        }
+        if (write_multi_config_to_xml(map, object_path(host_of(n)).c_str()) != 0) {
             state.SkipWithError("cannot write");
+        }
     }
 }
 
@@ -145,8 +151,9 @@ void read_store(benchmark::State &state)
                             {"LatestActiveTime", values[3]},
                             {}};
         if (zkapi_obj_checkexist(path.c_str(), 1000) != 1 ||
-            load_multi_config_from_xml(map, path.c_str()) != 0)
+            load_multi_config_from_xml(map, path.c_str()) != 0) {
             state.SkipWithError("cannot read");
+        }
     }
 }
 
@@ -164,8 +171,9 @@ public:
         sqlite3_open(directory->file("plain.db").c_str(), &db_);
         execute("PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL");
         execute("DROP TABLE IF EXISTS host; CREATE TABLE host (id INTEGER PRIMARY KEY, " + columns + ")");
-        for (unsigned host = 1; host <= MAX_HOSTS; host++)
+        for (unsigned host = 1; host <= MAX_HOSTS; host++) {
             execute("INSERT INTO host VALUES (" + std::to_string(host) + ", " + places + ")");
+        }
         prepare("BEGIN IMMEDIATE", begin);
         prepare("UPDATE host SET " + assignments + " WHERE id = ?", update);
         prepare("COMMIT", commit);
@@ -175,8 +183,9 @@ public:
     PlainSqlite &operator=(const PlainSqlite &) = delete;
     ~PlainSqlite()
     {
-        for (sqlite3_stmt *statement : {begin, update, commit, select})
+        for (sqlite3_stmt *statement : {begin, update, commit, select}) {
             sqlite3_finalize(statement);
+        }
         sqlite3_close(db_);
     }
 
@@ -203,12 +212,14 @@ void write_plain(benchmark::State &state)
     PlainSqlite plain;
     Values values(static_cast<size_t>(state.range(0)));
     for (unsigned n = 0; state.KeepRunning(); n++) {
-        for (int i = 0; i < static_cast<int>(COUNT); i++)
+        for (int i = 0; i < static_cast<int>(COUNT); i++) {
             sqlite3_bind_text(plain.update, i + 1, values.text[set_of(n)][i], -1, SQLITE_STATIC);
+        }
         sqlite3_bind_int(plain.update, static_cast<int>(COUNT) + 1, static_cast<int>(host_of(n)));
         for (sqlite3_stmt *statement : {plain.begin, plain.update, plain.commit}) {
-            if (PlainSqlite::run(statement) != SQLITE_OK)
+            if (PlainSqlite::run(statement) != SQLITE_OK) {
                 state.SkipWithError("cannot write");
+            }
         }
     }
 }
@@ -219,10 +230,12 @@ void read_plain(benchmark::State &state)
     char values[4][256];
     for (unsigned n = 0; state.KeepRunning(); n++) {
         sqlite3_bind_int(plain.select, 1, static_cast<int>(host_of(n)));
-        if (sqlite3_step(plain.select) != SQLITE_ROW)
+        if (sqlite3_step(plain.select) != SQLITE_ROW) {
             state.SkipWithError("cannot read");
-        for (int i = 0; i < 4; i++)
+        }
+        for (int i = 0; i < 4; i++) {
             copy_text(values[i], reinterpret_cast<const char *>(sqlite3_column_text(plain.select, i)));
+        }
         sqlite3_reset(plain.select);
     }
 }
