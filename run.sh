@@ -10,6 +10,7 @@ usage: ./run.sh [OPTION]...
   --once            without a terminal: wait until all four devices are there and right, print them, unplug one,
                     see it retired, print them again; exit 0, or 1 with the reason and the end of the log
   --carrier NAME    operator profile: ct (China Telecom; a host that leaves is deleted), cm or cu (it stays, inactive)
+  --patience SECS   how long --once waits for a device to become what it should be (30)
   --build DIR       use the programs built there instead of building
   -h, --help        this text
 
@@ -18,15 +19,15 @@ USAGE
 }
 
 cd "$(dirname "$(realpath "$0")")"
-readonly PATIENCE=30 # seconds a device may take to become what it should be
 readonly HOSTS=InternetGatewayDevice.LANDevice.1.Hosts.Host.
 once=false
 carrier=ct
+patience=30
 build=""
 while (($#)); do
     case $1 in
     --once) once=true ;;
-    --carrier | --build)
+    --carrier | --patience | --build)
         (($# > 1)) || { echo "run.sh: $1 needs a value" >&2 && exit 2; }
         declare "${1#--}=$2"
         shift
@@ -45,31 +46,31 @@ if [[ -z $build ]]; then
     build=build/run
     tools/install-packages.sh run
     say "building"
-    cmake --preset release -B "$build" -DOVANI_TESTS=OFF -DOVANI_BENCH=OFF >"${TMPDIR:-/tmp}/ovani-cmake.$$" || {
-        cat "${TMPDIR:-/tmp}/ovani-cmake.$$" >&2
-        rm -f "${TMPDIR:-/tmp}/ovani-cmake.$$"
+    configured=$(cmake --preset release -B "$build" -DOVANI_TESTS=OFF -DOVANI_BENCH=OFF 2>&1) || {
+        echo "$configured" >&2
         exit 1
     }
-    rm -f "${TMPDIR:-/tmp}/ovani-cmake.$$"
     cmake --build "$build" --target gateway
 fi
 
 # The gateway that `tools/gateway exec` finds by itself, unless there is one already or this is but a check.
-export OVANI_GATEWAY=/run/ovani-gateway
+export OVANI_GATEWAY=${OVANI_GATEWAY:-/run/ovani-gateway}
 if $once || [[ -e $OVANI_GATEWAY ]]; then
     OVANI_GATEWAY+=.$$
 fi
 
-plugger=""
 come_down() {
-    local status=$?
+    local status=$? job
     trap - EXIT
     trap '' INT TERM HUP
-    [[ -z $plugger ]] || kill "$plugger" 2>/dev/null || true
+    for job in $(jobs -p); do
+        kill "$job" 2>/dev/null || true
+        wait "$job" || true # the live table gives the terminal back
+    done
     if ((status != 0)) && [[ -d $OVANI_GATEWAY/log ]] && $once; then
         tools/gateway logs >&2 || true
     fi
-    tools/gateway down 2>/dev/null || rm -rf "$OVANI_GATEWAY"
+    tools/gateway down 2>/dev/null || true
     exit "$status"
 }
 trap come_down EXIT
@@ -134,7 +135,7 @@ is_retired() {
 
 # eventually COMMAND...: until it succeeds, or prints what it said last.
 eventually() {
-    local end=$((SECONDS + PATIENCE)) said
+    local end=$((SECONDS + patience)) said
     until said=$("$@"); do
         ((SECONDS < end)) || { echo "$said" >&2 && return 1; }
         sleep 0.1
@@ -164,11 +165,15 @@ tools/gateway up --build "$build" --carrier "$carrier" --owner $$
 if $once; then
     check || { say "not as it should be" >&2 && exit 1; }
 else
-    plug_all 1.5 >>"$OVANI_GATEWAY/log/plug.log" 2>&1 &
-    plugger=$!
     note="Ctrl-C takes the gateway down. From another terminal: tools/gateway unplug phone, tools/gateway --help"
     [[ $OVANI_GATEWAY == /run/ovani-gateway ]] || note+=" (export OVANI_GATEWAY=$OVANI_GATEWAY first)"
-    trap : INT # ends the view, not this script
-    tools/gateway exec ovanictl hosts --watch --events --note "$note"
+    plug_all 1.5 >>"$OVANI_GATEWAY/log/plug.log" 2>&1 &
+    # In the background, so that a signal is heeded at once; Ctrl-C is for the table, and it ends with it.
+    tools/gateway exec ovanictl hosts --watch --events --note "$note" &
+    viewer=$!
+    trap : INT
+    while kill -0 $viewer 2>/dev/null; do
+        wait $viewer || true
+    done
     echo "The gateway is taken down."
 fi

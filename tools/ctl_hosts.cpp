@@ -249,7 +249,7 @@ private:
         int instance = 0; // of the host it is about, where it names one
     };
     std::deque<Happening> events_; // newest last
-    std::vector<Row> printed_;
+    std::optional<std::vector<Row>> printed_;
 };
 
 HostsView::HostsView(const HostsCommand &command, const std::string &socket) : command_(command), bus_(socket)

@@ -7,8 +7,8 @@
 set -euo pipefail
 
 declare -A groups=(
-    [run]="g++ cmake ninja-build pkg-config nlohmann-json3-dev libsqlite3-dev libmnl-dev libcli11-dev
-           iproute2 util-linux mawk busybox udhcpc dnsmasq-base"
+    [run]="g++ cmake ninja-build nlohmann-json3-dev libsqlite3-dev libmnl-dev libcli11-dev
+           iproute2 util-linux mawk udhcpc dnsmasq-base"
     [test]="googletest python3 clang-format shellcheck
             g++-arm-linux-gnueabihf qemu-user"
     [bench]="libbenchmark-dev"

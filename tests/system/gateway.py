@@ -55,7 +55,13 @@ class Gateway:
         self("up", *arguments)
 
     def close(self):
+        """Ends every service as a gateway's shutdown does; a sanitizer that had something to say fails the test."""
+        for service in ("daemon", "watcher", "sysmgr", "broker"):
+            self("stop", service, check=False)
+        complaints = [line for line in self("logs", "", "1000").splitlines()
+                      if "Sanitizer" in line or "runtime error:" in line]
         self("down")
+        assert not complaints, complaints
 
     def __call__(self, *arguments, check=True, text=True):
         """Runs a command of tools/gateway and returns its output."""
@@ -116,7 +122,10 @@ class Gateway:
             raise AssertionError(f"{error}; the host: {host}\n{self.logs()}") from None
 
     def host_gone(self, address):
-        wait_for(lambda: self.host(address) is None, f"{address} to be retired")
+        try:
+            wait_for(lambda: self.host(address) is None, f"{address} to be retired")
+        except AssertionError as error:
+            raise AssertionError(f"{error}\n{self.logs()}") from None
 
     def get(self, path):
         return self.ctl("get", path).rstrip("\n")
@@ -154,7 +163,8 @@ class Recorder:
         self.gateway = gateway
         self.events = []
         self.connections = 0
-        self.process = gateway.start_inside("ovanictl", "events", "--json", *patterns, *(["test.mark"] if patterns else []))
+        marked = [*patterns, "test.mark"] if patterns else []
+        self.process = gateway.start_inside("ovanictl", "events", "--json", *marked)
         self.threads = [threading.Thread(target=self._read_events), threading.Thread(target=self._read_messages)]
         for thread in self.threads:
             thread.start()

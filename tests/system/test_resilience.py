@@ -63,11 +63,14 @@ class Restarts(unittest.TestCase):
         before = gw.host_with(mac(2), HostName="desktop", AddressSource="DHCP")
         daemon = gw.pid("daemon")
 
+        gw.exec("kill", "-STOP", daemon)  # it will be the last to come back
         gw("kill", "broker")
         gw("unplug", "printer")  # while nobody can be told
         gw("plug", "3", "late", "--mac", mac(3), "static", "192.168.1.13")
         self.assertIsNotNone(gw.host(mac(1)))
         gw("start", "broker")
+        wait_for(lambda: gw.log("watcher").endswith("on the bus\nno daemon on the bus\n"), "the watcher to be back")
+        gw.exec("kill", "-CONT", daemon)
 
         gw.host_gone(mac(1))
         gw.host_with(mac(3), IPAddress="192.168.1.13", Port="3")
@@ -78,7 +81,6 @@ class Restarts(unittest.TestCase):
                          [before[k] for k in ("instance", "HostName", "AddressSource", "LatestActiveTime")])
         self.assertEqual(gw.pid("daemon"), daemon)
         with gw.recording("lanhost_param_change") as recorder:
-            gw("renew", "desktop")
             gw.emit("dhcp", "add", after["IPAddress"], mac(2), "--name", "renamed")
             recorder.wait(instance=after["instance"])
         gw.host_with(mac(2), HostName="renamed")

@@ -1,0 +1,105 @@
+"""run.sh, and that a simulated gateway leaves nothing behind."""
+
+import glob
+import os
+import signal
+import subprocess
+import tempfile
+import unittest
+
+from gateway import BUILD, GATEWAY, GBK_NAME, ROOT, Gateway, setUpModule, wait_for  # noqa: F401
+
+
+def traces(state):
+    """Processes that have to do with a gateway, and its files."""
+    found = [state] if os.path.exists(state) else []
+    for process in glob.glob("/proc/[0-9]*"):
+        if process == f"/proc/{os.getpid()}":
+            continue
+        for file in ("cmdline", "environ"):
+            try:
+                with open(f"{process}/{file}", "rb") as content:
+                    if state.encode() in content.read():
+                        found.append(process)
+            except OSError:
+                pass  # it has ended
+    return found
+
+
+class Run(unittest.TestCase):
+    def start(self, *options, build=BUILD):
+        self.state = os.path.join(tempfile.gettempdir(), f"ovani-run-test.{os.getpid()}")
+        options = [os.path.join(ROOT, "run.sh"), "--build", build, *options]
+        return subprocess.Popen(options, text=True, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                stderr=subprocess.STDOUT, start_new_session=True,
+                                env=os.environ | {"OVANI_GATEWAY": self.state})
+
+    def nothing_left(self):
+        wait_for(lambda: not traces(self.state), "everything to be gone")
+
+    def test_once(self):
+        for carrier, tables in (("ct", (4, 3)), ("cm", (4, 4))):
+            with self.subTest(carrier=carrier):
+                run = self.start("--once", "--carrier", carrier)
+                output = run.communicate(timeout=120)[0]
+                self.assertEqual(run.returncode, 0, output)
+                shown = [len([line for line in table.splitlines() if "02:00:00:00:01:" in line])
+                         for table in output.split("NAME ")[1:]]
+                self.assertEqual(tuple(shown), tables, output)
+                self.assertIn(GBK_NAME, output)
+                self.nothing_left()
+
+    def test_once_says_what_is_wrong(self):
+        with tempfile.TemporaryDirectory() as build:
+            os.mkdir(build + "/bin")
+            for program in os.listdir(BUILD + "/bin"):
+                target = "/bin/false" if program == "ovani" else os.path.realpath(f"{BUILD}/bin/{program}")
+                os.symlink(target, f"{build}/bin/{program}")
+            run = self.start("--once", "--patience", "1", build=build)
+            output = run.communicate(timeout=120)[0]
+        self.assertEqual(run.returncode, 1, output)
+        self.assertIn("expected, there is: no such host", output)
+        self.assertIn("DHCPACK", output, "the end of the log")
+        self.nothing_left()
+
+    def test_interrupted_and_killed(self):
+        for how, status in ((signal.SIGINT, 0), (signal.SIGTERM, 143), (signal.SIGKILL, -9)):
+            with self.subTest(signal=how):
+                run = self.start()
+                while "192.168.1.10" not in run.stdout.readline():
+                    self.assertIsNone(run.poll())
+                if how == signal.SIGINT:
+                    os.killpg(run.pid, how)  # as a terminal does
+                else:
+                    run.send_signal(how)
+                run.communicate(timeout=60)
+                self.assertEqual(run.returncode, status)
+                self.nothing_left()
+
+    def test_a_gateway_ends_with_its_owner(self):
+        owner = subprocess.Popen(["sleep", "infinity"])
+        gateway = Gateway.__new__(Gateway)
+        gateway.state = self.state = tempfile.mkdtemp(prefix="ovani-test.")
+        try:
+            gateway("up", "--build", BUILD, "--owner", str(owner.pid))
+            gateway("plug", "1", "device", "static", "192.168.1.10")
+            self.assertIn("LAN1     device", gateway("status"))
+        finally:
+            owner.kill()
+            owner.wait()
+        self.nothing_left()
+        refused = subprocess.run([GATEWAY, "-s", self.state, "status"], capture_output=True, text=True)
+        self.assertEqual(refused.returncode, 1)
+
+    def test_a_directory_of_somebody_else_is_left_alone(self):
+        with tempfile.TemporaryDirectory() as directory:
+            with open(directory + "/config", "w", encoding="ascii") as file:
+                file.write("mine")
+            for command in (["up", "--build", BUILD], ["down"]):
+                done = subprocess.run([GATEWAY, "-s", directory, *command], capture_output=True, text=True)
+                self.assertEqual(done.returncode, 1, done)
+            self.assertEqual(os.listdir(directory), ["config"])
+
+
+if __name__ == "__main__":
+    unittest.main()
