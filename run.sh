@@ -9,7 +9,7 @@ usage: ./run.sh [OPTION]...
 
   --once            without a terminal: wait until all four devices are there and right, print them, unplug one,
                     see it retired, print them again; exit 0, or 1 with the reason and the end of the log
-  --carrier NAME    operator profile: ct (China Telecom; a host that leaves is deleted), cm or cu (it stays, inactive)
+  --operator NAME   operator profile: ct (a host that leaves is deleted), cm or cu (it stays, inactive)
   --patience SECS   how long --once waits for a device to become what it should be (30)
   --build DIR       use the programs built there instead of building
   -h, --help        this text
@@ -21,13 +21,13 @@ USAGE
 cd "$(dirname "$(realpath "$0")")"
 readonly HOSTS=InternetGatewayDevice.LANDevice.1.Hosts.Host.
 once=false
-carrier=ct
+operator=ct
 patience=30
 build=""
 while (($#)); do
     case $1 in
     --once) once=true ;;
-    --carrier | --patience | --build)
+    --operator | --patience | --build)
         (($# > 1)) || { echo "run.sh: $1 needs a value" >&2 && exit 2; }
         declare "${1#--}=$2"
         shift
@@ -37,7 +37,7 @@ while (($#)); do
     esac
     shift
 done
-[[ $carrier =~ ^(ct|cm|cu)$ ]] || { echo "run.sh: there are the carriers ct, cm and cu" >&2 && exit 2; }
+[[ $operator =~ ^(ct|cm|cu)$ ]] || { echo "run.sh: there are the operators ct, cm and cu" >&2 && exit 2; }
 [[ $(id -u) == 0 ]] || { echo "run.sh: please run me as root" >&2 && exit 1; }
 
 say() { echo "run.sh: $*"; }
@@ -126,7 +126,7 @@ is_right() {
 is_retired() {
     local parameters
     parameters=$(host_parameters "$1")
-    if [[ $carrier == ct ]]; then
+    if [[ $operator == ct ]]; then
         [[ -z $parameters ]] || { echo "$1: still there" && return 1; }
     else
         grep -qx Active=0 <<<"$parameters" || { echo "$1: not inactive" && return 1; }
@@ -161,7 +161,7 @@ check() {
 }
 
 say "raising the gateway"
-tools/gateway up --build "$build" --carrier "$carrier" --owner $$
+tools/gateway up --build "$build" --operator "$operator" --owner $$
 if $once; then
     check || { say "not as it should be" >&2 && exit 1; }
 else

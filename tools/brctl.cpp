@@ -28,14 +28,17 @@ int show_macs(const char *bridge_name)
     std::map<int, Link> links;
     const bool got_links = netlink_dump(RTM_GETLINK, AF_UNSPEC, [&](const nlmsghdr *message) {
         const auto link = parse_link(message);
-        if (!link)
+        if (!link) {
             return;
+        }
         links[link->index] = *link;
-        if (link->is_bridge && link->name == bridge_name)
+        if (link->is_bridge && link->name == bridge_name) {
             bridge = link->index;
+        }
     });
-    if (got_links && bridge == 0)
+    if (got_links && bridge == 0) {
         errno = ENODEV;
+    }
     if (bridge == 0) {
         fprintf(stderr, "bridge %s: %s\n", bridge_name, strerror(errno));
         return 1;
@@ -44,8 +47,9 @@ int show_macs(const char *bridge_name)
     std::vector<Row> rows;
     const bool got_fdb = netlink_dump(RTM_GETNEIGH, AF_BRIDGE, [&](const nlmsghdr *message) {
         const auto entry = parse_neighbour(message);
-        if (!entry || entry->own || !entry->mac || entry->bridge != bridge || entry->ifindex == bridge)
+        if (!entry || entry->own || !entry->mac || entry->bridge != bridge || entry->ifindex == bridge) {
             return;
+        }
         rows.push_back({*entry->mac, links[entry->ifindex], (entry->state & NUD_PERMANENT) != 0, entry->age});
     });
     if (!got_fdb) {
@@ -68,8 +72,9 @@ int show_macs(const char *bridge_name)
 
 int main(int argc, char **argv)
 {
-    if (argc == 3 && strcmp(argv[1], "showmacs") == 0)
+    if (argc == 3 && strcmp(argv[1], "showmacs") == 0) {
         return show_macs(argv[2]);
+    }
     fprintf(stderr, "usage: brctl showmacs BRIDGE\n");
     return 1;
 }

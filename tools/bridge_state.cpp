@@ -31,44 +31,54 @@ bool BridgeTracker::listen(int receive_buffer)
 void BridgeTracker::follow()
 {
     const bool complete = kernel_->receive([this](const nlmsghdr *message) {
-        if (in_step_)
+        if (in_step_) {
             take(message);
+        }
     });
-    if (!complete)
+    if (!complete) {
         fprintf(stderr, "kernel notifications lost\n");
+    }
     in_step_ = in_step_ && complete;
 }
 
 bool BridgeTracker::read_anew()
 {
     // What waits in the socket is older than the dumps; what comes from here on may be newer and is followed.
-    if (!kernel_->receive([](const nlmsghdr *) {}))
+    if (!kernel_->receive([](const nlmsghdr *) {})) {
         return false;
+    }
     BridgeState state;
     std::map<int, Link> links;
     const bool got_links = netlink_dump(RTM_GETLINK, AF_UNSPEC, [&](const nlmsghdr *message) {
         const auto link = parse_link(message);
-        if (!link)
+        if (!link) {
             return;
+        }
         links[link->index] = *link;
-        if (link->is_bridge && link->name == name_)
+        if (link->is_bridge && link->name == name_) {
             state.bridge = link->index;
+        }
     });
-    for (const auto &[index, link] : links)
-        if (state.bridge != 0 && link.bridge == state.bridge)
+    for (const auto &[index, link] : links) {
+        if (state.bridge != 0 && link.bridge == state.bridge) {
             state.ports[index] = {link.name, link.carrier};
+        }
+    }
     const bool got_fdb = netlink_dump(RTM_GETNEIGH, AF_BRIDGE, [&](const nlmsghdr *message) {
         const auto entry = parse_neighbour(message);
-        if (entry && is_station(*entry, state.bridge) && state.ports.contains(entry->ifindex))
+        if (entry && is_station(*entry, state.bridge) && state.ports.contains(entry->ifindex)) {
             state.fdb[{*entry->mac, entry->vlan}] = state.ports[entry->ifindex].name;
+        }
     });
     const bool got_neighbours = netlink_dump(RTM_GETNEIGH, AF_INET, [&](const nlmsghdr *message) {
         const auto entry = parse_neighbour(message);
-        if (entry && state.bridge != 0 && entry->ifindex == state.bridge && is_usable(*entry))
+        if (entry && state.bridge != 0 && entry->ifindex == state.bridge && is_usable(*entry)) {
             state.neighbours[entry->address->s_addr] = *entry->mac;
+        }
     });
-    if (!got_links || !got_fdb || !got_neighbours)
+    if (!got_links || !got_fdb || !got_neighbours) {
         return false;
+    }
     state_ = std::move(state);
     in_step_ = true;
     fprintf(stderr, "%s: %zu ports, %zu stations, %zu neighbours\n",
@@ -81,14 +91,16 @@ void BridgeTracker::take(const nlmsghdr *message)
 {
     const bool deleted = message->nlmsg_type == RTM_DELLINK || message->nlmsg_type == RTM_DELNEIGH;
     if (message->nlmsg_type == RTM_NEWLINK || message->nlmsg_type == RTM_DELLINK) {
-        if (const auto link = parse_link(message))
+        if (const auto link = parse_link(message)) {
             take_link(*link, deleted);
+        }
     } else if (message->nlmsg_type == RTM_NEWNEIGH || message->nlmsg_type == RTM_DELNEIGH) {
         const auto entry = parse_neighbour(message);
-        if (entry && is_station(*entry, state_.bridge))
+        if (entry && is_station(*entry, state_.bridge)) {
             take_fdb(*entry, deleted);
-        else if (entry && entry->address && entry->ifindex == state_.bridge)
+        } else if (entry && entry->address && entry->ifindex == state_.bridge) {
             take_neighbour(*entry, deleted);
+        }
     }
 }
 
@@ -100,30 +112,33 @@ void BridgeTracker::take_link(const Link &link, bool deleted)
     const bool is_known = known != state_.ports.end();
     const bool renamed = is_port && is_known && known->second.name != link.name;
     const bool bridge_changed = is_ours != (link.index == state_.bridge);
-    if (bridge_changed || renamed)
+    if (bridge_changed || renamed) {
         in_step_ = false;
-    else if (is_port)
+    } else if (is_port) {
         state_.ports[link.index] = {link.name, link.carrier};
-    else if (is_known)
+    } else if (is_known) {
         state_.ports.erase(known);
+    }
 }
 
 void BridgeTracker::take_fdb(const Neighbour &entry, bool deleted)
 {
     const FdbKey key{*entry.mac, entry.vlan};
     const auto port = state_.ports.find(entry.ifindex);
-    if (deleted)
+    if (deleted) {
         state_.fdb.erase(key);
-    else if (port != state_.ports.end())
+    } else if (port != state_.ports.end()) {
         state_.fdb[key] = port->second.name;
-    else
+    } else {
         in_step_ = false;
+    }
 }
 
 void BridgeTracker::take_neighbour(const Neighbour &entry, bool deleted)
 {
-    if (!deleted && is_usable(entry))
+    if (!deleted && is_usable(entry)) {
         state_.neighbours[entry.address->s_addr] = *entry.mac;
-    else
+    } else {
         state_.neighbours.erase(entry.address->s_addr);
+    }
 }

@@ -96,8 +96,9 @@ BridgeWatcher::BridgeWatcher(const std::string &bridge, const std::string &socke
 
 bool BridgeWatcher::listen(int receive_buffer)
 {
-    if (!tracker_.listen(receive_buffer))
+    if (!tracker_.listen(receive_buffer)) {
         return false;
+    }
     kernel_fd_.owner = this;
     kernel_fd_.fd = tracker_.fd();
     kernel_fd_.cb = [](uloop_fd *fd, unsigned) {
@@ -111,41 +112,48 @@ void BridgeWatcher::kernel_readable()
 {
     tracker_.follow();
     // To the loop an overrun is an error, after which it no longer waits for the descriptor.
-    if (kernel_fd_.error)
+    if (kernel_fd_.error) {
         uloop_fd_add(&kernel_fd_, ULOOP_READ);
-    if (tracker_.in_step())
+    }
+    if (tracker_.in_step()) {
         announce();
-    else if (!read_timer_.pending) // a burst without end does not put it off for ever
+    } else if (!read_timer_.pending) { // a burst without end does not put it off for ever
         uloop_timeout_set(&read_timer_, READ_DELAY_MS);
+    }
 }
 
 void BridgeWatcher::read_kernel()
 {
-    if (tracker_.read_anew())
+    if (tracker_.read_anew()) {
         announce();
-    else
+    } else {
         uloop_timeout_set(&read_timer_, RETRY_MS);
+    }
 }
 
 // The LAN ports among the bridge's ports.
 std::map<unsigned, bool> carriers_of(const BridgeState &state)
 {
     std::map<unsigned, bool> carriers;
-    for (const auto &[index, port] : state.ports)
-        if (const unsigned number = lan_port_of(port.name); number != 0)
+    for (const auto &[index, port] : state.ports) {
+        if (const unsigned number = lan_port_of(port.name); number != 0) {
             carriers[number] = port.carrier;
+        }
+    }
     return carriers;
 }
 
 void BridgeWatcher::announce()
 {
-    if (!bus_.context() || probing_ || !tracker_.in_step())
+    if (!bus_.context() || probing_ || !tracker_.in_step()) {
         return; // whoever ends that state announces
+    }
     const auto carriers = carriers_of(tracker_.state());
-    if (announce_gone(carriers) && announce_present(carriers))
+    if (announce_gone(carriers) && announce_present(carriers)) {
         repeat_ = false;
-    else
+    } else {
         uloop_timeout_set(&announce_timer_, RETRY_MS);
+    }
 }
 
 // Says of each entry that is no longer there that it is gone, and forgets it. False when that could not be
@@ -154,12 +162,13 @@ template <typename Map, typename IsThere, typename Say>
 bool forget_gone(Map &told, IsThere is_there, Say say_gone)
 {
     for (auto entry = told.begin(); entry != told.end();) {
-        if (is_there(entry->first, entry->second))
+        if (is_there(entry->first, entry->second)) {
             ++entry;
-        else if (say_gone(entry->first, entry->second))
+        } else if (say_gone(entry->first, entry->second)) {
             entry = told.erase(entry);
-        else
+        } else {
             return false;
+        }
     }
     return true;
 }
@@ -197,27 +206,33 @@ bool BridgeWatcher::announce_present(const std::map<unsigned, bool> &carriers)
         return !repeat_ && found != told.end() && found->second == value;
     };
     for (const auto &[number, carrier] : carriers) {
-        if (is_told(told_.carriers, number, carrier))
+        if (is_told(told_.carriers, number, carrier)) {
             continue;
-        if (!say(make_port_event(static_cast<uint8_t>(number), carrier)))
+        }
+        if (!say(make_port_event(static_cast<uint8_t>(number), carrier))) {
             return false;
+        }
         told_.carriers[number] = carrier;
     }
     const Mac *previous = nullptr;
     for (const auto &[key, port] : tracker_.state().fdb) {
         const bool again = previous && *previous == key.mac; // in another VLAN
         previous = &key.mac;
-        if (again || is_told(told_.stations, key.mac, port))
+        if (again || is_told(told_.stations, key.mac, port)) {
             continue;
-        if (!say(make_mac_event(true, key.mac, port, bridge_name_)))
+        }
+        if (!say(make_mac_event(true, key.mac, port, bridge_name_))) {
             return false;
+        }
         told_.stations[key.mac] = port;
     }
     for (const auto &[address, mac] : tracker_.state().neighbours) {
-        if (is_told(told_.neighbours, address, mac))
+        if (is_told(told_.neighbours, address, mac)) {
             continue;
-        if (!say(make_arp_event(true, in_addr{address}, mac, bridge_name_)))
+        }
+        if (!say(make_arp_event(true, in_addr{address}, mac, bridge_name_))) {
             return false;
+        }
         told_.neighbours[address] = mac;
     }
     return true;
@@ -226,8 +241,9 @@ bool BridgeWatcher::announce_present(const std::map<unsigned, bool> &carriers)
 void BridgeWatcher::bus_connected()
 {
     fprintf(stderr, "on the bus\n");
-    if (!bus_.subscribe("ubus.object.*"))
+    if (!bus_.subscribe("ubus.object.*")) {
         fprintf(stderr, "cannot watch the bus for the daemon\n");
+    }
     probe_daemon();
 }
 
@@ -236,10 +252,12 @@ void BridgeWatcher::bus_event(std::string_view event, blob_attr *msg)
     const blobmsg_policy policy = {"path", BLOBMSG_TYPE_STRING};
     blob_attr *path = nullptr;
     blobmsg_parse(&policy, 1, &path, blob_data(msg), static_cast<unsigned>(blob_len(msg)));
-    if (!path || strcmp(blobmsg_get_string(path), DAEMON_OBJECT) != 0)
+    if (!path || strcmp(blobmsg_get_string(path), DAEMON_OBJECT) != 0) {
         return;
-    if (event != "ubus.object.add" && event != "ubus.object.remove")
+    }
+    if (event != "ubus.object.add" && event != "ubus.object.remove") {
         return;
+    }
     daemon_left();
     uloop_timeout_set(&probe_timer_,
                       0); // not from here: a bus call inside a bus callback is answered out of turn
@@ -252,8 +270,9 @@ void BridgeWatcher::bus_event(std::string_view event, blob_attr *msg)
 void BridgeWatcher::probe_daemon()
 {
     stop_probing();
-    if (!bus_.context())
+    if (!bus_.context()) {
         return;
+    }
     uint32_t id = 0;
     if (ubus_lookup_id(bus_.context(), DAEMON_OBJECT, &id) != UBUS_STATUS_OK) {
         fprintf(stderr, "no daemon on the bus\n");
@@ -263,8 +282,10 @@ void BridgeWatcher::probe_daemon()
     uloop_timeout_set(&probe_timer_, PROBE_TIMEOUT_MS); // the object may be gone again before it answers
     const Message nothing;
     static_cast<ubus_request &>(probe_) = {};
-    if (ubus_invoke_async(bus_.context(), id, "are_you_listening", nothing.head(), &probe_) != UBUS_STATUS_OK)
+    if (ubus_invoke_async(bus_.context(), id, "are_you_listening", nothing.head(), &probe_) !=
+        UBUS_STATUS_OK) {
         return;
+    }
     probe_.owner = this;
     probe_.complete_cb = [](ubus_request *request, int status) {
         static_cast<Mine<ubus_request> *>(request)->owner->daemon_answered(status);
@@ -277,8 +298,9 @@ void BridgeWatcher::probe_daemon()
 void BridgeWatcher::daemon_answered(int status)
 {
     probe_.complete_cb = nullptr;
-    if (status == UBUS_STATUS_CONNECTION_FAILED)
+    if (status == UBUS_STATUS_CONNECTION_FAILED) {
         return; // the broker went, the daemon said nothing
+    }
     if (++answers_ < 2) {
         uloop_timeout_set(&probe_timer_, 0);
         return;
@@ -295,8 +317,9 @@ void BridgeWatcher::daemon_answered(int status)
 
 void BridgeWatcher::daemon_left()
 {
-    if (listening_)
+    if (listening_) {
         heard_ = told_;
+    }
     listening_ = false;
     answers_ = 0;
     stop_probing();
@@ -304,8 +327,9 @@ void BridgeWatcher::daemon_left()
 
 void BridgeWatcher::stop_probing()
 {
-    if (probe_.complete_cb)
+    if (probe_.complete_cb) {
         ubus_abort_request(bus_.context(), &probe_);
+    }
     probe_.complete_cb = nullptr;
     probing_ = false;
     uloop_timeout_cancel(&probe_timer_);

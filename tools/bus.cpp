@@ -41,9 +41,10 @@ Bus::~Bus()
 void Bus::start()
 {
     connect();
-    if (!ctx_)
+    if (!ctx_) {
         fprintf(stderr, "no broker at %s yet, waiting\n",
                 socket_.empty() ? BUS_DEFAULT_SOCKET : socket_.c_str());
+    }
 }
 
 void Bus::connect()
@@ -60,19 +61,22 @@ void Bus::connect()
         s_bus->on_event(event, msg);
     };
     ubus_add_uloop(ctx_.get());
-    if (on_connect)
+    if (on_connect) {
         on_connect();
+    }
 }
 
 // libubus is still using the context when it says that the connection is lost: freeing it waits for the
 // timer.
 void Bus::lost()
 {
-    if (retry_.pending)
+    if (retry_.pending) {
         return;
+    }
     fprintf(stderr, "broker lost, reconnecting\n");
-    if (on_lost)
+    if (on_lost) {
         on_lost();
+    }
     uloop_timeout_set(&retry_, RETRY_MS);
 }
 

@@ -16,25 +16,29 @@ namespace {
 void send(const CtlOptions &options, const Event &event)
 {
     const BusConnection bus = connect_bus(options.socket_or_null());
-    if (!bus)
+    if (!bus) {
         fail("no broker at " + (options.socket.empty() ? BUS_DEFAULT_SOCKET : options.socket));
-    if (!event.send(bus.get()))
+    }
+    if (!event.send(bus.get())) {
         fail("the broker does not take the event");
+    }
 }
 
 Mac mac_argument(const std::string &text)
 {
     const auto mac = parse_mac(text);
-    if (!mac)
+    if (!mac) {
         fail(printable(text) + " is no MAC address");
+    }
     return *mac;
 }
 
 in_addr address_argument(const std::string &text)
 {
     in_addr address{};
-    if (inet_pton(AF_INET, text.c_str(), &address) != 1)
+    if (inet_pton(AF_INET, text.c_str(), &address) != 1) {
         fail(printable(text) + " is no IPv4 address");
+    }
     return address;
 }
 
@@ -60,8 +64,9 @@ CLI::App *add_kind(CLI::App *emit, const char *name, const char *what, Arguments
                    const std::vector<std::string> &actions)
 {
     CLI::App *kind = emit->add_subcommand(name, what);
-    if (!actions.empty())
+    if (!actions.empty()) {
         kind->add_option("ACTION", args.action)->required()->check(CLI::IsMember(actions));
+    }
     return kind;
 }
 
@@ -69,15 +74,18 @@ Event raw_event(const Arguments &args)
 {
     Event event{args.event.c_str(), {}};
     if (!args.json.empty()) {
-        if (!event.message.add_json(args.json))
+        if (!event.message.add_json(args.json)) {
             fail("that is no JSON object");
+        }
         return event;
     }
-    if (args.attribute.empty())
+    if (args.attribute.empty()) {
         return event;
+    }
     const auto bytes = parse_hex(args.hex);
-    if (!bytes)
+    if (!bytes) {
         fail("bytes are pairs of hexadecimal digits");
+    }
     event.message.add_record(args.attribute.c_str(), bytes->data(), bytes->size());
     return event;
 }

@@ -21,12 +21,14 @@ struct EventsCommand {
 void print_event(const EventsCommand &command, const char *name, blob_attr *msg)
 {
     const auto fields = decode_event(name, msg);
-    if (command.json)
+    if (command.json) {
         puts(event_json(name, fields).c_str());
-    else
+    } else {
         printf("%s  %s\n", clock_text().c_str(), event_line(name, fields).c_str());
-    if (fflush(stdout) == EOF)
+    }
+    if (fflush(stdout) == EOF) {
         uloop_end(); // whoever read us is gone
+    }
 }
 
 void follow_events(const EventsCommand &command, const std::string &socket)
@@ -35,15 +37,18 @@ void follow_events(const EventsCommand &command, const std::string &socket)
     Bus bus(socket);
     long left = command.count;
     bus.on_connect = [&] {
-        for (const std::string &pattern : command.patterns)
-            if (!bus.subscribe(pattern.c_str()))
+        for (const std::string &pattern : command.patterns) {
+            if (!bus.subscribe(pattern.c_str())) {
                 fprintf(stderr, "cannot subscribe to %s\n", pattern.c_str());
+            }
+        }
         fprintf(stderr, "listening\n");
     };
     bus.on_event = [&](const char *name, blob_attr *msg) {
         print_event(command, name, msg);
-        if (command.count > 0 && --left == 0)
+        if (command.count > 0 && --left == 0) {
             uloop_end();
+        }
     };
     bus.start();
     uloop_run();
@@ -60,11 +65,13 @@ int process_ready(ubus_context *, ubus_object *, ubus_request_data *, const char
     const blobmsg_policy policy = {"name", BLOBMSG_TYPE_STRING};
     blob_attr *name = nullptr;
     blobmsg_parse(&policy, 1, &name, blob_data(msg), static_cast<unsigned>(blob_len(msg)));
-    if (!name)
+    if (!name) {
         return UBUS_STATUS_INVALID_ARGUMENT;
+    }
     const std::string process = std::string(blobmsg_get_string(name)).substr(0, LONGEST_NAME);
-    if (s_ready.size() < MOST_PROCESSES || s_ready.contains(process))
+    if (s_ready.size() < MOST_PROCESSES || s_ready.contains(process)) {
         s_ready[process]++;
+    }
     printf("%s is ready\n", printable(process).c_str());
     fflush(stdout);
     return UBUS_STATUS_OK;
@@ -73,8 +80,9 @@ int process_ready(ubus_context *, ubus_object *, ubus_request_data *, const char
 int list_ready(ubus_context *ctx, ubus_object *, ubus_request_data *request, const char *, blob_attr *)
 {
     Message reply;
-    for (const auto &[process, times] : s_ready)
+    for (const auto &[process, times] : s_ready) {
         reply.add_number(process.c_str(), times);
+    }
     return ubus_send_reply(ctx, request, reply.head());
 }
 
@@ -97,8 +105,9 @@ void be_system_manager(const std::string &socket)
         object.type = &type;
         object.methods = methods;
         object.n_methods = std::size(methods);
-        if (const int result = ubus_add_object(bus.context(), &object); result != UBUS_STATUS_OK)
+        if (const int result = ubus_add_object(bus.context(), &object); result != UBUS_STATUS_OK) {
             fprintf(stderr, "cannot publish sysmgr: %s\n", ubus_strerror(result));
+        }
     };
     bus.start();
     uloop_run();

@@ -47,17 +47,20 @@ std::vector<Host> read_hosts()
 {
     StoreListing listing;
     const int result = store_list(HOSTS_PATH, listing, STORE_WAIT_MS);
-    if (result != STORE_OK)
+    if (result != STORE_OK) {
         fail(std::string(HOSTS_PATH) + ": " + store_strerror(result));
+    }
     std::vector<Host> hosts;
     for (auto &[path, value] : listing) {
         const std::string_view rest = std::string_view(path).substr(HOSTS_PATH.size());
         const size_t dot = rest.find('.');
         const auto instance = parse_number(rest.substr(0, dot), 1, INT32_MAX);
-        if (!instance || dot == std::string_view::npos)
+        if (!instance || dot == std::string_view::npos) {
             continue;
-        if (hosts.empty() || hosts.back().instance != *instance)
+        }
+        if (hosts.empty() || hosts.back().instance != *instance) {
             hosts.push_back({static_cast<int>(*instance), {}});
+        }
         hosts.back().parameters.emplace(rest.substr(dot + 1), std::move(value));
     }
     return hosts;
@@ -69,8 +72,9 @@ std::string type_of(const Host &host)
     static constexpr const char *words[] = {"",   "agent", "router", "phone", "pad",
                                             "PC", "OTT",   "camera", "IoT",   "slave AP"};
     const auto number = parse_number(host.get("X_QV_DeviceType"), 1, std::size(words) - 1);
-    if (number)
+    if (number) {
         return words[*number];
+    }
     return host.get("DeviceType") == "OTHER" ? "" : std::string(host.get("DeviceType"));
 }
 
@@ -78,10 +82,12 @@ std::string port_of(const Host &host)
 {
     const std::string_view path = host.get("Layer2Interface");
     const std::string number(host.get("Port"));
-    if (path.find("LANEthernetInterfaceConfig.") != std::string_view::npos)
+    if (path.find("LANEthernetInterfaceConfig.") != std::string_view::npos) {
         return "LAN" + number;
-    if (path.find("WLANConfiguration.") != std::string_view::npos)
+    }
+    if (path.find("WLANConfiguration.") != std::string_view::npos) {
         return "Wi-Fi " + number;
+    }
     return "";
 }
 
@@ -141,8 +147,9 @@ struct Style {
 Style style_for(int fd)
 {
     const char *term = getenv("TERM");
-    if (!isatty(fd) || getenv("NO_COLOR") || !term || strcmp(term, "dumb") == 0)
+    if (!isatty(fd) || getenv("NO_COLOR") || !term || strcmp(term, "dumb") == 0) {
         return {};
+    }
     return {"\033[1m", "\033[2m", "\033[32m", "\033[0m"};
 }
 
@@ -160,8 +167,9 @@ Row row_of(const Host &host)
                port_of(host),
                since_text(host),
                host.active() ? "yes" : "no"};
-    for (std::string &cell : row)
+    for (std::string &cell : row) {
         cell = cell.empty() ? "-" : printable(cell);
+    }
     return row;
 }
 
@@ -170,42 +178,51 @@ std::vector<std::string> table_lines(const std::vector<Host> &hosts, const Style
 {
     std::vector<Row> rows;
     std::array<size_t, TITLES.size()> widths{};
-    for (size_t i = 0; i < TITLES.size(); i++)
+    for (size_t i = 0; i < TITLES.size(); i++) {
         widths[i] = strlen(TITLES[i]);
+    }
     for (const Host &host : hosts) {
         rows.push_back(row_of(host));
-        for (size_t i = 0; i < TITLES.size(); i++)
+        for (size_t i = 0; i < TITLES.size(); i++) {
             widths[i] = std::max(widths[i], columns_of(rows.back()[i]));
+        }
     }
     widths[0] = std::min(widths[0], WIDEST_NAME);
     size_t total = 0;
-    for (const size_t w : widths)
+    for (const size_t w : widths) {
         total += w + 2;
-    if (total > width && widths[0] > 8)
+    }
+    if (total > width && widths[0] > 8) {
         widths[0] = std::max<size_t>(8, widths[0] - std::min(widths[0], total - width));
+    }
 
     const auto line_of = [&](const auto &cells) {
         std::string line;
-        for (size_t i = 0; i < TITLES.size(); i++)
+        for (size_t i = 0; i < TITLES.size(); i++) {
             line += fit(cells[i], widths[i]) + "  ";
+        }
         line.erase(line.find_last_not_of(' ') + 1);
         return line;
     };
     std::vector<std::string> lines = {style.bold + line_of(TITLES) + style.plain};
-    for (size_t i = 0; i < rows.size(); i++)
+    for (size_t i = 0; i < rows.size(); i++) {
         lines.push_back((hosts[i].active() ? "" : style.dim) + line_of(rows[i]) + style.plain);
-    if (rows.empty())
+    }
+    if (rows.empty()) {
         lines.emplace_back("(no hosts)");
+    }
     return lines;
 }
 
 // How people know the host of an instance: by its name, or else its MAC.
 std::string name_of(const std::vector<Host> &hosts, int instance)
 {
-    for (const Host &host : hosts)
-        if (host.instance == instance)
+    for (const Host &host : hosts) {
+        if (host.instance == instance) {
             return "  " +
                    printable(host.get("HostName").empty() ? host.get("MACAddress") : host.get("HostName"));
+        }
+    }
     return instance == 0 ? "" : "  (gone)";
 }
 
@@ -262,42 +279,50 @@ HostsView::HostsView(const HostsCommand &command, const std::string &socket) : c
 
 void HostsView::run()
 {
-    if (on_terminal_)
+    if (on_terminal_) {
         fputs("\033[?1049h\033[?25l", stdout); // the other screen, no cursor
+    }
     bus_.start();
     refresh();
     uloop_run();
-    if (on_terminal_)
+    if (on_terminal_) {
         fputs("\033[?25h\033[?1049l", stdout);
+    }
     fflush(stdout);
 }
 
 void HostsView::event(const char *name, blob_attr *msg)
 {
     uloop_timeout_set(&timer_, CHANGE_MS);
-    if (!command_.events)
+    if (!command_.events) {
         return;
+    }
     const auto fields = decode_event(name, msg);
     Happening happening{clock_text() + "  " + event_line(name, fields), 0};
-    if (strcmp(name, UBUS_EVENT_LANHOST_PARAM_CHANGE) == 0)
+    if (strcmp(name, UBUS_EVENT_LANHOST_PARAM_CHANGE) == 0) {
         happening.instance = static_cast<int>(parse_number(fields.back().value, 1, INT32_MAX).value_or(0));
-    if (!on_terminal_)
+    }
+    if (!on_terminal_) {
         puts(happening.line.c_str());
+    }
     events_.push_back(std::move(happening));
-    if (events_.size() > EVENTS_KEPT)
+    if (events_.size() > EVENTS_KEPT) {
         events_.pop_front();
+    }
 }
 
 void HostsView::refresh()
 {
     uloop_timeout_set(&timer_, REFRESH_MS);
     const auto hosts = read_hosts();
-    if (on_terminal_)
+    if (on_terminal_) {
         draw_screen(hosts);
-    else
+    } else {
         print_changes(hosts);
-    if (fflush(stdout) == EOF)
+    }
+    if (fflush(stdout) == EOF) {
         uloop_end();
+    }
 }
 
 // Each line is drawn over the old one and its rest cleared: nothing flickers.
@@ -310,25 +335,30 @@ void HostsView::draw_screen(const std::vector<Host> &hosts)
 
     std::vector<std::string> lines = {std::string(style_.green) + "●" + style_.plain + " LAN hosts: " +
                                       summary(hosts) + (bus_.context() ? "" : ", no broker")};
-    if (!command_.note.empty())
+    if (!command_.note.empty()) {
         lines.push_back(style_.dim + printable(command_.note) + style_.plain);
+    }
     lines.emplace_back();
-    for (std::string &line : table_lines(hosts, style_, width))
+    for (std::string &line : table_lines(hosts, style_, width)) {
         lines.push_back(std::move(line));
+    }
     if (command_.events && lines.size() + 3 < height) {
         lines.emplace_back();
         lines.push_back(std::string(style_.bold) + "EVENTS" + style_.plain);
         const size_t room = std::min(height - lines.size() - 1, events_.size());
-        for (size_t i = events_.size() - room; i < events_.size(); i++)
+        for (size_t i = events_.size() - room; i < events_.size(); i++) {
             lines.push_back(style_.dim + events_[i].line + name_of(hosts, events_[i].instance) +
                             style_.plain);
+        }
     }
-    if (lines.size() >= height)
+    if (lines.size() >= height) {
         lines.resize(height - 1);
+    }
 
     fputs("\033[H\033[?7l", stdout); // home; long lines are cut, not wrapped
-    for (const std::string &line : lines)
+    for (const std::string &line : lines) {
         printf("%s\033[K\n", line.c_str());
+    }
     fputs("\033[J\033[?7h", stdout);
 }
 
@@ -340,11 +370,13 @@ void HostsView::print_changes(const std::vector<Host> &hosts)
         rows.push_back(row_of(host));
         rows.back()[since].clear();
     }
-    if (rows == printed_)
+    if (rows == printed_) {
         return;
+    }
     printed_ = std::move(rows);
-    for (const std::string &line : table_lines(hosts, style_, SIZE_MAX))
+    for (const std::string &line : table_lines(hosts, style_, SIZE_MAX)) {
         puts(line.c_str());
+    }
     putchar('\n');
 }
 
@@ -363,8 +395,9 @@ void show_hosts(const HostsCommand &command, const std::string &socket)
     winsize size{};
     const bool known = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
     for (const std::string &line :
-         table_lines(hosts, style_for(STDOUT_FILENO), known ? size.ws_col : SIZE_MAX))
+         table_lines(hosts, style_for(STDOUT_FILENO), known ? size.ws_col : SIZE_MAX)) {
         puts(line.c_str());
+    }
 }
 
 } // namespace

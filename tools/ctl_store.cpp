@@ -34,27 +34,32 @@ void get(const StoreCommand &command)
 {
     StoreListing listing;
     int result = store_list(command.path, listing, STORE_WAIT_MS);
-    if (result == STORE_UNKNOWN_PATH && !command.path.ends_with('.'))
+    if (result == STORE_UNKNOWN_PATH && !command.path.ends_with('.')) {
         result = store_list(command.path + '.', listing, STORE_WAIT_MS);
-    if (result != STORE_OK)
+    }
+    if (result != STORE_OK) {
         fail(command.path + ": " + store_strerror(result));
+    }
 
     const bool is_parameter = listing.size() == 1 && listing[0].first == command.path;
-    if (command.json)
+    if (command.json) {
         print_json(listing);
-    else if (is_parameter)
+    } else if (is_parameter) {
         puts(printable(listing[0].second).c_str());
-    else
-        for (const auto &[path, value] : listing)
+    } else {
+        for (const auto &[path, value] : listing) {
             printf("%s = %s\n", path.c_str(), printable(value).c_str());
+        }
+    }
 }
 
 void set(const StoreCommand &command)
 {
     const int result =
         zkapi_singlevalue_set(command.path.c_str(), command.value.c_str(), DEVFUNC_NOCALL, STORE_WAIT_MS);
-    if (result != STORE_OK)
+    if (result != STORE_OK) {
         fail(command.path + ": " + store_strerror(result));
+    }
 }
 
 } // namespace

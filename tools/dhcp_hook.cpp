@@ -52,10 +52,12 @@ std::string environment(const char *name)
 std::string state_file(const Mac &mac)
 {
     std::string directory = environment("OVANI_DHCP_STATE");
-    if (directory.empty())
+    if (directory.empty()) {
         directory = "/var/run/ovani-dhcp";
-    if (mkdir(directory.c_str(), 0700) < 0 && errno != EEXIST)
+    }
+    if (mkdir(directory.c_str(), 0700) < 0 && errno != EEXIST) {
         fprintf(stderr, "ovani-dhcp-hook: %s: %s\n", directory.c_str(), strerror(errno));
+    }
     return directory + '/' + format_mac(mac);
 }
 
@@ -75,8 +77,9 @@ void remember(const std::string &file, const Client &client)
     std::ofstream out(fresh, std::ios::binary | std::ios::trunc);
     out << client.name << '\0' << client.vendor_class << '\0';
     out.close();
-    if (!out || rename(fresh.c_str(), file.c_str()) < 0)
+    if (!out || rename(fresh.c_str(), file.c_str()) < 0) {
         fprintf(stderr, "ovani-dhcp-hook: cannot remember %s: %s\n", file.c_str(), strerror(errno));
+    }
 }
 
 // What dnsmasq says this time goes before what was remembered, and that before the name dnsmasq gave the
@@ -85,10 +88,12 @@ Client identify(bool is_new, const std::string &file, const char *lease_name)
 {
     const Client known = is_new ? Client{} : recall(file);
     Client client{environment("DNSMASQ_SUPPLIED_HOSTNAME"), environment("DNSMASQ_VENDOR_CLASS")};
-    if (client.name.empty())
+    if (client.name.empty()) {
         client.name = known.name.empty() ? lease_name : known.name;
-    if (client.vendor_class.empty())
+    }
+    if (client.vendor_class.empty()) {
         client.vendor_class = known.vendor_class;
+    }
     return client;
 }
 
@@ -98,9 +103,11 @@ const char *device_type_of(const std::string &vendor_class)
         const char *part;
         const char *type;
     } known[] = {{"MSFT", "Computer"}, {"android-dhcp", "Phone"}};
-    for (const auto &vendor : known)
-        if (vendor_class.find(vendor.part) != std::string::npos)
+    for (const auto &vendor : known) {
+        if (vendor_class.find(vendor.part) != std::string::npos) {
             return vendor.type;
+        }
+    }
     return "";
 }
 
@@ -125,8 +132,9 @@ int main(int argc, char **argv)
     const std::string_view action = argv[1];
     const bool is_new = action == "add";
     const bool is_gone = action == "del";
-    if ((!is_new && !is_gone && action != "old") || getenv("DNSMASQ_IAID"))
+    if ((!is_new && !is_gone && action != "old") || getenv("DNSMASQ_IAID")) {
         return 0; // TFTP, ARP, DHCPv6: no IPv4 lease
+    }
     const auto mac = parse_mac(argc > 2 ? argv[2] : "");
     in_addr address{};
     if (argc < 4 || !mac || inet_pton(AF_INET, argv[3], &address) != 1) {
@@ -136,10 +144,11 @@ int main(int argc, char **argv)
 
     const std::string file = state_file(*mac);
     const Client client = identify(is_new, file, argc > 4 ? argv[4] : "");
-    if (is_gone)
+    if (is_gone) {
         unlink(file.c_str());
-    else
+    } else {
         remember(file, client);
+    }
 
     Lease lease;
     lease.gone = is_gone;

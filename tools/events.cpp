@@ -112,16 +112,18 @@ Fields decode_dhcp(std::string_view line)
     std::string_view rest = first == std::string_view::npos ? "" : line.substr(first + 1);
     const std::string_view action = rest.substr(0, rest.find('#'));
     std::span<const char *const> names = LEASE_FIELDS;
-    if (action == "ADD6" || action == "DEL6")
+    if (action == "ADD6" || action == "DEL6") {
         names = DHCPV6_FIELDS;
-    else if (action == "NB6ADD" || action == "NB6DEL")
+    } else if (action == "NB6ADD" || action == "NB6DEL") {
         names = NEIGHBOUR_FIELDS;
+    }
 
     Fields fields;
     for (size_t i = 0; i < names.size(); i++) {
         const size_t end = i + 1 == names.size() ? std::string_view::npos : rest.find('#');
-        if (end == std::string_view::npos && i + 1 != names.size())
+        if (end == std::string_view::npos && i + 1 != names.size()) {
             return {text("error", "too few fields: " + std::string(line))};
+        }
         fields.push_back(text(names[i], rest.substr(0, end)));
         rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + 1);
     }
@@ -131,9 +133,10 @@ Fields decode_dhcp(std::string_view line)
 template <typename Record, size_t WireLength, Fields (*Decode)(const Record &)>
 Fields decode_record(const uint8_t *data, size_t length)
 {
-    if (length < WireLength)
+    if (length < WireLength) {
         return {text("error", "record of " + std::to_string(length) + " bytes, should be " +
                                   std::to_string(WireLength))};
+    }
     Record record{};
     memcpy(&record, data, std::min(length, sizeof record));
     return Decode(record);
@@ -164,8 +167,9 @@ blob_attr *attribute(blob_attr *msg, const char *name, enum blobmsg_type type)
 {
     const blobmsg_policy policy = {name, type};
     blob_attr *found = nullptr;
-    if (blobmsg_parse(&policy, 1, &found, blob_data(msg), static_cast<unsigned>(blob_len(msg))) != 0)
+    if (blobmsg_parse(&policy, 1, &found, blob_data(msg), static_cast<unsigned>(blob_len(msg))) != 0) {
         return nullptr;
+    }
     return found;
 }
 
@@ -196,9 +200,11 @@ constexpr struct {
 
 std::string label_of(std::string_view event)
 {
-    for (const auto &known : LABELS)
-        if (event == known.event)
+    for (const auto &known : LABELS) {
+        if (event == known.event) {
             return known.label;
+        }
+    }
     return printable(event);
 }
 
@@ -276,11 +282,13 @@ Event make_dhcp_event(const std::string &line)
 std::vector<EventField> decode_event(std::string_view name, blob_attr *msg)
 {
     for (const RecordEvent &known : RECORD_EVENTS) {
-        if (name != known.event)
+        if (name != known.event) {
             continue;
+        }
         blob_attr *attr = attribute(msg, known.attribute, BLOBMSG_TYPE_UNSPEC);
-        if (!attr)
+        if (!attr) {
             return missing(known.attribute);
+        }
         return known.decode(static_cast<const uint8_t *>(blobmsg_data(attr)), blobmsg_data_len(attr));
     }
     if (name == UBUS_EVENT_DHCP_USER_CONN) {
@@ -311,12 +319,14 @@ std::string event_line(std::string_view name, const std::vector<EventField> &fie
     std::string line = label_of(name);
     line.append(columns_of(line) < 5 ? 5 - columns_of(line) : 0, ' ');
     for (const EventField &field : fields) {
-        if (field.value.empty() || strcmp(field.name, "acknowledged") == 0) // the line has a time already
+        if (field.value.empty() || strcmp(field.name, "acknowledged") == 0) { // the line has a time already
             continue;
+        }
         line += ' ';
         const bool plain = &field == &fields.front() && strcmp(field.name, "action") == 0;
-        if (!plain)
+        if (!plain) {
             line += std::string(field.name) + '=';
+        }
         line += printable(field.value);
     }
     return line;

@@ -17,8 +17,9 @@ using Attributes = std::vector<const nlattr *>;
 int take_attribute(const nlattr *attr, void *priv)
 {
     auto &table = *static_cast<Attributes *>(priv);
-    if (mnl_attr_get_type(attr) < table.size())
+    if (mnl_attr_get_type(attr) < table.size()) {
         table[mnl_attr_get_type(attr)] = attr;
+    }
     return MNL_CB_OK;
 }
 
@@ -32,8 +33,9 @@ Attributes attributes_of(const nlmsghdr *message, size_t header, size_t count)
 Attributes attributes_of(const nlattr *nest, size_t count)
 {
     Attributes table(count);
-    if (nest)
+    if (nest) {
         mnl_attr_parse_nested(nest, take_attribute, &table);
+    }
     return table;
 }
 
@@ -41,8 +43,9 @@ Attributes attributes_of(const nlattr *nest, size_t count)
 template <typename T>
 std::optional<T> value_of(const nlattr *attr)
 {
-    if (!attr || mnl_attr_get_payload_len(attr) < sizeof(T))
+    if (!attr || mnl_attr_get_payload_len(attr) < sizeof(T)) {
         return std::nullopt;
+    }
     T value;
     memcpy(&value, mnl_attr_get_payload(attr), sizeof value);
     return value;
@@ -50,8 +53,9 @@ std::optional<T> value_of(const nlattr *attr)
 
 std::string text_of(const nlattr *attr)
 {
-    if (!attr)
+    if (!attr) {
         return {};
+    }
     const char *text = static_cast<const char *>(mnl_attr_get_payload(attr));
     return {text, strnlen(text, mnl_attr_get_payload_len(attr))};
 }
@@ -75,8 +79,9 @@ std::optional<std::vector<char>> try_dump(uint16_t type, uint8_t family)
 {
     const std::unique_ptr<mnl_socket, int (*)(mnl_socket *)> socket(
         mnl_socket_open2(NETLINK_ROUTE, SOCK_CLOEXEC), mnl_socket_close);
-    if (!socket || mnl_socket_bind(socket.get(), 0, MNL_SOCKET_AUTOPID) < 0)
+    if (!socket || mnl_socket_bind(socket.get(), 0, MNL_SOCKET_AUTOPID) < 0) {
         return std::nullopt;
+    }
 
     alignas(nlmsghdr) char buffer[BUFFER_SIZE];
     nlmsghdr *request = mnl_nlmsg_put_header(buffer);
@@ -85,20 +90,24 @@ std::optional<std::vector<char>> try_dump(uint16_t type, uint8_t family)
     // Both kinds of request begin with the family; the longer header serves either.
     static_assert(sizeof(ifinfomsg) >= sizeof(ndmsg));
     static_cast<ifinfomsg *>(mnl_nlmsg_put_extra_header(request, sizeof(ifinfomsg)))->ifi_family = family;
-    if (mnl_socket_sendto(socket.get(), request, request->nlmsg_len) < 0)
+    if (mnl_socket_sendto(socket.get(), request, request->nlmsg_len) < 0) {
         return std::nullopt;
+    }
 
     std::vector<char> kept;
     const unsigned portid = mnl_socket_get_portid(socket.get());
     while (true) {
         const ssize_t length = mnl_socket_recvfrom(socket.get(), buffer, sizeof buffer);
-        if (length < 0)
+        if (length < 0) {
             return std::nullopt;
+        }
         const int result = mnl_cb_run(buffer, static_cast<size_t>(length), 0, portid, keep_message, &kept);
-        if (result < 0)
+        if (result < 0) {
             return std::nullopt;
-        if (result == MNL_CB_STOP)
+        }
+        if (result == MNL_CB_STOP) {
             return kept;
+        }
     }
 }
 
@@ -108,13 +117,16 @@ std::unique_ptr<NetlinkListener> NetlinkListener::open(unsigned groups, int rece
 {
     auto listener = std::make_unique<NetlinkListener>();
     listener->socket_.reset(mnl_socket_open2(NETLINK_ROUTE, SOCK_CLOEXEC));
-    if (!listener->socket_)
+    if (!listener->socket_) {
         return nullptr;
+    }
     if (receive_buffer > 0 &&
-        setsockopt(listener->fd(), SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof receive_buffer) < 0)
+        setsockopt(listener->fd(), SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof receive_buffer) < 0) {
         return nullptr;
-    if (mnl_socket_bind(listener->socket_.get(), groups, MNL_SOCKET_AUTOPID) < 0)
+    }
+    if (mnl_socket_bind(listener->socket_.get(), groups, MNL_SOCKET_AUTOPID) < 0) {
         return nullptr;
+    }
     return listener;
 }
 
@@ -123,15 +135,19 @@ bool NetlinkListener::receive(const NetlinkHandler &handler)
     alignas(nlmsghdr) char buffer[BUFFER_SIZE];
     while (true) {
         const ssize_t length = recv(fd(), buffer, sizeof buffer, MSG_DONTWAIT | MSG_TRUNC);
-        if (length < 0 && errno == EINTR)
+        if (length < 0 && errno == EINTR) {
             continue;
-        if (length < 0)
+        }
+        if (length < 0) {
             return errno == EAGAIN;
-        if (length > static_cast<ssize_t>(sizeof buffer))
+        }
+        if (length > static_cast<ssize_t>(sizeof buffer)) {
             return false;
+        }
         if (mnl_cb_run(buffer, static_cast<size_t>(length), 0, 0, call_handler,
-                       const_cast<NetlinkHandler *>(&handler)) < 0)
+                       const_cast<NetlinkHandler *>(&handler)) < 0) {
             return false;
+        }
     }
 }
 
@@ -144,19 +160,22 @@ bool netlink_dump(uint16_t type, uint8_t family, const NetlinkHandler &handler)
                        const_cast<NetlinkHandler *>(&handler));
             return true;
         }
-        if (errno != EINTR)
+        if (errno != EINTR) {
             return false;
+        }
     }
     return false;
 }
 
 std::optional<Link> parse_link(const nlmsghdr *message)
 {
-    if (mnl_nlmsg_get_payload_len(message) < sizeof(ifinfomsg))
+    if (mnl_nlmsg_get_payload_len(message) < sizeof(ifinfomsg)) {
         return std::nullopt;
+    }
     const auto *header = static_cast<const ifinfomsg *>(mnl_nlmsg_get_payload(message));
-    if (header->ifi_family != AF_UNSPEC)
+    if (header->ifi_family != AF_UNSPEC) {
         return std::nullopt;
+    }
     const auto table = attributes_of(message, sizeof(ifinfomsg), IFLA_LINKINFO + 1);
     const auto info = attributes_of(table[IFLA_LINKINFO], IFLA_INFO_SLAVE_DATA + 1);
     const auto port = attributes_of(info[IFLA_INFO_SLAVE_DATA], IFLA_BRPORT_NO + 1);
@@ -175,8 +194,9 @@ std::optional<Link> parse_link(const nlmsghdr *message)
 
 std::optional<Neighbour> parse_neighbour(const nlmsghdr *message)
 {
-    if (mnl_nlmsg_get_payload_len(message) < sizeof(ndmsg))
+    if (mnl_nlmsg_get_payload_len(message) < sizeof(ndmsg)) {
         return std::nullopt;
+    }
     const auto *header = static_cast<const ndmsg *>(mnl_nlmsg_get_payload(message));
     const auto table = attributes_of(message, sizeof(ndmsg), NDA_MASTER + 1);
 
@@ -188,9 +208,11 @@ std::optional<Neighbour> parse_neighbour(const nlmsghdr *message)
     neighbour.bridge = value_of<int>(table[NDA_MASTER]).value_or(0);
     neighbour.vlan = value_of<uint16_t>(table[NDA_VLAN]).value_or(0);
     neighbour.mac = value_of<Mac>(table[NDA_LLADDR]);
-    if (header->ndm_family == AF_INET)
+    if (header->ndm_family == AF_INET) {
         neighbour.address = value_of<in_addr>(table[NDA_DST]);
-    if (const auto cache = value_of<nda_cacheinfo>(table[NDA_CACHEINFO]))
+    }
+    if (const auto cache = value_of<nda_cacheinfo>(table[NDA_CACHEINFO])) {
         neighbour.age = cache->ndm_updated;
+    }
     return neighbour;
 }

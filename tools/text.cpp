@@ -16,20 +16,24 @@ struct CodePoint {
 CodePoint decode_utf8(std::string_view text)
 {
     const auto byte = [&](size_t i) { return static_cast<uint8_t>(text[i]); };
-    if (byte(0) < 0x80)
+    if (byte(0) < 0x80) {
         return {byte(0), 1};
+    }
     const size_t length = byte(0) >= 0xf0 ? 4 : byte(0) >= 0xe0 ? 3 : 2;
-    if (byte(0) < 0xc2 || byte(0) > 0xf4 || text.size() < length)
+    if (byte(0) < 0xc2 || byte(0) > 0xf4 || text.size() < length) {
         return {0, 0};
+    }
     char32_t value = byte(0) & (0x7fU >> length);
     for (size_t i = 1; i < length; i++) {
-        if ((byte(i) & 0xc0) != 0x80)
+        if ((byte(i) & 0xc0) != 0x80) {
             return {0, 0};
+        }
         value = (value << 6) | (byte(i) & 0x3fU);
     }
     static constexpr char32_t smallest[] = {0, 0, 0x80, 0x800, 0x10000};
-    if (value < smallest[length] || value > 0x10ffff || (value >= 0xd800 && value <= 0xdfff))
+    if (value < smallest[length] || value > 0x10ffff || (value >= 0xd800 && value <= 0xdfff)) {
         return {0, 0};
+    }
     return {value, length};
 }
 
@@ -42,12 +46,15 @@ bool disturbs_terminal(char32_t c)
 
 int hex_digit(char c)
 {
-    if (c >= '0' && c <= '9')
+    if (c >= '0' && c <= '9') {
         return c - '0';
-    if (c >= 'a' && c <= 'f')
+    }
+    if (c >= 'a' && c <= 'f') {
         return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
+    }
+    if (c >= 'A' && c <= 'F') {
         return c - 'A' + 10;
+    }
     return -1;
 }
 
@@ -73,18 +80,21 @@ size_t width_of(char32_t c)
 std::optional<Mac> parse_mac(std::string_view text)
 {
     const bool separated = text.size() == 17;
-    if (!separated && text.size() != 12)
+    if (!separated && text.size() != 12) {
         return std::nullopt;
+    }
     const size_t step = separated ? 3 : 2;
     Mac mac{};
     for (size_t i = 0; i < mac.size(); i++) {
         const int high = hex_digit(text[i * step]);
         const int low = hex_digit(text[i * step + 1]);
         const bool last = i + 1 == mac.size();
-        if (high < 0 || low < 0)
+        if (high < 0 || low < 0) {
             return std::nullopt;
-        if (separated && !last && text[i * step + 2] != ':' && text[i * step + 2] != '-')
+        }
+        if (separated && !last && text[i * step + 2] != ':' && text[i * step + 2] != '-') {
             return std::nullopt;
+        }
         mac[i] = static_cast<uint8_t>(high * 16 + low);
     }
     return mac;
@@ -103,8 +113,9 @@ std::optional<long> parse_number(std::string_view text, long min, long max)
     long value = 0;
     const char *end = text.data() + text.size();
     const auto result = std::from_chars(text.data(), end, value);
-    if (result.ec != std::errc() || result.ptr != end || value < min || value > max)
+    if (result.ec != std::errc() || result.ptr != end || value < min || value > max) {
         return std::nullopt;
+    }
     return value;
 }
 
@@ -112,12 +123,15 @@ std::optional<std::vector<uint8_t>> parse_hex(std::string_view text)
 {
     std::vector<uint8_t> bytes;
     for (size_t i = 0; i < text.size(); i += 2) {
-        while (i < text.size() && (text[i] == ' ' || text[i] == ':'))
+        while (i < text.size() && (text[i] == ' ' || text[i] == ':')) {
             i++;
-        if (i == text.size())
+        }
+        if (i == text.size()) {
             break;
-        if (i + 1 == text.size() || hex_digit(text[i]) < 0 || hex_digit(text[i + 1]) < 0)
+        }
+        if (i + 1 == text.size() || hex_digit(text[i]) < 0 || hex_digit(text[i + 1]) < 0) {
             return std::nullopt;
+        }
         bytes.push_back(static_cast<uint8_t>(hex_digit(text[i]) * 16 + hex_digit(text[i + 1])));
     }
     return bytes;
@@ -125,8 +139,9 @@ std::optional<std::vector<uint8_t>> parse_hex(std::string_view text)
 
 unsigned lan_port_of(std::string_view ifname)
 {
-    if (!ifname.starts_with("eth"))
+    if (!ifname.starts_with("eth")) {
         return 0;
+    }
     const auto number = parse_number(ifname.substr(3), 0, 254);
     return number ? static_cast<unsigned>(*number) + 1 : 0;
 }
@@ -137,10 +152,11 @@ std::string printable(std::string_view bytes)
     while (!bytes.empty()) {
         const CodePoint c = decode_utf8(bytes);
         const size_t taken = std::max<size_t>(c.length, 1);
-        if (c.length == 0 || disturbs_terminal(c.value))
+        if (c.length == 0 || disturbs_terminal(c.value)) {
             out += hex_escape(bytes.substr(0, taken));
-        else
+        } else {
             out += bytes.substr(0, taken);
+        }
         bytes.remove_prefix(taken);
     }
     return out;
@@ -189,8 +205,9 @@ std::string fit(std::string_view printable_text, size_t width)
         columns = 0;
         while (true) {
             const CodePoint c = decode_utf8(printable_text);
-            if (columns + width_of(c.value) + 1 > width)
+            if (columns + width_of(c.value) + 1 > width) {
                 break;
+            }
             columns += width_of(c.value);
             out += printable_text.substr(0, std::max<size_t>(c.length, 1));
             printable_text.remove_prefix(std::max<size_t>(c.length, 1));
@@ -207,13 +224,14 @@ std::string fit(std::string_view printable_text, size_t width)
 std::string format_duration(long seconds)
 {
     char text[32];
-    if (seconds < 60)
+    if (seconds < 60) {
         snprintf(text, sizeof text, "%ld s", std::max(seconds, 0L));
-    else if (seconds < 3600)
+    } else if (seconds < 3600) {
         snprintf(text, sizeof text, "%ld min", seconds / 60);
-    else if (seconds < 86400)
+    } else if (seconds < 86400) {
         snprintf(text, sizeof text, "%ld h %02ld", seconds / 3600, seconds / 60 % 60);
-    else
+    } else {
         snprintf(text, sizeof text, "%ld d %02ld h", seconds / 86400, seconds / 3600 % 24);
+    }
     return text;
 }

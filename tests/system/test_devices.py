@@ -121,9 +121,9 @@ class OtherGateways(unittest.TestCase):
         gw.host_with(mac(1), IPAddress="192.168.1.10", Active="1")
 
     def test_other_operators_keep_the_object(self):
-        for carrier in ("cm", "cu"):
-            with self.subTest(carrier=carrier):
-                gw = self.raise_gateway(carrier=carrier)
+        for operator in ("cm", "cu"):
+            with self.subTest(operator=operator):
+                gw = self.raise_gateway(operator=operator)
                 gw("plug", "2", "desktop", "--mac", mac(2), "dhcp", "desktop", "MSFT 5.0")
                 host = gw.host_with(mac(2), HostName="desktop", Active="1")
                 gw("unplug", "desktop")

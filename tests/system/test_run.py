@@ -38,9 +38,9 @@ class Run(unittest.TestCase):
         wait_for(lambda: not traces(self.state), "everything to be gone")
 
     def test_once(self):
-        for carrier, tables in (("ct", (4, 3)), ("cm", (4, 4))):
-            with self.subTest(carrier=carrier):
-                run = self.start("--once", "--carrier", carrier)
+        for operator, tables in (("ct", (4, 3)), ("cm", (4, 4))):
+            with self.subTest(operator=operator):
+                run = self.start("--once", "--operator", operator)
                 output = run.communicate(timeout=120)[0]
                 self.assertEqual(run.returncode, 0, output)
                 shown = [len([line for line in table.splitlines() if "02:00:00:00:01:" in line])
