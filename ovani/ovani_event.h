@@ -165,6 +165,31 @@ int ovani_udhcpd_event_del(ovani_dhcpd_host_event *hostinfo);
 int ovani_dhcp6s_event_add6(ovani_dhcpd_host_event *hostinfo);
 int ovani_dhcp6s_event_del6(ovani_dhcpd_host_event *hostinfo);
 
+// --- Wi-Fi and port link events
+
+// Entry for a station's event: dispatches on its action. R_ERROR also for an unknown one.
+int ovani_wifi_user_event_process(const ovani_wifi_event *event);
+
+// A station joined: moves the object of one that is known already, else learns it from the bridge's table.
+int ovani_wifi_user_event_add(const ovani_wifi_event *event);
+
+// A station left: retires its host's object and drops its node, whichever SSID it left. Returns the
+// deletion's result when there was a node.
+int ovani_wifi_user_event_del(const ovani_wifi_event *event);
+
+// Entry for a link change: dispatches on its status. R_ERROR also for a port that cannot be and an unknown
+// status.
+int ovani_port_status_event_process(const ovani_port_status_event *event);
+
+// The port's link state goes to the port manager; a link that went down retires the port's wired hosts.
+int ovani_port_status_event_up(unsigned char port);
+int ovani_port_status_event_down(unsigned char port);
+
+// --- Start-up discovery
+
+// Finds the devices that were attached before the daemon started. Once, before events are subscribed.
+void ovani_lanhost_info_init();
+
 // --- Announcements to the bus
 
 // Fills a zeroed device status record from a host; brand and os stay as they are.

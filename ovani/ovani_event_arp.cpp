@@ -115,7 +115,7 @@ int ovani_arp_event_add(const ovani_arp_event *event)
                   ip_text, mac.data());
         return R_ERROR;
     }
-    int index = add_and_announce(description.record);
+    int index = add_and_announce(*host, description.record);
     ovani_log(VELM_LOG_DEBUG, "ovani_arp_event_add:add host obj %s,index=%d!\n",
               index < 1 ? "error" : "success", index);
     return index == -1 ? R_ERROR : R_OK;

@@ -8,6 +8,7 @@
 #include "ovani/ovani_event_host.h"
 #include "ovani/ovani_host_mgr.h"
 #include "ovani/ovani_log.h"
+#include "ovani/ovani_presence.h"
 #include "ovani/ovani_shell.h"
 
 // --- Parsing
@@ -311,7 +312,7 @@ int ovani_udhcpd_event_add(ovani_dhcpd_host_event *hostinfo)
         ovani_log(VELM_LOG_ERR, "ERRER : host = %s  mac = %s  cant find in ovani mactable\r\n", ip, mac_bare);
         return R_OK;
     }
-    int index = add_and_announce(*hostinfo);
+    int index = add_and_announce(*host, *hostinfo);
     ovani_log(VELM_LOG_DEBUG, "add host obj %s,index=%d!\n", index < 1 ? "error" : "success", index);
     return index == -1 ? R_ERROR : R_OK;
 }
@@ -334,9 +335,13 @@ int ovani_udhcpd_event_del(ovani_dhcpd_host_event *hostinfo)
         ovani_log(VELM_LOG_ERR, "ovani_udhcpd_event_del:: host not find!!");
     }
     // The object goes by its MAC, whether or not the table knows the host.
-    int index = ovani_del_host_info(hostinfo);
+    bool retired = false;
+    int index = ovani_del_host_info(hostinfo, retired);
     if (index > 0) {
         ovani_host_status_ubus_send(index);
+    }
+    if (retired && leaving != nullptr) {
+        ovani_presence_offline(*leaving);
     }
     ovani_log(VELM_LOG_DEBUG, "delete host index %d\n", index);
     if (found) {

@@ -5,6 +5,7 @@
 #include <strings.h>
 
 #include "ovani/ovani_host_mgr.h"
+#include "ovani/ovani_presence.h"
 
 bool is_lan_bridge(const char *brname)
 {
@@ -65,11 +66,12 @@ void stamp_online_clock(char (&onlineclock)[OVANI_TIME_BUFF_LEN])
     ovani_get_curr_time(onlineclock, sizeof onlineclock);
 }
 
-int add_and_announce(ovani_dhcpd_host_event &record)
+int add_and_announce(host_node &host, ovani_dhcpd_host_event &record)
 {
     int index = ovani_add_host_info(&record);
     if (index > 0) {
         ovani_host_status_ubus_send(index);
+        ovani_presence_online(host);
     }
     return index;
 }

@@ -41,8 +41,9 @@ mac_node *learn_from_bridge(const unsigned char *mac);
 // Stamps the current time.
 void stamp_online_clock(char (&onlineclock)[OVANI_TIME_BUFF_LEN]);
 
-// Creates or updates a host's object and announces the change. Returns what ovani_add_host_info returns.
-int add_and_announce(ovani_dhcpd_host_event &record);
+// Creates or updates a host's object and announces the change, and the host when it came on line with it.
+// Returns what ovani_add_host_info returns.
+int add_and_announce(host_node &host, ovani_dhcpd_host_event &record);
 
 // "unknown" stands in for a missing name; in the store such a host has none.
 void clear_default_host_name(host_node &host);

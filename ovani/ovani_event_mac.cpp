@@ -76,7 +76,7 @@ void evict_eldest_when_full()
 
 // Writes the object of a host that is attached to no port: a new one, or one that had left. R_ERROR when the
 // MAC table has lost the host's node.
-int bring_back_host(host_node &host)
+int bring_back_host(host_node &host, const mac_node &station)
 {
     constexpr char function[] = "ovani_mac_event_add";
     ovani_log_as(function, VELM_LOG_DEBUG, "goto add host info\n");
@@ -99,7 +99,8 @@ int bring_back_host(host_node &host)
                      host.HostName, description.mac.data());
         return R_ERROR;
     }
-    add_and_announce(description.record);
+    refresh_port(host, station); // the announcement tells it
+    add_and_announce(host, description.record);
     return R_OK;
 }
 
@@ -132,7 +133,7 @@ int ovani_mac_event_add(const ovani_mac_event *event)
         ovani_log(VELM_LOG_DEBUG, "mac cant find node_host ,no update!!!\n ");
         return R_OK;
     }
-    if (host->lanPortNo == OVANI_INVALID_VALUE && bring_back_host(*host) != R_OK) {
+    if (host->lanPortNo == OVANI_INVALID_VALUE && bring_back_host(*host, *station) != R_OK) {
         return R_ERROR;
     }
     ovani_log(VELM_LOG_DEBUG, "mac update  node_host !!!\n");

@@ -31,6 +31,11 @@ private:
     int fd_;
 };
 
+struct FileCloser {
+    void operator()(FILE *file) const { fclose(file); }
+};
+using UniqueFile = std::unique_ptr<FILE, FileCloser>;
+
 // A command's output, as popen gives it; closing waits for the command.
 struct PipeCloser {
     void operator()(FILE *pipe) const { pclose(pipe); }

@@ -20,6 +20,7 @@
 #include "ovani/ovani_host_table.h"
 #include "ovani/ovani_log.h"
 #include "ovani/ovani_mac_table.h"
+#include "ovani/ovani_presence.h"
 #include "ovani/ovani_shell.h"
 #include "platform/zkcfgif.h"
 
@@ -630,12 +631,12 @@ int ovani_add_host_ipv6_info(const ovani_dhcpd_host_event *hostinfo)
 
 namespace {
 
-void delete_host_object(int index)
+bool delete_host_object(int index)
 {
     constexpr char function[] = "ovani_del_host_info";
     if (zkapi_obj_del(OVANI_HOST_NODE_PATH, index, DEVFUNC_NOCALL_NOFLASH, ALL_BLOCK_LOCK) != 0) {
         ovani_log_as(function, VELM_LOG_ERR, "ZKAPI_Obj_Del fail!\n");
-        return;
+        return false;
     }
     forget_row(*row_of_instance(index));
     if (s_hostnumberofentries > 0) {
@@ -643,6 +644,7 @@ void delete_host_object(int index)
     }
     ovani_log_as(function, VELM_LOG_DEBUG, "ZKAPI_Obj_Del succeed! s_hostnumberofentries is %d\n",
                  static_cast<int>(s_hostnumberofentries));
+    return true;
 }
 
 int mark_host_object_inactive(int index)
@@ -670,6 +672,13 @@ int mark_host_object_inactive(int index)
 
 int ovani_del_host_info(const ovani_dhcpd_host_event *hostinfo)
 {
+    bool retired = false;
+    return ovani_del_host_info(hostinfo, retired);
+}
+
+int ovani_del_host_info(const ovani_dhcpd_host_event *hostinfo, bool &retired)
+{
+    retired = false;
     if (hostinfo == nullptr) {
         return 0;
     }
@@ -687,15 +696,17 @@ int ovani_del_host_info(const ovani_dhcpd_host_event *hostinfo)
     }
     ovani_del_associateddevice_info(index);
     if (ovani_operator_type_code_get() == OPTYPE_CT) {
-        delete_host_object(index);
-    } else if (mark_host_object_inactive(index) != 0) {
+        retired = delete_host_object(index);
+    } else if (mark_host_object_inactive(index) == 0) {
+        retired = true;
+    } else {
         return -1;
     }
     ovani_log(VELM_LOG_DEBUG, "hostNumberOfEntries is %d\n", static_cast<int>(s_hostnumberofentries));
     return index;
 }
 
-int ovani_del_host_info_by_node(const host_node *pNodeInfo)
+int ovani_del_host_info_by_node(host_node *pNodeInfo)
 {
     if (pNodeInfo == nullptr) {
         ovani_log(VELM_LOG_ERR, "ovani_del_host_info_by_node::pNodeInfo NULLP error!!");
@@ -719,9 +730,13 @@ int ovani_del_host_info_by_node(const host_node *pNodeInfo)
         .InterfaceType = ovani_port_type_get_by_mac(pNodeInfo->mac),
         .Active = inactive,
     };
-    int index = ovani_del_host_info(&hostinfo);
+    bool retired = false;
+    int index = ovani_del_host_info(&hostinfo, retired);
     if (index > 0) {
         ovani_host_status_ubus_send(index);
+    }
+    if (retired) {
+        ovani_presence_offline(*pNodeInfo);
     }
     return R_OK;
 }

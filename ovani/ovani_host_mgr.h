@@ -55,8 +55,13 @@ int ovani_add_host_ipv6_info(const ovani_dhcpd_host_event *hostinfo);
 // marking. Announces nothing.
 int ovani_del_host_info(const ovani_dhcpd_host_event *hostinfo);
 
-// The same for a node of the host table, announced. R_OK, or R_ERROR for null.
-int ovani_del_host_info_by_node(const host_node *pNodeInfo);
+// The same, and tells whether the object really left the online set: the instance of a host is returned also
+// when the store refused to delete its object.
+int ovani_del_host_info(const ovani_dhcpd_host_event *hostinfo, bool &retired);
+
+// The same for a node of the host table, announced; the node becomes inactive with its object. R_OK, or
+// R_ERROR for null.
+int ovani_del_host_info_by_node(host_node *pNodeInfo);
 
 // Moves a host's object to another port and announces the change. Returns its instance, -1 when the store
 // refuses, 0 when there is no object or no record.

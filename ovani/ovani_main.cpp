@@ -2,10 +2,13 @@
 #include <csignal>
 #include <cstdlib>
 
+#include <pthread.h>
+
 #include "ovani/ovani_br_mgr.h"
 #include "ovani/ovani_host_mgr.h"
 #include "ovani/ovani_log.h"
 #include "ovani/ovani_mac_table.h"
+#include "ovani/ovani_neigh.h"
 #include "ovani/ovani_ubus.h"
 
 int main(int argc, char **argv)
@@ -23,6 +26,12 @@ int main(int argc, char **argv)
     ovani_mac_table_init();
     ovani_hostmgr_init();
     ovani_log(VELM_LOG_DEBUG, "ovani_hostmgr_init finish\n");
+    // Neither joined nor detached: the thread lives as long as the process.
+    pthread_t neighbour_watcher;
+    if (pthread_create(&neighbour_watcher, nullptr, ovani_host_neigh_poll, nullptr) != 0) {
+        ovani_log(VELM_LOG_ERR, "Create ovani_host_neigh_poll thread error\n!");
+    }
+    ovani_log(VELM_LOG_DEBUG, "ovani_host_neigh_poll pthread_create\n");
     int status = ovani_ubus_init();
     if (status != 0) {
         ovani_log(VELM_LOG_ERR, "ovani_ubus_init() fail!\n");

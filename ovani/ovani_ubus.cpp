@@ -131,6 +131,7 @@ void ovani_port_status_ubus_handle_event(blob_attr *msg)
     }
     ovani_log(VELM_LOG_DEBUG, "port status event message,port=%d, action=%s.\n", event.port,
               event.status != 0 ? "UP" : "DOWN");
+    ovani_port_status_event_process(&event);
 }
 
 void ovani_wifi_user_ubus_handle_event(blob_attr *msg)
@@ -143,6 +144,7 @@ void ovani_wifi_user_ubus_handle_event(blob_attr *msg)
     }
     ovani_log(VELM_LOG_DEBUG, "wifi user event event message,user mac=%s, action=%s.\n",
               mac_colon_text(event.mac).data(), event.action != 0 ? "UP" : "DOWN");
+    ovani_wifi_user_event_process(&event);
 }
 
 void ovani_dhcpd_user_ubus_handle_event(blob_attr *msg)
@@ -201,6 +203,7 @@ void ubus_handle_event_msg(ubus_context *, ubus_event_handler *, const char *typ
 
 void ovani_eventmgr_eventway_main(ubus_context *ctx)
 {
+    ovani_lanhost_info_init();
     listener = {};
     listener.cb = ubus_handle_event_msg;
     for (const event_entry &event : events) {

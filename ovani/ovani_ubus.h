@@ -13,7 +13,7 @@ int ovani_ubus_init();
 // Publishes the object and, when that succeeded, subscribes.
 void ovani_ubus_init_main(ubus_context *ctx);
 
-// Subscribes to the six events.
+// Finds the hosts that are attached already, then subscribes to the six events.
 void ovani_eventmgr_eventway_main(ubus_context *ctx);
 
 // Tells the system manager that the daemon is ready.

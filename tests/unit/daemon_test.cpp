@@ -8,6 +8,7 @@
 
 #include "ovani/ovani_br_mgr.h"
 #include "ovani/ovani_memory.h"
+#include "ovani/ovani_presence.h"
 
 namespace {
 
@@ -51,6 +52,7 @@ void DaemonTest::restart(int carrier)
     platform.carrier = carrier;
     ovani_operator_type_init();
     ovani_mac_table_init();
+    ovani_presence_init();
     s_hostnumberofentries = 0;
     s_hostmaxnumber = 0;
     g_slaveapnum = 0;

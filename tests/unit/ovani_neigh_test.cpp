@@ -1,0 +1,150 @@
+#include "ovani/ovani_neigh.h"
+
+#include <cstring>
+
+#include <linux/neighbour.h>
+#include <linux/rtnetlink.h>
+#include <sys/socket.h>
+
+#include "ovani/ovani_fd.h"
+#include "tests/unit/daemon_test.h"
+
+namespace {
+
+constexpr int br0 = 7;
+
+// One neighbour message, byte by byte.
+struct Neighbour {
+    int type = RTM_NEWNEIGH;
+    int interface = br0;
+    int family = AF_INET6;
+    int state = NUD_REACHABLE;
+    std::string address = std::string("\x20\x01\x0d\xb8\0\0\0\0\0\0\0\0\0\0\0\1", 16);
+    std::string link_address = std::string("\0\x11\x22\xaa\xbb\xcc", 6);
+
+    std::string bytes() const
+    {
+        std::string attributes = attribute(NDA_DST, address) + attribute(NDA_LLADDR, link_address);
+        nlmsghdr header{};
+        header.nlmsg_len = static_cast<uint32_t>(sizeof header + sizeof(ndmsg) + attributes.size());
+        header.nlmsg_type = static_cast<uint16_t>(type);
+        ndmsg neighbour{};
+        neighbour.ndm_family = static_cast<uint8_t>(family);
+        neighbour.ndm_ifindex = interface;
+        neighbour.ndm_state = static_cast<uint16_t>(state);
+        return raw(header) + raw(neighbour) + attributes;
+    }
+
+    static std::string attribute(int type, const std::string &data)
+    {
+        rtattr header{};
+        header.rta_len = static_cast<uint16_t>(sizeof header + data.size());
+        header.rta_type = static_cast<uint16_t>(type);
+        std::string padding((4 - data.size() % 4) % 4, '\0');
+        return raw(header) + data + padding;
+    }
+
+    template <typename T>
+    static std::string raw(const T &value)
+    {
+        return {reinterpret_cast<const char *>(&value), sizeof value};
+    }
+};
+
+class NeighbourTest : public DaemonTest {
+protected:
+    NeighbourTest()
+    {
+        ifidx_lan = br0;
+        path.answer("ubus", "echo \"$*\" >>" + path.trace_file());
+    }
+    // What the batch sends on the bus.
+    std::string sent(const std::string &batch)
+    {
+        int ends[2];
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, ends), 0);
+        UniqueFd in(ends[0]);
+        UniqueFd out(ends[1]);
+        EXPECT_EQ(send(in.get(), batch.data(), batch.size(), 0), static_cast<ssize_t>(batch.size()));
+        std::string before = path.trace();
+        read_netlink_message(out.get());
+        return path.trace().substr(before.size());
+    }
+    CommandPath path;
+};
+
+} // namespace
+
+TEST_F(NeighbourTest, ReachableAndRemovedNeighboursOfTheBridgeAreTold)
+{
+    Neighbour global;
+    EXPECT_EQ(sent(global.bytes()),
+              "send dhcp_user_event {\"dhcp_user_string\":\"#NB6ADD#GUA#2001:db8::1#00:11:22:aa:bb:cc\"}\n");
+    Neighbour local;
+    local.address = std::string("\xfe\x80\0\0\0\0\0\0\0\0\0\0\0\0\0\2", 16);
+    local.state = NUD_PERMANENT;
+    Neighbour gone = global;
+    gone.type = RTM_DELNEIGH;
+    gone.state = NUD_FAILED;
+    EXPECT_EQ(sent(local.bytes() + gone.bytes()),
+              "send dhcp_user_event {\"dhcp_user_string\":\"#NB6ADD#LLA#fe80::2#00:11:22:aa:bb:cc\"}\n"
+              "send dhcp_user_event {\"dhcp_user_string\":\"#NB6DEL#GUA#2001:db8::1#00:11:22:aa:bb:cc\"}\n");
+}
+
+TEST_F(NeighbourTest, OtherMessagesArePassedOver)
+{
+    auto changed = [](auto change) {
+        Neighbour neighbour;
+        change(neighbour);
+        return neighbour.bytes();
+    };
+    const std::string batches[] = {
+        changed([](Neighbour &n) { n.state = NUD_STALE; }),
+        changed([](Neighbour &n) { n.interface = br0 + 1; }),
+        changed([](Neighbour &n) { n.family = AF_INET; }),
+        changed([](Neighbour &n) { n.type = RTM_NEWLINK; }),
+        changed([](Neighbour &n) { n.address[0] = '\xff'; }),
+        changed([](Neighbour &n) { n.address.resize(4); }),
+        changed([](Neighbour &n) { n.link_address.clear(); }),
+        changed([](Neighbour &n) { n.link_address = std::string(11, 'x'); }),
+        changed([](Neighbour &n) { n.link_address = std::string(3000, 'x'); }),
+    };
+    for (const std::string &batch : batches) {
+        EXPECT_EQ(sent(batch), "");
+    }
+    Neighbour longest;
+    longest.link_address = std::string(10, '\xab');
+    EXPECT_THAT(sent(longest.bytes()), testing::HasSubstr("ab:ab:ab:ab:ab:ab:ab:ab:ab:ab\""));
+}
+
+// Every cut and every damaged byte of a batch is survived, and what is told remains well formed.
+TEST_F(NeighbourTest, DamagedBatchesAreSurvived)
+{
+    path.answer("ubus", "true");
+    std::string batch = Neighbour{}.bytes() + Neighbour{}.bytes();
+    ifidx_lan = br0 + 1; // nothing is to be told: this is about the walk
+    for (size_t length = 0; length < batch.size(); ++length) {
+        sent(batch.substr(0, length));
+    }
+    ifidx_lan = br0;
+    for (size_t at = 0; at < sizeof(nlmsghdr) + sizeof(ndmsg) + 8; ++at) {
+        for (char value : {'\0', '\1', '\x7f', '\xff'}) {
+            std::string damaged = batch;
+            damaged[at] = value;
+            sent(damaged);
+        }
+    }
+    read_netlink_message(-1);
+}
+
+TEST(NeighbourAttributes, TheFirstOfEachTypeWithinBoundsIsKept)
+{
+    std::string bytes = Neighbour::attribute(1, "first") + Neighbour::attribute(1, "second") +
+                        Neighbour::attribute(11, "beyond") + Neighbour::attribute(2, "cut short");
+    alignas(rtattr) char buffer[128];
+    memcpy(buffer, bytes.data(), bytes.size());
+    rtattr *table[11];
+    neigh_parse_rattr(table, 10, reinterpret_cast<rtattr *>(buffer), static_cast<int>(bytes.size()) - 8);
+    EXPECT_EQ(table[1], reinterpret_cast<rtattr *>(buffer));
+    EXPECT_EQ(table[2], nullptr);
+}
