@@ -60,8 +60,8 @@ int lib_zk_blobmsg_add_struct(struct blob_buf *buf, const char *name, const void
 void *lib_zk_blobmsg_get_struct(struct blob_attr *attr);
 
 /* Tables of name/value pairs: `data` and `len` are the table attribute's data and its length in bytes. The
- * first counts the members; the second calls `func` with `priv` for each string member in order, whatever
- * `func` returns, and is false when the table is damaged. */
+ * first counts the members, up to a damaged one; the second calls `func` with `priv` for each string member
+ * in order, whatever `func` returns, and is false, with no call made, when the table is damaged. */
 typedef bool (*ubus_KV_Set_Func)(const char *key, const char *value, void *priv);
 unsigned int ubus_KV_size_get(void *data, int len);
 bool ubus_parse_kv_config(void *data, int len, ubus_KV_Set_Func func, void *priv);

@@ -48,11 +48,13 @@ typedef struct {
 /* Limits the MACs learned on a LAN port. */
 int qvdrv_net_set_port_mac_limit(unsigned int port, unsigned int limit);
 
-/* Maps VLAN `lan_vlan` on a LAN port to a WAN connection, and takes the mapping away. */
+/* Maps VLAN `lan_vlan` on a LAN port to a WAN connection, in place of what it was mapped to, and takes the
+ * mapping to that connection away, a failure when there is none. */
 int qvdrv_net_set_vlan_bind(unsigned int port, unsigned short lan_vlan, const qv_wan_param *wan);
 int qvdrv_net_del_vlan_bind(unsigned int port, unsigned short lan_vlan, const qv_wan_param *wan);
 
-/* A device's bandwidth ceilings, upstream and downstream, and its total limits. */
+/* A device's bandwidth ceilings, upstream and downstream, and its total limits. Ceilings that were never set
+ * cannot be got: that is a failure, and leaves the outputs alone. */
 int qvdrv_net_get_dev_maxbandwidth(const char *mac, unsigned int *maxus, unsigned int *maxds);
 int qvdrv_net_set_dev_maxbandwidth(const char *mac, unsigned int maxus, unsigned int maxds);
 int qvdrv_net_set_dev_total_bandwidth(const char *mac, unsigned int up, unsigned int down);

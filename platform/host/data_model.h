@@ -12,6 +12,7 @@
 // A path holds this many instance numbers at most (InstIdStack's capacity), a value this many bytes.
 inline constexpr size_t MODEL_MAX_DEPTH = 8;
 inline constexpr size_t MODEL_MAX_VALUE = 255;
+inline constexpr int MODEL_MAX_BEGIN = 255; // instances that a table may begin with
 
 inline constexpr int MODEL_NONE = -1;
 
@@ -27,6 +28,7 @@ struct ModelObject {
     std::string path;         // "InternetGatewayDevice.LANDevice.1.Hosts.Host.{i}."
     size_t depth = 0;         // how many {i} it holds
     bool is_instance = false; // ends in "{i}.": one row of a table
+    int begins_with = 0;      // how many instances the table has in a fresh store, numbered from 1
     int parent = MODEL_NONE;  // nearest object above it that the model lists
     std::vector<ModelParameter> parameters;
 };

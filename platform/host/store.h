@@ -48,6 +48,10 @@ struct StoreItem {
 StoreResult store_read(std::span<const StoreItem> items, int wait);
 StoreResult store_write(std::span<const StoreItem> items, int wait);
 
+// As store_write, but instances that do not exist are created first, under their own numbers, together with
+// those they lie in.
+StoreResult store_put(std::span<const StoreItem> items, int wait);
+
 // Creates an instance of `table` under its lowest free number, with all objects that belong to it, and says
 // which.
 StoreResult store_add(const ObjectRef &table, int &instance, int wait);

@@ -11,7 +11,12 @@ TEST(DataModel, TellsWhatIsWrongInWhichLine)
         const char *error;
     } cases[] = {
         {"A", "line 1: an object's path ends in a dot"},
-        {"A.b c.", "line 1: a component"},
+        {"A.b+c.", "line 1: a component"},
+        {"A.{i}. 0", "line 1: only a table"},
+        {"A.{i}. 256", "line 1: only a table"},
+        {"A.{i}. x", "line 1: only a table"},
+        {"A.b. 4", "line 1: only a table"},
+        {"A.{i}.\nA.{i}.B.{i}. 4", "line 2: only a table"},
         {"A.{i}.\nA.{i}.B.{i}.{i}.", "line 2: the table above it"},
         {"A.1.\nA.{i}.", "line 2: the object is listed twice"},
         {"A.\n\n# comment\n  p q 3", "line 4: the length"},
