@@ -17,6 +17,7 @@
 #include "ovani/ovani_device_type.h"
 #include "ovani/ovani_event.h"
 #include "ovani/ovani_fd.h"
+#include "ovani/ovani_host_config.h"
 #include "ovani/ovani_host_table.h"
 #include "ovani/ovani_log.h"
 #include "ovani/ovani_mac_table.h"
@@ -532,6 +533,9 @@ int ovani_add_host_info(ovani_dhcpd_host_event *hostinfo)
     if (mac_form_translate(hostinfo->MACAddress, MAC_FORM_COLON_LOWER, texts.MACAddress) == -1) {
         ovani_log(VELM_LOG_ERR, "ovani_del_host_info mac_form_translate error");
         return -1;
+    }
+    if (access(SPEEDLIMIT_MACLIST_FILE, F_OK) == 0) {
+        handler_speedlimit_config(texts.MACAddress);
     }
     apply_mac_filter(*hostinfo);
 

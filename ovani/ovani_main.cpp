@@ -5,10 +5,13 @@
 #include <pthread.h>
 
 #include "ovani/ovani_br_mgr.h"
+#include "ovani/ovani_host_config.h"
 #include "ovani/ovani_host_mgr.h"
+#include "ovani/ovani_lan_port_config.h"
 #include "ovani/ovani_log.h"
 #include "ovani/ovani_mac_table.h"
 #include "ovani/ovani_neigh.h"
+#include "ovani/ovani_port_mgr.h"
 #include "ovani/ovani_ubus.h"
 
 int main(int argc, char **argv)
@@ -26,12 +29,21 @@ int main(int argc, char **argv)
     ovani_mac_table_init();
     ovani_hostmgr_init();
     ovani_log(VELM_LOG_DEBUG, "ovani_hostmgr_init finish\n");
-    // Neither joined nor detached: the thread lives as long as the process.
+    vlan_bind_init();
+    ovani_log(VELM_LOG_DEBUG, "vlan_bind_init finish\n");
+    ovani_port_mgr_init();
+    ovani_log(VELM_LOG_DEBUG, "ovani_port_mgr_init finish\n");
+    // Neither joined nor detached: the threads live as long as the process.
+    pthread_t wifi_binder;
+    if (pthread_create(&wifi_binder, nullptr, vlan_bind_init_wifi, nullptr) != 0) {
+        ovani_log(VELM_LOG_ERR, "Create vlan_bind_init thread error\n!");
+    }
     pthread_t neighbour_watcher;
     if (pthread_create(&neighbour_watcher, nullptr, ovani_host_neigh_poll, nullptr) != 0) {
         ovani_log(VELM_LOG_ERR, "Create ovani_host_neigh_poll thread error\n!");
     }
     ovani_log(VELM_LOG_DEBUG, "ovani_host_neigh_poll pthread_create\n");
+    ovani_speedlimit_all();
     int status = ovani_ubus_init();
     if (status != 0) {
         ovani_log(VELM_LOG_ERR, "ovani_ubus_init() fail!\n");

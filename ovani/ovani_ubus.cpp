@@ -1,12 +1,16 @@
 #include "ovani/ovani_ubus.h"
 
 #include <cstring>
+#include <iterator>
 
 #include <arpa/inet.h>
 
 #include "ovani/ovani_commdef.h"
 #include "ovani/ovani_event.h"
+#include "ovani/ovani_host_config.h"
+#include "ovani/ovani_lan_port_config.h"
 #include "ovani/ovani_log.h"
+#include "ovani/ovani_port_mgr.h"
 
 ubus_context *s_ovani_ctx;
 
@@ -15,10 +19,39 @@ namespace {
 blob_buf s_buf;
 ubus_event_handler listener;
 
+int ovani_devfuc_port_cfg_handle(ubus_context *ctx, ubus_object *obj, ubus_request_data *req,
+                                 const char *method, blob_attr *msg);
+int ovani_devfuc_lanhost_cfg_handle(ubus_context *ctx, ubus_object *obj, ubus_request_data *req,
+                                    const char *method, blob_attr *msg);
+
+// The path of the object that changed, and its changed parameters.
+enum { CONFIG_PORT_SET_URL_STRING, CONFIG_PORT_SET_PARAM_TABLE, __CONFIG_PORT_SET_MAX };
+constexpr blobmsg_policy config_port_policy[__CONFIG_PORT_SET_MAX] = {
+    {"url", BLOBMSG_TYPE_STRING},
+    {"data", BLOBMSG_TYPE_TABLE},
+};
+
+constexpr ubus_method make_method(const char *name, ubus_handler_t handler)
+{
+    ubus_method method{};
+    method.name = name;
+    method.handler = handler;
+    method.policy = config_port_policy;
+    method.n_policy = __CONFIG_PORT_SET_MAX;
+    return method;
+}
+
+constexpr ubus_method ovani_methods[] = {
+    make_method("ovani_devfuc_port_cfg", ovani_devfuc_port_cfg_handle),
+    make_method("set_lanhost_config", ovani_devfuc_lanhost_cfg_handle),
+};
+
 ubus_object_type make_object_type()
 {
     ubus_object_type type{};
     type.name = "ovani";
+    type.methods = ovani_methods;
+    type.n_methods = std::size(ovani_methods);
     return type;
 }
 
@@ -27,6 +60,8 @@ ubus_object make_object(ubus_object_type *type)
     ubus_object object{};
     object.name = "ovani";
     object.type = type;
+    object.methods = ovani_methods;
+    object.n_methods = std::size(ovani_methods);
     return object;
 }
 
@@ -167,6 +202,7 @@ void ovani_dhcpd_user_ubus_handle_event(blob_attr *msg)
 void ovani_handle_wanchange_info(blob_attr *)
 {
     ovani_log(VELM_LOG_DEBUG, "Receive wanchange message.\n");
+    ovani_rebind_port_vlan();
 }
 
 // The events, in the order in which they are subscribed and compared. Where a failed subscription drops the
@@ -198,6 +234,81 @@ void ubus_handle_event_msg(ubus_context *, ubus_event_handler *, const char *typ
         }
     }
 }
+
+// --- Methods
+
+namespace {
+
+// A request carries fewer pairs than this.
+constexpr unsigned MAX_PARAM_NUM_IN_ONE_OBJ = 1000;
+
+struct config_request {
+    char *url;
+    blob_attr *data;
+};
+
+// Takes a request apart. UBUS_STATUS_OK, or what the method is to return, logged as `function`.
+int take_config_request(const char *function, blob_attr *msg, config_request &request)
+{
+    blob_attr *attributes[__CONFIG_PORT_SET_MAX] = {};
+    if (msg != nullptr) {
+        blobmsg_parse(config_port_policy, __CONFIG_PORT_SET_MAX, attributes, blob_data(msg),
+                      static_cast<unsigned>(blob_len(msg)));
+    }
+    if (attributes[CONFIG_PORT_SET_URL_STRING] == nullptr ||
+        attributes[CONFIG_PORT_SET_PARAM_TABLE] == nullptr) {
+        return UBUS_STATUS_INVALID_ARGUMENT;
+    }
+    request.url = blobmsg_get_string(attributes[CONFIG_PORT_SET_URL_STRING]);
+    request.data = attributes[CONFIG_PORT_SET_PARAM_TABLE];
+    unsigned tableNum =
+        ubus_KV_size_get(blobmsg_data(request.data), static_cast<int>(blobmsg_data_len(request.data)));
+    ovani_log_as(function, VELM_LOG_DEBUG, "tableNum=%d\n", static_cast<int>(tableNum));
+    if (tableNum >= MAX_PARAM_NUM_IN_ONE_OBJ) {
+        ovani_log_as(function, VELM_LOG_ERR, "tableNum(%d) error!\n", static_cast<int>(tableNum));
+        return -1;
+    }
+    ovani_log_as(function, VELM_LOG_DEBUG, "get cfg!\n");
+    return UBUS_STATUS_OK;
+}
+
+void offer_pairs(const config_request &request, ubus_KV_Set_Func parser, void *priv)
+{
+    ubus_parse_kv_config(blobmsg_data(request.data), static_cast<int>(blobmsg_data_len(request.data)), parser,
+                         priv);
+}
+
+int ovani_devfuc_port_cfg_handle(ubus_context *, ubus_object *, ubus_request_data *, const char *,
+                                 blob_attr *msg)
+{
+    ovani_log(VELM_LOG_DEBUG, "ovani_devfuc_eth_cfg_handle start!\n");
+    LanEthInterfaceParam param{};
+    config_request request{};
+    int status = take_config_request(__func__, msg, request);
+    if (status != UBUS_STATUS_OK) {
+        return status;
+    }
+    offer_pairs(request, g_system_set_lan_config, &param);
+    ovani_log(VELM_LOG_DEBUG, "obj_url = %s\n", request.url);
+    ovani_set_lanport_cfg_process(request.url, &param);
+    ovani_set_eth_cfg_process(request.url, &param);
+    return UBUS_STATUS_OK;
+}
+
+int ovani_devfuc_lanhost_cfg_handle(ubus_context *, ubus_object *, ubus_request_data *, const char *,
+                                    blob_attr *msg)
+{
+    ovani_log(VELM_LOG_DEBUG, "ovani_devfuc_lanhost_cfg_handle start!\n");
+    config_request request{};
+    int status = take_config_request(__func__, msg, request);
+    if (status != UBUS_STATUS_OK) {
+        return status;
+    }
+    offer_pairs(request, system_set_lanhost_config_param, request.url);
+    return UBUS_STATUS_OK;
+}
+
+} // namespace
 
 // --- Start-up and loop
 

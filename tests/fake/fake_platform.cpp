@@ -4,8 +4,10 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <sstream>
 
 #include "platform/qvdrv_net_api.h"
+#include "platform/qvdrv_pon_api.h"
 #include "platform/zk_log.h"
 #include "platform/zk_sys_mgr.h"
 #include "platform/zkcfgif.h"
@@ -89,6 +91,15 @@ std::vector<char> bytes_of(const blob_buf &buf)
 {
     const char *head = reinterpret_cast<const char *>(buf.head);
     return {head, head + blob_raw_len(buf.head)};
+}
+
+template <typename... Word>
+std::string words(const char *first, const Word &...rest)
+{
+    std::ostringstream text;
+    text << first;
+    ((text << ' ' << rest), ...);
+    return text.str();
 }
 
 struct Session {
@@ -253,6 +264,80 @@ int zk_sys_mgr_get_brmac(char *mac)
     return 0;
 }
 
+int zk_sys_mgr_get_devinfo(devinfo *info)
+{
+    if (int code = record("devinfo")) {
+        return code;
+    }
+    info->port_num = platform().port_num;
+    return 0;
+}
+
+void zkapi_getobjidbyobjpath(const char *path, InstIdStack *ids)
+{
+    *ids = {};
+    std::istringstream parts(path);
+    for (std::string part; std::getline(parts, part, '.') && ids->currentDepth < 8;) {
+        if (!part.empty() && part.find_first_not_of("0123456789") == std::string::npos) {
+            ids->instance[ids->currentDepth++] = atoi(part.c_str());
+        }
+    }
+}
+
+int qvdrv_net_set_port_mac_limit(unsigned int port, unsigned int limit)
+{
+    return record(fake::words("mac_limit", port, limit));
+}
+
+int qvdrv_net_set_vlan_bind(unsigned int port, unsigned short lan_vlan, const qv_wan_param *wan)
+{
+    return record(fake::words("bind", port, lan_vlan, wan->vid));
+}
+
+int qvdrv_net_del_vlan_bind(unsigned int port, unsigned short lan_vlan, const qv_wan_param *wan)
+{
+    return record(fake::words("unbind", port, lan_vlan, wan->vid));
+}
+
+int qvdrv_net_get_dev_maxbandwidth(const char *mac, unsigned int *maxus, unsigned int *maxds)
+{
+    auto found = platform().ceilings.find(mac);
+    if (found == platform().ceilings.end()) {
+        return 1;
+    }
+    *maxus = found->second.first;
+    *maxds = found->second.second;
+    return 0;
+}
+
+int qvdrv_net_set_dev_maxbandwidth(const char *mac, unsigned int maxus, unsigned int maxds)
+{
+    platform().ceilings[mac] = {maxus, maxds};
+    return record(fake::words("ceiling", mac, maxus, maxds));
+}
+
+int qvdrv_net_set_dev_total_bandwidth(const char *mac, unsigned int up, unsigned int down)
+{
+    return record(fake::words("total", mac, up, down));
+}
+
+int qvdrv_pon_set_eth_port_work_mode(const PON_ETH_PORT_WORK_MODE_T *mode)
+{
+    return record(
+        fake::words("work_mode", mode->port_index, mode->auto_neg_enable, mode->rate, mode->duplex_mode));
+}
+
+int qvdrv_pon_set_eth_port_state(const PON_ETH_PORT_STATE_T *state)
+{
+    return record(fake::words("port_state", state->port_index, state->enable));
+}
+
+int qvdrv_pon_get_eth_port_link_status(PON_ETH_PORT_LINK_STATUS_T *status)
+{
+    status->link_up = platform().links_up.contains(static_cast<int>(status->port_index)) ? 1 : 0;
+    return record(fake::words("link_status", status->port_index));
+}
+
 int qvdrv_eth_get_port_id(const char *ifname, unsigned short *port_id)
 {
     unsigned short number = 0;
@@ -275,6 +360,7 @@ int lib_zk_ubus_init(ubus_context **ctx)
 
 int lib_zk_ubus_add_object(ubus_context *, ubus_object *obj)
 {
+    platform().object = obj;
     return record(std::string("add_object ") + obj->name);
 }
 
@@ -326,6 +412,31 @@ int lib_zk_blobmsg_add_struct(blob_buf *buf, const char *name, const void *data,
 void *lib_zk_blobmsg_get_struct(blob_attr *attr)
 {
     return blobmsg_data(attr);
+}
+
+unsigned int ubus_KV_size_get(void *data, int len)
+{
+    unsigned int count = 0;
+    blob_attr *member = nullptr;
+    auto rest = static_cast<size_t>(len);
+    __blob_for_each_attr(member, data, rest)
+    {
+        ++count;
+    }
+    return count;
+}
+
+bool ubus_parse_kv_config(void *data, int len, ubus_KV_Set_Func func, void *priv)
+{
+    blob_attr *member = nullptr;
+    auto rest = static_cast<size_t>(len);
+    __blob_for_each_attr(member, data, rest)
+    {
+        if (blobmsg_type(member) == BLOBMSG_TYPE_STRING) {
+            func(blobmsg_name(member), blobmsg_get_string(member), priv);
+        }
+    }
+    return true;
 }
 
 } // extern "C"

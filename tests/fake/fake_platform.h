@@ -39,6 +39,14 @@ struct Platform {
     int carrier = 1;
     std::string areacode = "Beijing";
     std::string brmac = "02:00:00:00:00:01";
+    unsigned port_num = 4;
+
+    // Drivers: bandwidth ceilings by MAC, up and down, and the ports with a link.
+    std::map<std::string, std::pair<unsigned, unsigned>> ceilings;
+    std::set<int> links_up;
+
+    // The bus object the daemon published.
+    ubus_object *object = nullptr;
 
     // What happened.
     std::vector<LogLine> log;

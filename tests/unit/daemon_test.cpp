@@ -9,6 +9,7 @@
 #include "ovani/ovani_br_mgr.h"
 #include "ovani/ovani_memory.h"
 #include "ovani/ovani_presence.h"
+#include "ovani/ovani_ubus.h"
 
 namespace {
 
@@ -107,6 +108,36 @@ int DaemonTest::arp(const Mac &mac, uint32_t ip)
 void DaemonTest::dhcp(std::string text)
 {
     ovani_dhcpd_user_event_process(text.data());
+}
+
+int call_method(const char *method, blob_attr *message)
+{
+    if (fake::platform().object == nullptr) {
+        ovani_ubus_init_main(nullptr);
+    }
+    const ubus_object &object = *fake::platform().object;
+    for (int i = 0; i < object.n_methods; ++i) {
+        if (strcmp(object.methods[i].name, method) == 0) {
+            return object.methods[i].handler(nullptr, fake::platform().object, nullptr, method, message);
+        }
+    }
+    ADD_FAILURE() << "no method " << method;
+    return -1;
+}
+
+int call_method(const char *method, const char *url, const Pairs &pairs)
+{
+    blob_buf message{};
+    blob_buf_init(&message, 0);
+    blobmsg_add_string(&message, "url", url);
+    void *table = blobmsg_open_table(&message, "data");
+    for (const auto &[name, value] : pairs) {
+        blobmsg_add_string(&message, name.c_str(), value.c_str());
+    }
+    blobmsg_close_table(&message, table);
+    int status = call_method(method, message.head);
+    blob_buf_free(&message);
+    return status;
 }
 
 CommandPath::CommandPath() : old_path_(getenv("PATH"))

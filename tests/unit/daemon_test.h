@@ -44,6 +44,11 @@ protected:
     host_node *host(const Mac &mac) { return ovani_host_node_match_by_mac(&g_host_table_ipv4, mac.data()); }
 };
 
+// Calls a method of the daemon's bus object with a path and pairs; what it returns.
+using Pairs = std::vector<std::pair<std::string, std::string>>;
+int call_method(const char *method, const char *url, const Pairs &pairs);
+int call_method(const char *method, blob_attr *message);
+
 // A directory at the front of PATH, for commands that the test answers.
 class CommandPath {
 public:

@@ -1,0 +1,170 @@
+#include "ovani/ovani_host_config.h"
+
+#include <cstring>
+#include <fstream>
+
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "tests/unit/daemon_test.h"
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+class HostConfigTest : public DaemonTest {
+protected:
+    HostConfigTest()
+    {
+        learn(pc, "eth1");
+        arp(pc, pc_ip);
+        platform.calls.clear();
+        platform.sent.clear();
+    }
+    int set(const std::string &url, const char *name, const char *value)
+    {
+        return call_method("set_lanhost_config", url.c_str(), {{name, value}});
+    }
+    std::string alias(int instance, const char *parameter)
+    {
+        return platform.values[OVANI_HOSTALIAS_OBJ_URL + std::to_string(instance) + "." + parameter];
+    }
+};
+
+} // namespace
+
+TEST_F(HostConfigTest, CeilingsKeepTheOtherDirection)
+{
+    platform.ceilings["00:11:22:AA:BB:CC"] = {10, 20};
+    set(host_path(1), "MaxUSBandwidth", "111");
+    EXPECT_EQ(platform.ceilings["00:11:22:AA:BB:CC"], std::pair(111U, 20U));
+    set(host_path(1), "MaxDSBandwidth", "222");
+    EXPECT_EQ(platform.ceilings["00:11:22:AA:BB:CC"], std::pair(111U, 222U));
+    EXPECT_THAT(fake::announced_instances(), ElementsAre(1, 1));
+
+    // Hosts without a cache row, and paths that are no host's, change nothing.
+    platform.calls.clear();
+    for (int instance : {2, 0, 254, 255, 100000}) {
+        set(host_path(instance), "MaxUSBandwidth", "5");
+    }
+    set("InternetGatewayDevice.LANDevice.1.Hosts.Host.", "MaxUSBandwidth", "5");
+    set("", "MaxDSBandwidth", "5");
+    EXPECT_EQ(fake::count_calls("ceiling"), 0);
+}
+
+TEST_F(HostConfigTest, EveryParameterOfAHostIsAnnounced)
+{
+    struct Case {
+        const char *key;
+        bool applied;
+    } cases[] = {{"MaxUSBandwidth", true}, {"HostAlias", true}, {"DevName", false},
+                 {"Brand", false},         {"OS", false},       {"DeviceOnlineNofication", false},
+                 {"hostalias", false},     {"", false}};
+    std::string url = host_path(7);
+    for (const Case &c : cases) {
+        platform.sent.clear();
+        EXPECT_EQ(system_set_lanhost_config_param(c.key, "x", url.data()), c.applied) << c.key;
+        EXPECT_THAT(fake::announced_instances(), ElementsAre(7)) << c.key;
+    }
+    platform.sent.clear();
+    EXPECT_TRUE(system_set_lanhost_config_param(nullptr, "x", url.data()));
+    EXPECT_TRUE(fake::logged("param is Null\n", 3));
+    char elsewhere[] = "InternetGatewayDevice.LANDevice.1.";
+    EXPECT_FALSE(system_set_lanhost_config_param("OS", "x", elsewhere));
+    EXPECT_THAT(fake::announced_instances(), IsEmpty());
+}
+
+TEST_F(HostConfigTest, AnAliasBelongsToItsMac)
+{
+    set(host_path(1), "HostAlias", "desk");
+    EXPECT_EQ(alias(1, "MACAddress"), "00:11:22:aa:bb:cc");
+    EXPECT_EQ(alias(1, "HostAlias"), "desk");
+    platform.values[std::string(OVANI_HOSTALIAS_OBJ_URL) + "1.MACAddress"] = "00:11:22:AA:BB:CC";
+    set(host_path(1), "HostAlias", "couch");
+    EXPECT_EQ(alias(1, "HostAlias"), "couch");
+    EXPECT_EQ(fake::count_calls("obj_add"), 1);
+
+    // Only the first 64 are searched.
+    for (int i = 1; i <= 64; ++i) {
+        platform.objects.insert(OVANI_HOSTALIAS_OBJ_URL + std::to_string(i) + ".");
+        platform.values[OVANI_HOSTALIAS_OBJ_URL + std::to_string(i) + ".MACAddress"] = "other";
+    }
+    EXPECT_EQ(set_hostalias_process("far", host_path(1).c_str()), R_OK);
+    EXPECT_EQ(alias(65, "HostAlias"), "far");
+    platform.fail = [](const std::string &call) { return call.starts_with("obj_add") ? 1 : 0; };
+    EXPECT_EQ(set_hostalias_process("none", host_path(1).c_str()), -1);
+    platform.fail = [](const std::string &call) { return call == "process set" ? 1 : 0; };
+    EXPECT_EQ(set_hostalias_process("none", host_path(1).c_str()), -1);
+}
+
+TEST_F(HostConfigTest, BuiltInDevicesAreLimitedWhenSwitchedOn)
+{
+    ovani_speedlimit_all();
+    platform.values[OVANI_SPEEDLIMIT_PATH] = "0";
+    ovani_speedlimit_all();
+    EXPECT_EQ(fake::count_calls("total"), 0);
+    platform.values[OVANI_SPEEDLIMIT_PATH] = "1";
+    platform.values[OVANI_UP_SPEEDLIMIT_PATH] = "null";
+    platform.values[OVANI_DOWN_SPEEDLIMIT_PATH] = "5000";
+    platform.calls.clear();
+    ovani_speedlimit_all();
+    EXPECT_EQ(fake::count_calls("total b8:27:eb:"), 19);
+    EXPECT_EQ(platform.calls.back(), "total b8:27:eb:50:b4:5e 70000 5000");
+}
+
+TEST_F(HostConfigTest, TheListFileLimitsTheHostsItNames)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root for a /qvconf of its own";
+    }
+    struct Case {
+        const char *list;
+        std::vector<std::string> calls;
+    } cases[] = {
+        {"100 200 00:11:22:AA:BB:CC", {"ceiling 00:11:22:AA:BB:CC 100 200"}},
+        {"100 200 x 00:11:22:aa:bb:cc x x x x x x x x", {"ceiling 00:11:22:aa:bb:cc 100 200"}},
+        {"100 200 x x x x x x x x x x 00:11:22:aa:bb:cc", {}}, // 13 words
+        {"100 200", {}},
+        {"", {}},
+        {"100 200 02:00:00:00:00:01", {}},
+    };
+    auto in_a_private_root = [&] {
+        // A root of our own that has nothing but what the shell needs, and /qvconf.
+        unshare(CLONE_NEWNS);
+        mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
+        mount("none", "/mnt", "tmpfs", 0, nullptr);
+        for (const char *part : {"bin", "usr", "lib", "lib64", "etc", "dev"}) {
+            std::string there = std::string("/mnt/") + part;
+            mkdir(there.c_str(), 0755);
+            mount((std::string("/") + part).c_str(), there.c_str(), nullptr, MS_BIND | MS_REC, nullptr);
+        }
+        mkdir("/mnt/qvconf", 0755);
+        ASSERT_EQ(chroot("/mnt"), 0);
+        for (const Case &c : cases) {
+            std::ofstream(SPEEDLIMIT_MACLIST_FILE) << c.list << "\n";
+            platform.calls.clear();
+            arp(pc, pc_ip);
+            std::vector<std::string> limited;
+            for (const std::string &call : platform.calls) {
+                if (call.starts_with("ceiling")) {
+                    limited.push_back(call);
+                }
+            }
+            EXPECT_EQ(limited, c.calls) << c.list;
+        }
+        EXPECT_TRUE(fake::logged("mac count:11 error !!!", 3));
+        // A host that is refused an object has been limited before.
+        std::ofstream(SPEEDLIMIT_MACLIST_FILE) << cases[0].list << "\n";
+        s_hostmaxnumber = 0;
+        platform.objects.clear();
+        platform.calls.clear();
+        arp(pc, pc_ip);
+        EXPECT_EQ(fake::count_calls("ceiling"), 1);
+        EXPECT_EQ(fake::count_calls("obj_add"), 0);
+        _exit(HasFailure() ? 1 : 0);
+    };
+    EXPECT_EXIT(in_a_private_root(), testing::ExitedWithCode(0), "");
+}

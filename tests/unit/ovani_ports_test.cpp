@@ -1,0 +1,495 @@
+// Operator profiles, WAN connections, VLAN binding and work modes, down to the driver calls.
+#include <cstring>
+
+#include "ovani/ovani_br_mgr.h"
+#include "ovani/ovani_lan_port_config.h"
+#include "ovani/ovani_port_mgr.h"
+#include "tests/unit/daemon_test.h"
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+const std::string wan = "InternetGatewayDevice.WANDevice.1.WANConnectionDevice.";
+const std::string lan = "InternetGatewayDevice.LANDevice.1.LANEthernetInterfaceConfig.";
+
+class PortsTest : public DaemonTest {
+protected:
+    void start(int carrier)
+    {
+        restart(carrier);
+        g_lan_inf_num = 0;
+        vlan_bind_init();
+        ovani_port_mgr_init();
+        platform.log.clear();
+        platform.calls.clear();
+    }
+    // A connection object with all its parameters.
+    void put(const std::string &path, const Pairs &values)
+    {
+        platform.objects.insert(path);
+        for (const auto &[name, value] : values) {
+            platform.values[path + name] = value;
+        }
+    }
+    // An enabled IP connection under the operator's names.
+    void put_connection(int carrier, int device, int connection, const std::string &vlan)
+    {
+        std::string device_path = wan + std::to_string(device) + ".";
+        std::string path = device_path + "WANIPConnection." + std::to_string(connection) + ".";
+        platform.objects.insert(device_path);
+        put(path, {{"Enable", "1"}, {"ConnectionType", "IP_Routed"}});
+        switch (carrier) {
+        case OPTYPE_CM:
+            put(path,
+                {{"X_CMCC_ServiceList", "INTERNET"}, {"X_CMCC_VLANMode", "2"}, {"X_CMCC_VLANIDMark", vlan}});
+            break;
+        case OPTYPE_CU:
+            put(path, {{"X_CU_ServiceList", "INTERNET"}});
+            put(device_path, {{"X_CU_VLANEnabled", "1"}, {"X_CU_VLAN", vlan}});
+            break;
+        default:
+            put(path, {{"X_TRUE_ServiceList", "INTERNET"}, {"X_TRUE_VlanID", vlan}});
+        }
+    }
+    // The driver calls since the last look.
+    std::vector<std::string> driven()
+    {
+        std::vector<std::string> calls;
+        for (const std::string &call : platform.calls) {
+            for (const char *driver :
+                 {"mac_limit", "bind", "unbind", "work_mode", "port_state", "ceiling", "total"}) {
+                if (call.starts_with(std::string(driver) + " ")) {
+                    calls.push_back(call);
+                }
+            }
+        }
+        platform.calls.clear();
+        return calls;
+    }
+    int configure(const std::string &url, const Pairs &pairs)
+    {
+        return call_method("ovani_devfuc_port_cfg", url.c_str(), pairs);
+    }
+};
+
+} // namespace
+
+TEST_F(PortsTest, ServiceListsNameServices)
+{
+    struct Case {
+        const char *list;
+        int mode; // -1: refused
+    } cases[] = {
+        {"voip,tr069", TR069_VOIP},
+        {"Internet_TR069", INTERNET_TR069},
+        {"all", INTERNET_TR069_VOIP},
+        {"VOICE,TR069,INTERNET", INTERNET_TR069_VOIP},
+        {"IPTV,OTHER", OTHER},
+        {"iptv", IPTV},
+        {"VOICE", VOIP},
+        {"internet,voip", INTERNET_VOIP},
+        {"TR069", TR069},
+        {"INTERNET", INTERNET},
+        {"SPECIAL_SERVICE_1", SPECIAL_SERVICE_1},
+        {"special_service_4", SPECIAL_SERVICE_4},
+        {"", -1},
+        {"AWIFI", -1},
+        {nullptr, -1},
+    };
+    for (const Case &c : cases) {
+        qv_wan_mode mode{};
+        EXPECT_EQ(parse_servicelist_to_wan_mode(&mode, c.list), c.mode < 0 ? -1 : 0) << text_or_empty(c.list);
+        EXPECT_EQ(mode, c.mode < 0 ? INTERNET : c.mode) << text_or_empty(c.list);
+    }
+    EXPECT_TRUE(fake::logged("Invalid ServiceLsit:AWIFI !\n", 3));
+    EXPECT_EQ(parse_servicelist_to_wan_mode(nullptr, "VOIP"), -1);
+}
+
+TEST_F(PortsTest, EachOperatorsConnectionIsReadUnderItsNames)
+{
+    struct Case {
+        int (*reader)(qv_wan_param *, int, int, int);
+        Pairs connection, device;
+        int vid, pbit, landhcp, iptype, brflag;
+    } cases[] = {
+        {read_wan_conn_cfg_by_index_cm,
+         {{"X_CMCC_IPMode", "3"},
+          {"X_CMCC_ServiceList", "VOIP"},
+          {"X_CMCC_LanInterface-DHCPEnable", "1"},
+          {"ConnectionType", "pppoe_bridged"},
+          {"X_CMCC_VLANMode", "2"},
+          {"X_CMCC_VLANIDMark", "100"},
+          {"X_CMCC_802-1pMark", "5"}},
+         {},
+         100,
+         5,
+         1,
+         3,
+         BRIDGE},
+        {read_wan_conn_cfg_by_index_cm,
+         {{"X_CMCC_ServiceList", "VOIP"},
+          {"ConnectionType", "IP_Bridged"},
+          {"X_CMCC_VLANMode", "0"},
+          {"X_CMCC_VLANIDMark", "100"}},
+         {},
+         4093,
+         0,
+         0,
+         0,
+         ROUTE},
+        {read_wan_conn_cfg_by_index_ct,
+         {{"X_TRUE_IPMode", "1"},
+          {"X_TRUE_ServiceList", "VOIP"},
+          {"DHCPEnable", "1"},
+          {"X_TRUE_VlanID", "200"},
+          {"X_TRUE_VlanPriority", "7"}},
+         {},
+         200,
+         7,
+         1,
+         1,
+         ROUTE},
+        {read_wan_conn_cfg_by_index_ct, {{"X_TRUE_ServiceList", "VOIP"}}, {}, 0, 0, 0, 0, ROUTE}, // no
+                                                                                                  // default
+        {read_wan_conn_cfg_by_index_ct,
+         {{"X_TRUE_ServiceList", "VOIP"}, {"X_TRUE_VlanID", "65636"}},
+         {},
+         65535,
+         0,
+         0,
+         0,
+         ROUTE},
+        {read_wan_conn_cfg_by_index_cu,
+         {{"X_CU_IPMode", "2"}, {"X_CU_ServiceList", "VOIP"}, {"DHCPEnable", "1"}},
+         {{"X_CU_VLANEnabled", "1"}, {"X_CU_VLAN", "300"}, {"X_CU_802_1p", "4"}},
+         300,
+         4,
+         0,
+         2,
+         ROUTE},
+        {read_wan_conn_cfg_by_index_cu,
+         {{"X_CU_ServiceList", "VOIP"}},
+         {{"X_CU_VLANEnabled", "0"}, {"X_CU_VLAN", "300"}},
+         4093,
+         0,
+         0,
+         0,
+         ROUTE},
+    };
+    int number = 0;
+    for (const Case &c : cases) {
+        platform.values.clear();
+        put(wan + "1.WANPPPConnection.2.", c.connection);
+        put(wan + "1.", c.device);
+        qv_wan_param param{};
+        EXPECT_EQ(c.reader(&param, 1, 2, 2), 0) << ++number;
+        EXPECT_EQ(param.vid, c.vid) << number;
+        EXPECT_EQ(param.pbit, c.pbit) << number;
+        EXPECT_EQ(param.landhcp, c.landhcp) << number;
+        EXPECT_EQ(param.iptype, c.iptype) << number;
+        EXPECT_EQ(param.brflag, c.brflag) << number;
+        EXPECT_EQ(param.wanmode, VOIP) << number;
+        EXPECT_EQ(c.reader(&param, 17, 1, 1), -1);
+        EXPECT_EQ(c.reader(&param, 1, 9, 1), -1);
+        EXPECT_EQ(c.reader(&param, -1, 1, 1), -1);
+        EXPECT_EQ(c.reader(&param, 1, 1, 3), -1);
+    }
+    EXPECT_TRUE(fake::logged("wanIndex(17) exeed!\n"));
+    EXPECT_TRUE(fake::logged("conIndex(9) exeed!\n"));
+    EXPECT_TRUE(fake::logged("IPorPPP=3 exceed!\n"));
+    qv_wan_param param{};
+    EXPECT_EQ(read_wan_conn_cfg_by_index_cm(&param, 2, 1, 1), -1); // one device only
+    platform.fail = [](const std::string &call) { return call == "process get" ? 6 : 0; };
+    EXPECT_EQ(read_wan_conn_cfg_by_index_cu(&param, 1, 1, 1), 6);
+    EXPECT_TRUE(fake::logged("Get WAN VLAN And 802-1pMark fail! ret=6\n"));
+}
+
+TEST_F(PortsTest, EnabledConnectionsFillTheTable)
+{
+    start(OPTYPE_CM);
+    for (int i : {1, 3}) {
+        put_connection(OPTYPE_CM, 1, i, std::to_string(100 + i));
+    }
+    std::string ppp = wan + "1.WANPPPConnection.2.";
+    put(ppp, {{"Enable", "1"},
+              {"X_CMCC_ServiceList", "INTERNET"},
+              {"X_CMCC_VLANMode", "2"},
+              {"X_CMCC_VLANIDMark", "102"}});
+    EXPECT_EQ(g_read_wan_param_cfg(), 0);
+    for (int slot = 1; slot <= 3; ++slot) {
+        EXPECT_EQ(s_vlanbind_wan_param[slot].vid, 100 + slot);
+    }
+    // Elsewhere a device has one slot, and its first enabled connection counts.
+    start(OPTYPE_CT);
+    put_connection(OPTYPE_CT, 16, 2, "216");
+    put_connection(OPTYPE_CT, 2, 1, "202");
+    platform.values[wan + "2.WANIPConnection.1.Enable"] = "0";
+    put(wan + "2.WANPPPConnection.1.",
+        {{"Enable", "1"}, {"X_TRUE_ServiceList", "INTERNET"}, {"X_TRUE_VlanID", "222"}});
+    EXPECT_EQ(g_read_wan_param_cfg(), 0);
+    EXPECT_EQ(s_vlanbind_wan_param[16].vid, 216);
+    EXPECT_EQ(s_vlanbind_wan_param[2].vid, 222);
+    EXPECT_EQ(s_vlanbind_wan_param[1].vid, 0);
+}
+
+TEST_F(PortsTest, PairsAreTakenAsFarAsTheyGo)
+{
+    struct Case {
+        std::string text;
+        std::vector<std::pair<int, int>> pairs;
+    } cases[] = {
+        {"10/100,20/200", {{10, 100}, {20, 200}}},
+        {"10/100,abc,20/200", {{10, 100}, {20, 200}}},
+        {"10/100,abc", {{10, 100}}},
+        {"abc", {}},
+        {"", {}},
+        {"x/y,/,1/2/3", {{0, 0}, {0, 0}, {1, 2}}},
+        {"1/1,2/2,3/3,4/4,5/5,6/6,7/7,8/8,9/9,10/10,11/11,12/12,13/13,14/14,15/15,16/16,17/17",
+         {{1, 1},
+          {2, 2},
+          {3, 3},
+          {4, 4},
+          {5, 5},
+          {6, 6},
+          {7, 7},
+          {8, 8},
+          {9, 9},
+          {10, 10},
+          {11, 11},
+          {12, 12},
+          {13, 13},
+          {14, 14},
+          {15, 15},
+          {16, 16}}},
+        {"99999999999999/1", {{2147483647, 1}}},
+    };
+    for (const Case &c : cases) {
+        int lan_vlans[MAX_VLAN_PAIRS] = {};
+        int wan_vlans[MAX_VLAN_PAIRS] = {};
+        int count = parse_lan_vlan_str(c.text.c_str(), lan_vlans, wan_vlans);
+        std::vector<std::pair<int, int>> pairs;
+        for (int i = 0; i < count; ++i) {
+            pairs.emplace_back(lan_vlans[i], wan_vlans[i]);
+        }
+        EXPECT_EQ(pairs, c.pairs) << c.text;
+    }
+    EXPECT_TRUE(fake::logged("Invalid string, now return failed; tmp_cnt=1\n", 3));
+}
+
+TEST_F(PortsTest, StartUpBindsEveryPortFromTheOperatorsNames)
+{
+    struct Case {
+        int carrier;
+        const char *ethernet, *wlan;
+    } cases[] = {
+        {OPTYPE_CM, "InternetGatewayDevice.LANInterfaces.LANEthernetInterfaceConfig.2.X_CMCC_",
+         "InternetGatewayDevice.LANInterfaces.WLANConfiguration.1.X_CMCC_"},
+        {OPTYPE_CT, "InternetGatewayDevice.LANDevice.1.LANEthernetInterfaceConfig.2.X_CT-COM_",
+         "InternetGatewayDevice.LANDevice.1.WLANConfiguration.1.X_CT-COM_"},
+        {OPTYPE_CU, "InternetGatewayDevice.LANDevice.1.LANEthernetInterfaceConfig.2.X_CU_",
+         "InternetGatewayDevice.LANDevice.1.LANEthernetInterfaceConfig.5.X_CU_"}, // SSIDs like ports
+        {7, "InternetGatewayDevice.LANDevice.1.LANEthernetInterfaceConfig.2.X_CT-COM_",
+         "InternetGatewayDevice.LANDevice.1.WLANConfiguration.1.X_CT-COM_"},
+    };
+    for (const Case &c : cases) {
+        platform.values.clear();
+        platform.objects.clear();
+        put_connection(c.carrier, 1, 1, "100");
+        for (const char *port : {c.ethernet, c.wlan}) {
+            platform.values[std::string(port) + "VLAN"] = "10/100";
+            platform.values[std::string(port) + "Mode"] = "1";
+        }
+        platform.values[std::string(c.ethernet) + "MACAddressNum"] = "3";
+        restart(c.carrier);
+        g_lan_inf_num = 0;
+        vlan_bind_init();
+        std::vector<std::string> expected{"bind 2 10 100", "bind 5 10 100"};
+        if (c.carrier == OPTYPE_CM) {
+            expected.insert(expected.begin(), "mac_limit 2 3");
+        }
+        EXPECT_EQ(driven(), expected) << c.carrier;
+        EXPECT_EQ(platform.values[lan + "4.MACAddress"], "02:00:00:00:00:01");
+        EXPECT_FALSE(platform.values.contains(lan + "5.MACAddress"));
+        EXPECT_EQ(fake::logged("Error: Unknow operator 7.\n", 3), c.carrier == 7);
+    }
+    platform.port_num = 4000000000U; // a device gone mad
+    g_lan_inf_num = 0;
+    vlan_bind_init();
+    EXPECT_EQ(g_lan_inf_num, 24U);
+}
+
+TEST_F(PortsTest, OnlyChangesRebindAPort)
+{
+    put_connection(OPTYPE_CT, 1, 1, "100");
+    put_connection(OPTYPE_CT, 2, 1, "200");
+    start(OPTYPE_CT);
+    LanEthIntfVlanBind config{"10/100,20/200,30/999,0/100", "1", "8"};
+    ovani_port_vlan_bind(3, &config);
+    EXPECT_THAT(driven(), ElementsAre("mac_limit 3 8", "bind 3 10 100", "bind 3 20 200"));
+    EXPECT_TRUE(fake::logged("i=2 wan_vlan(999) find no wan!\n"));
+    EXPECT_TRUE(fake::logged("i=3 no cfg!\n"));
+    ovani_port_vlan_bind(3, &config);
+    EXPECT_THAT(driven(), ElementsAre("mac_limit 3 8"));
+    EXPECT_TRUE(fake::logged("Param no change!\n"));
+
+    ovani_rebind_port_vlan(); // compares each port with itself: only limits are set again
+    EXPECT_THAT(driven(), ElementsAre("mac_limit 3 8"));
+
+    LanEthIntfVlanBind off{"", "0", ""};
+    ovani_port_vlan_bind(3, &off);
+    EXPECT_THAT(driven(), ElementsAre("unbind 3 10 100", "unbind 3 20 200"));
+    LanEthIntfVlanBind none{"null", "1", ""};
+    ovani_port_vlan_bind(3, &none);
+    EXPECT_THAT(driven(), IsEmpty());
+
+    for (int port : {0, -1, 25, 32, 33, 1000}) {
+        EXPECT_EQ(ovani_port_vlan_bind(port, &config), 0);
+        EXPECT_EQ(ovani_port_vlan_unbind(port), port >= 1 && port <= 32 ? 0 : -1);
+    }
+    EXPECT_EQ(ovani_port_vlan_bind(1, nullptr), 0);
+    EXPECT_THAT(driven(), IsEmpty());
+    EXPECT_TRUE(fake::logged("Param is NULL!\n", 3));
+}
+
+TEST_F(PortsTest, WorkModesAreMappedInTwoWays)
+{
+    struct Case {
+        const char *rate, *duplex;
+        const char *from_text, *from_bus;
+    } cases[] = {
+        {"Auto", "Auto", "work_mode 2 1 1000 1", "work_mode 2 1 0 0"},
+        {"1000", "Half", "work_mode 2 0 1000 1", "work_mode 2 0 0 1"},
+        {"100", "Half", "work_mode 2 0 100 1", "work_mode 2 0 100 1"},
+        {"2500", "Full", "work_mode 2 0 2500 2", "work_mode 2 0 2500 2"},
+        {"1250", "Full", "work_mode 2 0 0 2", "work_mode 2 0 0 2"},
+        {"10", "Sideways", "work_mode 2 1 10 0", "work_mode 2 0 0 0"},
+    };
+    for (const Case &c : cases) {
+        start(OPTYPE_CT);
+        LanEthIntfWorkMode mode{};
+        copy_text(mode.MaxBitRate, c.rate);
+        EXPECT_EQ(ovani_lan_eth_workmode_set(2, &mode), -1); // half a configuration
+        EXPECT_TRUE(fake::logged("lan_eth_id=2 has no cfg!\n", 3));
+        copy_text(mode.DuplexMode, c.duplex);
+        EXPECT_EQ(ovani_lan_eth_workmode_set(2, &mode), 0);
+        EXPECT_EQ(ovani_lan_eth_workmode_set(2, &mode), 0);
+        EXPECT_THAT(driven(), ElementsAre(c.from_text));
+
+        start(OPTYPE_CT);
+        Pairs pairs{{"MaxBitRate", c.rate}, {"DuplexMode", c.duplex}};
+        EXPECT_EQ(configure(lan + "2.", pairs), 0);
+        EXPECT_EQ(configure(lan + "2.", pairs), 0);
+        EXPECT_THAT(driven(), ElementsAre(c.from_bus)); // the second handler finds no change
+    }
+    LanEthIntfWorkMode mode{"100", "Full"};
+    EXPECT_EQ(ovani_lan_eth_workmode_set(25, &mode), -1);
+    EXPECT_EQ(ovani_lan_eth_workmode_set(-3, &mode), -1);
+}
+
+TEST_F(PortsTest, StartUpAppliesModesAndPublishesLinks)
+{
+    platform.links_up = {2};
+    platform.values[lan + "1.DuplexMode"] = "Full";
+    platform.values[lan + "1.MaxBitRate"] = "100";
+    restart(OPTYPE_CT);
+    EXPECT_EQ(ovani_port_mgr_init(), R_OK);
+    EXPECT_THAT(driven(), ElementsAre("work_mode 1 0 100 2"));
+    EXPECT_EQ(platform.values[lan + "1.Status"], "NoLink");
+    EXPECT_EQ(platform.values[lan + "2.Status"], "Up");
+    EXPECT_EQ(g_port_link_status[2].link_up, 1U);
+    EXPECT_TRUE(fake::logged("get Lan2 DuplexMode fail!\n", 3));
+}
+
+TEST_F(PortsTest, PathsNamePorts)
+{
+    struct Case {
+        const char *url;
+        std::vector<std::string> calls;
+    } cases[] = {
+        {"InternetGatewayDevice.LANDevice.1.LANEthernetInterfaceConfig.2.",
+         {"port_state 2 1", "mac_limit 2 5"}},
+        {"InternetGatewayDevice.LANInterfaces.LANEthernetInterfaceConfig.3.",
+         {"port_state 3 1", "mac_limit 3 5"}},
+        {"InternetGatewayDevice.LANInterfaces.WLANConfiguration.2.", {"port_state 2 1", "mac_limit 6 5"}},
+        {"InternetGatewayDevice.LANDevice.1.WLANConfiguration.5.",
+         {"mac_limit 9 5"}}, // above the Ethernet ports
+        {"InternetGatewayDevice.LANInterfaces.WLANConfiguration.21.",
+         {"port_state 21 1"}}, // 25 has no binding
+        {"InternetGatewayDevice.LANInterfaces.LANEthernetInterfaceConfig.25.", {}},
+        {"InternetGatewayDevice.LANInterfaces.", {}},
+        {"InternetGatewayDevice.LANDevice.1.LANEthernetInterfaceConfig.0.", {}},
+        {"InternetGatewayDevice.LANDevice.1.", {}},
+        {"1.2.3.4.5.6.7.8.9.10.11.", {"port_state 2 1", "mac_limit 2 5"}},
+        {"", {}},
+    };
+    for (const Case &c : cases) {
+        start(OPTYPE_CM);
+        EXPECT_EQ(configure(c.url, {{"Enable", "1"}, {"X_CMCC_MACAddressNum", "5"}}), 0);
+        EXPECT_EQ(driven(), c.calls) << c.url;
+    }
+    LanEthInterfaceParam params{};
+    EXPECT_EQ(ovani_set_lanport_cfg_process(nullptr, &params), 0);
+    EXPECT_EQ(ovani_set_eth_cfg_process(nullptr, &params), 0);
+    EXPECT_EQ(ovani_set_eth_cfg_process((lan + "1.").c_str(), nullptr), 0);
+}
+
+TEST_F(PortsTest, OperatorsTakeWhatTheyKnow)
+{
+    Pairs everything{{"MaxBitRate", "100"},         {"DuplexMode", "Full"},      {"Enable", "0"},
+                     {"X_CMCC_MACAddressNum", "4"}, {"X_CMCC_Mode", "1"},        {"X_CMCC_VLAN", "10/100"},
+                     {"X_CT-COM_Mode", "1"},        {"X_CT-COM_VLAN", "11/100"}, {"X_CU_Mode", "1"},
+                     {"X_CU_VLAN", "12/100"}};
+    struct Case {
+        int carrier;
+        std::vector<std::string> calls;
+    } cases[] = {
+        {OPTYPE_CM, {"port_state 1 0", "work_mode 1 0 100 2", "mac_limit 1 4", "bind 1 10 100"}},
+        {OPTYPE_CT, {"work_mode 1 0 100 2", "bind 1 11 100"}},
+        {OPTYPE_CU, {"work_mode 1 0 100 2", "bind 1 12 100"}},
+        {9, {"work_mode 1 0 100 2", "bind 1 11 100"}},
+    };
+    for (const Case &c : cases) {
+        platform.objects.clear();
+        platform.values.clear();
+        put_connection(c.carrier, 1, 1, "100");
+        start(c.carrier);
+        EXPECT_EQ(configure(lan + "1.", everything), 0);
+        EXPECT_EQ(driven(), c.calls) << c.carrier;
+    }
+    LanEthInterfaceParam param{};
+    EXPECT_TRUE(system_parse_ovani_config_cm("MACAddress", "lands in Status", &param));
+    EXPECT_STREQ(param.Status, "lands in Status");
+    EXPECT_STREQ(param.MACAddress, "");
+    EXPECT_TRUE(system_parse_ovani_config_cm("Enable", std::string(300, 'x').c_str(), &param));
+    EXPECT_EQ(strlen(param.Enable), 255U);
+    EXPECT_TRUE(system_parse_ovani_config_cm(nullptr, nullptr, nullptr));
+
+    start(OPTYPE_CM);
+    configure(lan + "1.", {{"Enable", "yes"}}); // neither 1 nor 0
+    EXPECT_THAT(driven(), ElementsAre("port_state 0 0"));
+}
+
+TEST_F(PortsTest, RequestsThatAreNoneChangeNothing)
+{
+    start(OPTYPE_CM);
+    for (const char *method : {"ovani_devfuc_port_cfg", "set_lanhost_config"}) {
+        EXPECT_EQ(call_method(method, nullptr), UBUS_STATUS_INVALID_ARGUMENT);
+        blob_buf message{};
+        blob_buf_init(&message, 0);
+        blobmsg_add_string(&message, "url", "x.1.y.1.");
+        EXPECT_EQ(call_method(method, message.head), UBUS_STATUS_INVALID_ARGUMENT);
+        blobmsg_add_string(&message, "data", "not a table");
+        EXPECT_EQ(call_method(method, message.head), UBUS_STATUS_INVALID_ARGUMENT);
+        blob_buf_free(&message);
+        for (size_t count : {999U, 1000U}) {
+            Pairs pairs(count, {"Enable", "1"});
+            EXPECT_EQ(call_method(method, "nowhere", pairs), count < 1000 ? 0 : -1);
+        }
+        EXPECT_TRUE(fake::logged("tableNum(1000) error!\n", 3));
+        EXPECT_EQ(call_method(method, (lan + "1.").c_str(), Pairs{}), 0);
+    }
+    EXPECT_THAT(driven(), IsEmpty());
+}
