@@ -83,6 +83,15 @@ bool system_parse_ovani_config_cu(const char *key, const char *value, void *para
     return parse_lan_param(lan_params_cu, key, value, param);
 }
 
+bool take_lan_param(char (&stored)[LAN_PARAM_LEN], const char *value)
+{
+    if (value[0] == '\0' || strcmp(stored, value) == 0) {
+        return false;
+    }
+    copy_text(stored, value);
+    return true;
+}
+
 // --- Binding configuration from the store
 
 namespace {
@@ -223,17 +232,6 @@ namespace {
 
 constexpr char bind_function[] = "ovani_port_vlan_bind";
 
-// Takes over a value that is given and differs. The field's last byte is never written to, so that a reader
-// on the other thread finds an end whenever it looks.
-bool store_change(char (&stored)[LAN_PARAM_LEN], const char *value)
-{
-    if (value[0] == '\0' || strcmp(stored, value) == 0) {
-        return false;
-    }
-    copy_text(stored, value);
-    return true;
-}
-
 bool is_bound(const LanEthIntfVlanBind &config)
 {
     return config.VLAN[0] != '\0' && config.Mode[0] != '\0' && strcasecmp(config.VLAN, "NULL") != 0 &&
@@ -284,14 +282,14 @@ int ovani_port_vlan_bind(int lan_eth_intf_id, const LanEthIntfVlanBind *lanvlanb
     LanEthIntfVlanBind &stored = s_lan_vlan_bind[port];
     if (lanvlanbind->MacAddrNum[0] != '\0') {
         // Kept, so that a WAN change sets it again; no change of the binding.
-        store_change(stored.MacAddrNum, lanvlanbind->MacAddrNum);
+        take_lan_param(stored.MacAddrNum, lanvlanbind->MacAddrNum);
         auto limit = static_cast<unsigned>(std::max(decimal_value(lanvlanbind->MacAddrNum), 0));
         if (qvdrv_net_set_port_mac_limit(static_cast<unsigned>(port), limit) != 0) {
             ovani_log(VELM_LOG_ERR, "Set Mac Address Limit Error!\n");
         }
     }
-    bool mode_changed = store_change(stored.Mode, lanvlanbind->Mode);
-    bool vlan_changed = store_change(stored.VLAN, lanvlanbind->VLAN);
+    bool mode_changed = take_lan_param(stored.Mode, lanvlanbind->Mode);
+    bool vlan_changed = take_lan_param(stored.VLAN, lanvlanbind->VLAN);
     if (!mode_changed && !vlan_changed) {
         ovani_log(VELM_LOG_DEBUG, "Param no change!\n");
         return 0;
@@ -443,27 +441,15 @@ int ovani_rebind_port_vlan()
 
 namespace {
 
-constexpr char LAN_INTERFACES[] = "InternetGatewayDevice.LANInterfaces.";
 // SSIDs follow four Ethernet ports here, however many there are.
 constexpr int wifi_port_offset = 4;
 
 // The port an object path names, or -1.
 int system_get_lan_eth_obj_index(const char *obj_url)
 {
-    if (obj_url == nullptr) {
-        ovani_log(VELM_LOG_ERR, "Get lan_eth_inf_idx Error:Param is NULL.\n");
-        return -1;
-    }
-    InstIdStack ids{};
-    zkapi_getobjidbyobjpath(obj_url, &ids);
-    bool under_lan_interfaces = ids.currentDepth < 2;
-    if (under_lan_interfaces && strstr(obj_url, LAN_INTERFACES) == nullptr) {
-        ovani_log(VELM_LOG_ERR, "Get lan_eth_inf_idx Error:%s.\n", obj_url);
-        return -1;
-    }
-    int index = under_lan_interfaces ? (ids.currentDepth == 1 ? ids.instance[0] : 0) : ids.instance[1];
-    if (index < 1 || index > MAX_LAN_BIND_PORT) {
-        ovani_log(VELM_LOG_ERR, "lan_eth_inf_idx Error:%d.\n", index);
+    bool under_lan_interfaces = false;
+    int index = lan_interface_of_path(__func__, obj_url, MAX_LAN_BIND_PORT, under_lan_interfaces);
+    if (index == -1) {
         return -1;
     }
     const char *wlan =
@@ -480,6 +466,29 @@ int system_get_lan_eth_obj_index(const char *obj_url)
 }
 
 } // namespace
+
+int lan_interface_of_path(const char *function, const char *obj_url, int last_of_device,
+                          bool &under_lan_interfaces)
+{
+    if (obj_url == nullptr) {
+        ovani_log_as(function, VELM_LOG_ERR, "Get lan_eth_inf_idx Error:Param is NULL.\n");
+        return -1;
+    }
+    InstIdStack ids{};
+    zkapi_getobjidbyobjpath(obj_url, &ids);
+    under_lan_interfaces = ids.currentDepth < 2;
+    if (under_lan_interfaces && strstr(obj_url, "InternetGatewayDevice.LANInterfaces.") == nullptr) {
+        ovani_log_as(function, VELM_LOG_ERR, "Get lan_eth_inf_idx Error:%s.\n", obj_url);
+        return -1;
+    }
+    int index = under_lan_interfaces ? (ids.currentDepth == 1 ? ids.instance[0] : 0) : ids.instance[1];
+    int last = under_lan_interfaces ? MAX_LAN_PORT : last_of_device;
+    if (index < 1 || index > last) {
+        ovani_log_as(function, VELM_LOG_ERR, "lan_eth_inf_idx Error:%d.\n", index);
+        return -1;
+    }
+    return index;
+}
 
 int ovani_set_eth_cfg_process(const char *obj_url, const LanEthInterfaceParam *params)
 {

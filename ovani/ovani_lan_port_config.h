@@ -32,6 +32,16 @@ bool system_parse_ovani_config_cm(const char *key, const char *value, void *para
 bool system_parse_ovani_config_ct(const char *key, const char *value, void *param);
 bool system_parse_ovani_config_cu(const char *key, const char *value, void *param);
 
+// Takes over a value that is given and differs from the stored one; whether it did. The field's last byte is
+// never written to, so that a reader on the other thread finds an end whenever it looks.
+bool take_lan_param(char (&stored)[LAN_PARAM_LEN], const char *value);
+
+// The number that an object path gives its LAN interface: the first instance below LANInterfaces, 1 to
+// MAX_LAN_PORT, or the second below LANDevice, 1 to `last_of_device`. -1, with the reason logged as
+// `function`, for any other path.
+int lan_interface_of_path(const char *function, const char *obj_url, int last_of_device,
+                          bool &under_lan_interfaces);
+
 // --- VLAN binding
 
 inline constexpr int MAX_LAN_BIND_PORT = 24;   // ports with a binding configuration

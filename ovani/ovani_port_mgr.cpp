@@ -106,15 +106,6 @@ int ovani_node_port_status_init()
 
 namespace {
 
-bool store_change(char (&stored)[LAN_PARAM_LEN], const char *value)
-{
-    if (value[0] == '\0' || strcmp(stored, value) == 0) {
-        return false;
-    }
-    copy_text(stored, value);
-    return true;
-}
-
 // Takes over what differs from a port's last work mode. Null, with the reason logged as `function`, when
 // there is nothing to apply; `complete` then tells whether the port has a configuration.
 const LanEthIntfWorkMode *changed_work_mode(const char *function, int port, const char *max_bit_rate,
@@ -126,8 +117,8 @@ const LanEthIntfWorkMode *changed_work_mode(const char *function, int port, cons
         return nullptr;
     }
     LanEthIntfWorkMode &stored = g_LanWorkMode[port];
-    bool rate_changed = store_change(stored.MaxBitRate, max_bit_rate);
-    bool duplex_changed = store_change(stored.DuplexMode, duplex_mode);
+    bool rate_changed = take_lan_param(stored.MaxBitRate, max_bit_rate);
+    bool duplex_changed = take_lan_param(stored.DuplexMode, duplex_mode);
     if (!rate_changed && !duplex_changed) {
         ovani_log_as(function, VELM_LOG_DEBUG, "work_mode Not change:%s %s!\n", stored.MaxBitRate,
                      stored.DuplexMode);
@@ -200,24 +191,9 @@ namespace {
 int lan_port_of_path(const char *obj_url)
 {
     constexpr char function[] = "ovani_set_lanport_cfg_process";
-    if (obj_url == nullptr) {
-        ovani_log_as(function, VELM_LOG_ERR, "Get lan_eth_inf_idx Error:Param is NULL.\n");
-        return -1;
-    }
-    InstIdStack ids{};
-    zkapi_getobjidbyobjpath(obj_url, &ids);
-    bool under_lan_interfaces = ids.currentDepth < 2;
-    if (under_lan_interfaces && strstr(obj_url, "InternetGatewayDevice.LANInterfaces.") == nullptr) {
-        ovani_log_as(function, VELM_LOG_ERR, "Get lan_eth_inf_idx Error:%s.\n", obj_url);
-        return -1;
-    }
-    int index = under_lan_interfaces ? (ids.currentDepth == 1 ? ids.instance[0] : 0) : ids.instance[1];
-    int last = under_lan_interfaces ? MAX_LAN_PORT : ovani_lan_port_count();
-    if (index < 1 || index > last) {
-        ovani_log_as(function, VELM_LOG_ERR, "lan_eth_inf_idx Error:%d.\n", index);
-        return -1;
-    }
-    if (!under_lan_interfaces) {
+    bool under_lan_interfaces = false;
+    int index = lan_interface_of_path(function, obj_url, ovani_lan_port_count(), under_lan_interfaces);
+    if (index != -1 && !under_lan_interfaces) {
         ovani_log_as(function, VELM_LOG_DEBUG, "lan_eth_inf_idx is %d.\n", index);
     }
     return index;

@@ -80,6 +80,7 @@ constexpr char OVANI_WAN_CONN_DEVICE[] = "InternetGatewayDevice.WANDevice.1.WANC
 // What an operator calls a connection's parameters, and what it allows. A null name is a parameter it has
 // not.
 struct wan_profile {
+    const char *function; // what its log lines name
     int first_device, last_device;
     int first_connection, last_connection;
     const char *ip_mode;
@@ -93,6 +94,7 @@ struct wan_profile {
 };
 
 constexpr wan_profile profile_cm{
+    .function = "read_wan_conn_cfg_by_index_cm",
     .first_device = 0,
     .last_device = 1,
     .first_connection = 0,
@@ -109,6 +111,7 @@ constexpr wan_profile profile_cm{
 
 // China Telecom's WAN side goes by True's names, its LAN side by its own.
 constexpr wan_profile profile_ct{
+    .function = "read_wan_conn_cfg_by_index_ct",
     .first_device = 0,
     .last_device = 16,
     .first_connection = 0,
@@ -124,6 +127,7 @@ constexpr wan_profile profile_ct{
 };
 
 constexpr wan_profile profile_cu{
+    .function = "read_wan_conn_cfg_by_index_cu",
     .first_device = 0,
     .last_device = 16,
     .first_connection = 0,
@@ -180,7 +184,7 @@ int load_device_vlan(const wan_profile &profile, int wanIndex, wan_values &value
     int ret = load_multi_config_from_xml(table.rows, url);
     if (ret != 0) {
         ovani_log_as(function, VELM_LOG_ERR, "Load %s fail! ret=%d\n", url, ret);
-        ovani_log(VELM_LOG_ERR, "Get WAN VLAN And 802-1pMark fail! ret=%d\n", ret);
+        ovani_log_as(profile.function, VELM_LOG_ERR, "Get WAN VLAN And 802-1pMark fail! ret=%d\n", ret);
     }
     return ret;
 }
@@ -197,7 +201,7 @@ int load_connection(const wan_profile &profile, const char *url, wan_values &val
     }
     int ret = load_multi_config_from_xml(table.rows, url);
     if (ret != 0) {
-        ovani_log(VELM_LOG_ERR, "Get WAN param fail! ret=%d\n", ret);
+        ovani_log_as(profile.function, VELM_LOG_ERR, "Get WAN param fail! ret=%d\n", ret);
     }
     return ret;
 }
@@ -218,11 +222,11 @@ int read_connection(const wan_profile &profile, qv_wan_param *wan_param, int wan
                     int IPorPPP)
 {
     if (wanIndex < profile.first_device || wanIndex > profile.last_device) {
-        ovani_log(VELM_LOG_ERR, "wanIndex(%d) exeed!\n", wanIndex);
+        ovani_log_as(profile.function, VELM_LOG_ERR, "wanIndex(%d) exeed!\n", wanIndex);
         return -1;
     }
     if (conIndex < profile.first_connection || conIndex > profile.last_connection) {
-        ovani_log(VELM_LOG_ERR, "conIndex(%d) exeed!\n", conIndex);
+        ovani_log_as(profile.function, VELM_LOG_ERR, "conIndex(%d) exeed!\n", conIndex);
         return -1;
     }
     char url[OVANI_URL_LEN];
@@ -231,7 +235,7 @@ int read_connection(const wan_profile &profile, qv_wan_param *wan_param, int wan
     } else if (IPorPPP == 2) {
         snprintf(url, sizeof url, "%s.%d.WANPPPConnection.%d.", OVANI_WAN_CONN_DEVICE, wanIndex, conIndex);
     } else {
-        ovani_log(VELM_LOG_ERR, "IPorPPP=%d exceed!\n", IPorPPP);
+        ovani_log_as(profile.function, VELM_LOG_ERR, "IPorPPP=%d exceed!\n", IPorPPP);
         return -1;
     }
     wan_values values{};
