@@ -19,27 +19,27 @@ READ_WANCON_CFG_BY_INDEX g_read_wan_conn_cfg_by_index = read_wan_conn_cfg_by_ind
 namespace {
 
 struct service_rule {
-    bool voice; // "VOIP" or "VOICE"
     const char *words[2];
     qv_wan_mode mode;
+    bool voice; // and "VOIP" or "VOICE"
 };
 
 // The first that holds wins: OTHER before IPTV.
 constexpr service_rule service_rules[] = {
-    {true, {"TR069", "INTERNET"}, INTERNET_TR069_VOIP},
-    {false, {"ALL", ""}, INTERNET_TR069_VOIP},
-    {true, {"TR069", ""}, TR069_VOIP},
-    {true, {"INTERNET", ""}, INTERNET_VOIP},
-    {false, {"TR069", "INTERNET"}, INTERNET_TR069},
-    {true, {"", ""}, VOIP},
-    {false, {"TR069", ""}, TR069},
-    {false, {"INTERNET", ""}, INTERNET},
-    {false, {"OTHER", ""}, OTHER},
-    {false, {"SPECIAL_SERVICE_1", ""}, SPECIAL_SERVICE_1},
-    {false, {"SPECIAL_SERVICE_2", ""}, SPECIAL_SERVICE_2},
-    {false, {"SPECIAL_SERVICE_3", ""}, SPECIAL_SERVICE_3},
-    {false, {"SPECIAL_SERVICE_4", ""}, SPECIAL_SERVICE_4},
-    {false, {"IPTV", ""}, IPTV},
+    {{"TR069", "INTERNET"}, INTERNET_TR069_VOIP, true},
+    {{"ALL", ""}, INTERNET_TR069_VOIP, false},
+    {{"TR069", ""}, TR069_VOIP, true},
+    {{"INTERNET", ""}, INTERNET_VOIP, true},
+    {{"TR069", "INTERNET"}, INTERNET_TR069, false},
+    {{"", ""}, VOIP, true},
+    {{"TR069", ""}, TR069, false},
+    {{"INTERNET", ""}, INTERNET, false},
+    {{"OTHER", ""}, OTHER, false},
+    {{"SPECIAL_SERVICE_1", ""}, SPECIAL_SERVICE_1, false},
+    {{"SPECIAL_SERVICE_2", ""}, SPECIAL_SERVICE_2, false},
+    {{"SPECIAL_SERVICE_3", ""}, SPECIAL_SERVICE_3, false},
+    {{"SPECIAL_SERVICE_4", ""}, SPECIAL_SERVICE_4, false},
+    {{"IPTV", ""}, IPTV, false},
 };
 
 bool holds(const service_rule &rule, const char *services)
