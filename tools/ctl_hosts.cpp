@@ -8,7 +8,6 @@
 #include <cstring>
 #include <ctime>
 #include <deque>
-#include <map>
 #include <memory>
 #include <vector>
 
@@ -17,51 +16,28 @@
 #include <unistd.h>
 
 #include "ovani/ovani_event.h"
-#include "platform/host/store.h"
 #include "tools/bus.h"
 #include "tools/events.h"
+#include "tools/objects.h"
+#include "tools/table.h"
 #include "tools/text.h"
 
 namespace {
 
 constexpr std::string_view HOSTS_PATH = "InternetGatewayDevice.LANDevice.1.Hosts.Host.";
-constexpr int STORE_WAIT_MS = 5000;
 constexpr int REFRESH_MS = 1000; // durations tick, and a change that nobody announced shows up
 constexpr int CHANGE_MS = 50;    // gathers the announcements of one burst
-constexpr size_t WIDEST_NAME = 32;
 constexpr size_t EVENTS_KEPT = 200;
 
-struct Host {
-    int instance = 0;
-    std::map<std::string, std::string, std::less<>> parameters;
-
-    std::string_view get(std::string_view name) const
-    {
-        const auto found = parameters.find(name);
-        return found == parameters.end() ? std::string_view() : found->second;
-    }
+struct Host : StoreObject {
     bool active() const { return get("Active") == "1"; }
 };
 
 std::vector<Host> read_hosts()
 {
-    StoreListing listing;
-    const int result = store_list(HOSTS_PATH, listing, STORE_WAIT_MS);
-    if (result != STORE_OK) {
-        fail(std::string(HOSTS_PATH) + ": " + store_strerror(result));
-    }
     std::vector<Host> hosts;
-    for (auto &[path, value] : listing) {
-        const std::string_view rest = std::string_view(path).substr(HOSTS_PATH.size());
-        const size_t dot = rest.find('.');
-        const auto instance = parse_number(rest.substr(0, dot), 1, INT32_MAX);
-        if (!instance || dot == std::string_view::npos) {
-            continue;
-        }
-        if (hosts.empty() || hosts.back().instance != *instance) {
-            hosts.push_back({static_cast<int>(*instance), {}});
-        }
-        hosts.back().parameters.emplace(rest.substr(dot + 1), std::move(value));
+    for (StoreObject &object : read_objects(HOSTS_PATH)) {
+        hosts.push_back({std::move(object)});
     }
     return hosts;
 }
@@ -136,78 +112,24 @@ std::string hosts_json(const std::vector<Host> &hosts)
     return out + (hosts.empty() ? "]" : "\n]");
 }
 
-// Terminal sequences, empty where they would be noise.
-struct Style {
-    const char *bold = "";
-    const char *dim = "";
-    const char *green = "";
-    const char *plain = "";
-};
-
-Style style_for(int fd)
-{
-    const char *term = getenv("TERM");
-    if (!isatty(fd) || getenv("NO_COLOR") || !term || strcmp(term, "dumb") == 0) {
-        return {};
-    }
-    return {"\033[1m", "\033[2m", "\033[32m", "\033[0m"};
-}
-
 constexpr std::array TITLES = {"NAME", "MAC", "ADDRESS", "SOURCE", "IPV6", "TYPE", "PORT", "SINCE", "ACTIVE"};
-using Row = std::array<std::string, TITLES.size()>;
 
-Row row_of(const Host &host)
+TableRow row_of(const Host &host)
 {
-    Row row = {std::string(host.get("HostName")),
-               std::string(host.get("MACAddress")),
-               std::string(host.get("IPAddress")),
-               std::string(host.get("AddressSource")),
-               std::string(host.get("IPv6Address")),
-               type_of(host),
-               port_of(host),
-               since_text(host),
-               host.active() ? "yes" : "no"};
-    for (std::string &cell : row) {
-        cell = cell.empty() ? "-" : printable(cell);
-    }
-    return row;
+    return {.cells = {std::string(host.get("HostName")), std::string(host.get("MACAddress")),
+                      std::string(host.get("IPAddress")), std::string(host.get("AddressSource")),
+                      std::string(host.get("IPv6Address")), type_of(host), port_of(host), since_text(host),
+                      host.active() ? "yes" : "no"},
+            .dim = !host.active()};
 }
 
-// A line a host below a line of titles. The name gives way where the terminal is too narrow.
-std::vector<std::string> table_lines(const std::vector<Host> &hosts, const Style &style, size_t width)
+std::vector<std::string> host_lines(const std::vector<Host> &hosts, const Style &style, size_t width)
 {
-    std::vector<Row> rows;
-    std::array<size_t, TITLES.size()> widths{};
-    for (size_t i = 0; i < TITLES.size(); i++) {
-        widths[i] = strlen(TITLES[i]);
-    }
+    std::vector<TableRow> rows;
     for (const Host &host : hosts) {
         rows.push_back(row_of(host));
-        for (size_t i = 0; i < TITLES.size(); i++) {
-            widths[i] = std::max(widths[i], columns_of(rows.back()[i]));
-        }
     }
-    widths[0] = std::min(widths[0], WIDEST_NAME);
-    size_t total = 0;
-    for (const size_t w : widths) {
-        total += w + 2;
-    }
-    if (total > width && widths[0] > 8) {
-        widths[0] = std::max<size_t>(8, widths[0] - std::min(widths[0], total - width));
-    }
-
-    const auto line_of = [&](const auto &cells) {
-        std::string line;
-        for (size_t i = 0; i < TITLES.size(); i++) {
-            line += fit(cells[i], widths[i]) + "  ";
-        }
-        line.erase(line.find_last_not_of(' ') + 1);
-        return line;
-    };
-    std::vector<std::string> lines = {style.bold + line_of(TITLES) + style.plain};
-    for (size_t i = 0; i < rows.size(); i++) {
-        lines.push_back((hosts[i].active() ? "" : style.dim) + line_of(rows[i]) + style.plain);
-    }
+    std::vector<std::string> lines = table_lines(TITLES, rows, style, width);
     if (rows.empty()) {
         lines.emplace_back("(no hosts)");
     }
@@ -266,7 +188,7 @@ private:
         int instance = 0; // of the host it is about, where it names one
     };
     std::deque<Happening> events_; // newest last
-    std::optional<std::vector<Row>> printed_;
+    std::optional<std::vector<TableRow>> printed_;
 };
 
 HostsView::HostsView(const HostsCommand &command, const std::string &socket) : command_(command), bus_(socket)
@@ -339,7 +261,7 @@ void HostsView::draw_screen(const std::vector<Host> &hosts)
         lines.push_back(style_.dim + printable(command_.note) + style_.plain);
     }
     lines.emplace_back();
-    for (std::string &line : table_lines(hosts, style_, width)) {
+    for (std::string &line : host_lines(hosts, style_, width)) {
         lines.push_back(std::move(line));
     }
     if (command_.events && lines.size() + 3 < height) {
@@ -365,16 +287,16 @@ void HostsView::draw_screen(const std::vector<Host> &hosts)
 void HostsView::print_changes(const std::vector<Host> &hosts)
 {
     constexpr size_t since = 7; // changes by itself
-    std::vector<Row> rows;
+    std::vector<TableRow> rows;
     for (const Host &host : hosts) {
         rows.push_back(row_of(host));
-        rows.back()[since].clear();
+        rows.back().cells[since].clear();
     }
     if (rows == printed_) {
         return;
     }
     printed_ = std::move(rows);
-    for (const std::string &line : table_lines(hosts, style_, SIZE_MAX)) {
+    for (const std::string &line : host_lines(hosts, style_, SIZE_MAX)) {
         puts(line.c_str());
     }
     putchar('\n');
@@ -392,10 +314,7 @@ void show_hosts(const HostsCommand &command, const std::string &socket)
         puts(hosts_json(hosts).c_str());
         return;
     }
-    winsize size{};
-    const bool known = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
-    for (const std::string &line :
-         table_lines(hosts, style_for(STDOUT_FILENO), known ? size.ws_col : SIZE_MAX)) {
+    for (const std::string &line : host_lines(hosts, style_for(STDOUT_FILENO), terminal_width())) {
         puts(line.c_str());
     }
 }

@@ -8,11 +8,10 @@
 
 #include "platform/host/store.h"
 #include "platform/zkcfgif.h"
+#include "tools/objects.h"
 #include "tools/text.h"
 
 namespace {
-
-constexpr int STORE_WAIT_MS = 5000;
 
 struct StoreCommand {
     std::string path;

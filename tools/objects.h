@@ -1,0 +1,25 @@
+// Tables of the configuration store, read an instance at a time.
+#pragma once
+
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+inline constexpr int STORE_WAIT_MS = 5000;
+
+struct StoreObject {
+    int instance = 0;
+    std::map<std::string, std::string, std::less<>> parameters; // those of objects below it as "Name.1.Name"
+
+    // Empty for a parameter it has not.
+    std::string_view get(std::string_view name) const
+    {
+        const auto found = parameters.find(name);
+        return found == parameters.end() ? std::string_view() : found->second;
+    }
+};
+
+// The instances of a table, whose path ends in a dot, in the order of their numbers. Ends the command when
+// the store cannot be read.
+std::vector<StoreObject> read_objects(std::string_view table);
