@@ -25,11 +25,13 @@ bool is_letter(char c)
 // Parameter and object names become names of columns and tables in the store, so they keep to this alphabet.
 bool is_name(std::string_view text)
 {
-    if (text.empty() || !is_letter(text.front()))
+    if (text.empty() || !is_letter(text.front())) {
         return false;
+    }
     for (char c : text) {
-        if (!is_letter(c) && !is_digit(c) && c != '_' && c != '-')
+        if (!is_letter(c) && !is_digit(c) && c != '_' && c != '-') {
             return false;
+        }
     }
     return true;
 }
@@ -44,8 +46,9 @@ int parse_number(std::string_view text)
 {
     int number = 0;
     auto [end, fault] = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (!is_number(text) || text.front() == '0' || fault != std::errc{} || end != text.data() + text.size())
+    if (!is_number(text) || text.front() == '0' || fault != std::errc{} || end != text.data() + text.size()) {
         return 0;
+    }
     return number;
 }
 
@@ -53,8 +56,9 @@ int parse_number(std::string_view text)
 std::optional<std::string_view> cut_component(std::string_view &path)
 {
     size_t dot = path.find('.');
-    if (dot == std::string_view::npos)
+    if (dot == std::string_view::npos) {
         return std::nullopt;
+    }
     std::string_view component = path.substr(0, dot);
     path.remove_prefix(dot + 1);
     return component;
@@ -78,16 +82,19 @@ bool match(std::string_view model_path, std::string_view path, InstanceNumbers &
     size_t depth = 0;
     while (auto component = cut_component(path)) {
         auto expected = cut_component(model_path);
-        if (!expected)
+        if (!expected) {
             return false;
+        }
         if (*expected != INSTANCE) {
-            if (*component != *expected)
+            if (*component != *expected) {
                 return false;
+            }
             continue;
         }
         int number = parse_number(*component);
-        if (number == 0)
+        if (number == 0) {
             return false;
+        }
         numbers[depth++] = number;
     }
     return path.empty();
@@ -96,11 +103,13 @@ bool match(std::string_view model_path, std::string_view path, InstanceNumbers &
 ObjectRef find(const DataModel &model, const std::string &shape, std::string_view path)
 {
     auto found = model.by_shape.find(shape);
-    if (found == model.by_shape.end())
+    if (found == model.by_shape.end()) {
         return {};
+    }
     ObjectRef ref{.object = found->second};
-    if (!match(model.objects[static_cast<size_t>(ref.object)].path, path, ref.instance))
+    if (!match(model.objects[static_cast<size_t>(ref.object)].path, path, ref.instance)) {
         return {};
+    }
     return ref;
 }
 
@@ -112,8 +121,9 @@ constexpr std::string_view BLANKS = " \t\r";
 std::string_view trim(std::string_view text)
 {
     size_t first = text.find_first_not_of(BLANKS);
-    if (first == std::string_view::npos)
+    if (first == std::string_view::npos) {
         return {};
+    }
     return text.substr(first, text.find_last_not_of(BLANKS) - first + 1);
 }
 
@@ -139,15 +149,18 @@ const char *add_object(DataModel &model, std::string_view line)
             return "a component of the path is neither a name nor a number nor {i}";
         }
     }
-    if (!rest.empty())
+    if (!rest.empty()) {
         return "an object's path ends in a dot";
-    if (object.depth > MODEL_MAX_DEPTH)
+    }
+    if (object.depth > MODEL_MAX_DEPTH) {
         return "the path holds more than 8 instance numbers";
+    }
     if (!line.empty()) {
         object.begins_with = parse_number(line);
         if (object.begins_with < 1 || object.begins_with > MODEL_MAX_BEGIN || !object.is_instance ||
-            object.depth != 1)
+            object.depth != 1) {
             return "only a table that lies in no other begins with instances, 1 to 255 of them";
+        }
     }
 
     size_t parent_length = 0;
@@ -159,13 +172,16 @@ const char *add_object(DataModel &model, std::string_view line)
         }
     }
     std::string_view own_part = path.substr(parent_length);
-    if (object.is_instance)
+    if (object.is_instance) {
         own_part.remove_suffix(INSTANCE_DOT.size());
-    if (own_part.find(INSTANCE) != std::string_view::npos)
+    }
+    if (own_part.find(INSTANCE) != std::string_view::npos) {
         return "the table above it is not listed";
+    }
 
-    if (!model.by_shape.emplace(shape_of(path), static_cast<int>(model.objects.size())).second)
+    if (!model.by_shape.emplace(shape_of(path), static_cast<int>(model.objects.size())).second) {
         return "the object is listed twice, or its numbers cannot be told from another's {i}";
+    }
     model.objects.push_back(std::move(object));
     return nullptr;
 }
@@ -182,24 +198,29 @@ const char *add_parameter(ModelObject &object, std::string_view line, std::strin
 {
     ModelParameter parameter;
     parameter.name = cut_word(line);
-    if (!is_name(parameter.name))
+    if (!is_name(parameter.name)) {
         return "a parameter's name is made of letters, digits, '_' and '-', and begins with a letter";
+    }
     for (const ModelParameter &other : object.parameters) {
-        if (strcasecmp(other.name.c_str(), parameter.name.c_str()) == 0)
+        if (strcasecmp(other.name.c_str(), parameter.name.c_str()) == 0) {
             return "the object has a parameter of this name already";
+        }
     }
 
     std::string_view length = cut_word(line);
     if (length == "count") {
-        if (line.empty())
+        if (line.empty()) {
             return "the table to count is missing";
+        }
         counted_table = object.path + std::string(line);
     } else {
         parameter.max_length = static_cast<size_t>(parse_number(length));
-        if (parameter.max_length < 1 || parameter.max_length > MODEL_MAX_VALUE)
+        if (parameter.max_length < 1 || parameter.max_length > MODEL_MAX_VALUE) {
             return "the length is not a number from 1 to 255";
-        if (line.size() > parameter.max_length)
+        }
+        if (line.size() > parameter.max_length) {
             return "the default is longer than the parameter may be";
+        }
         parameter.initial = std::string(line);
     }
     object.parameters.push_back(std::move(parameter));
@@ -210,11 +231,13 @@ const char *resolve_count(DataModel &model, const PendingCount &pending)
 {
     for (size_t i = 0; i < model.objects.size(); i++) {
         const ModelObject &table = model.objects[i];
-        if (table.path != pending.table)
+        if (table.path != pending.table) {
             continue;
+        }
         // Deeper than one level, the instances of several tables would be added up.
-        if (!table.is_instance || table.depth != model.objects[pending.object].depth + 1)
+        if (!table.is_instance || table.depth != model.objects[pending.object].depth + 1) {
             return "what it counts is not a table of this object";
+        }
         model.objects[pending.object].parameters[pending.parameter].counted = static_cast<int>(i);
         return nullptr;
     }
@@ -236,8 +259,9 @@ bool data_model_parse(std::string_view text, DataModel &model, std::string &erro
         line_number++;
 
         std::string_view content = trim(line);
-        if (content.empty() || content.front() == '#')
+        if (content.empty() || content.front() == '#') {
             continue;
+        }
         if (line.front() != ' ' && line.front() != '\t') {
             fault = add_object(model, content);
             continue;
@@ -249,18 +273,21 @@ bool data_model_parse(std::string_view text, DataModel &model, std::string &erro
         ModelObject &object = model.objects.back();
         std::string counted_table;
         fault = add_parameter(object, content, counted_table);
-        if (!counted_table.empty())
+        if (!counted_table.empty()) {
             counts.push_back(
                 {line_number, model.objects.size() - 1, object.parameters.size() - 1, counted_table});
+        }
     }
     for (const PendingCount &pending : counts) {
-        if (fault != nullptr)
+        if (fault != nullptr) {
             break;
+        }
         line_number = pending.line;
         fault = resolve_count(model, pending);
     }
-    if (fault == nullptr)
+    if (fault == nullptr) {
         return true;
+    }
     error = "line " + std::to_string(line_number) + ": " + fault;
     return false;
 }
@@ -292,8 +319,9 @@ ObjectRef data_model_find_table(const DataModel &model, std::string_view path)
 int data_model_find_parameter(const ModelObject &object, std::string_view name)
 {
     for (size_t i = 0; i < object.parameters.size(); i++) {
-        if (object.parameters[i].name == name)
+        if (object.parameters[i].name == name) {
             return static_cast<int>(i);
+        }
     }
     return MODEL_NONE;
 }
@@ -309,8 +337,9 @@ bool data_model_knows(const DataModel &model, std::string_view path)
     }
     for (const ModelObject &object : model.objects) {
         InstanceNumbers numbers{};
-        if (match(object.path, path, numbers))
+        if (match(object.path, path, numbers)) {
             return true;
+        }
     }
     return false;
 }

@@ -15,15 +15,17 @@ constexpr std::string_view PORTS = "InternetGatewayDevice.X_QV_Driver.LANPort.";
 
 std::string driver_interface_of_port(unsigned int port)
 {
-    if (port < 1 || port > DRIVER_MAX_PORT)
+    if (port < 1 || port > DRIVER_MAX_PORT) {
         return {};
+    }
     return std::string(INTERFACE_PREFIX) + std::to_string(port - 1);
 }
 
 unsigned int driver_port_of_interface(std::string_view name)
 {
-    if (!name.starts_with(INTERFACE_PREFIX))
+    if (!name.starts_with(INTERFACE_PREFIX)) {
         return 0;
+    }
     unsigned int index = 0;
     auto [end, fault] =
         std::from_chars(name.data() + INTERFACE_PREFIX.size(), name.data() + name.size(), index);
@@ -43,14 +45,16 @@ std::string driver_binding_path(unsigned int port, unsigned int lan_vlan)
 StoreResult driver_keep(std::string_view object_path, std::initializer_list<DriverValue> values)
 {
     ObjectRef object = data_model_find_object(data_model(), object_path);
-    if (object.object == MODEL_NONE)
+    if (object.object == MODEL_NONE) {
         return STORE_UNKNOWN_PATH;
+    }
     const ModelObject &model = data_model().objects[static_cast<size_t>(object.object)];
     std::vector<StoreItem> items;
     for (const DriverValue &value : values) {
         int parameter = data_model_find_parameter(model, value.name);
-        if (parameter == MODEL_NONE)
+        if (parameter == MODEL_NONE) {
             return STORE_UNKNOWN_PATH;
+        }
         items.push_back({.object = object,
                          .parameter = static_cast<size_t>(parameter),
                          .text = const_cast<char *>(value.text.c_str())}); // a write only reads it

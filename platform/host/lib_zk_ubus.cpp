@@ -545,14 +545,16 @@ namespace {
 template <typename Visit>
 bool visit_members(const void *data, int len, Visit visit)
 {
-    if (len < 0 || (data == nullptr && len > 0))
+    if (len < 0 || (data == nullptr && len > 0)) {
         return false;
+    }
     auto left = static_cast<size_t>(len);
     const blob_attr *member = nullptr;
     __blob_for_each_attr(member, data, left)
     {
-        if (!blobmsg_check_attr_len(member, false, left))
+        if (!blobmsg_check_attr_len(member, false, left)) {
             return false;
+        }
         visit(member);
     }
     return left == 0;
@@ -569,11 +571,13 @@ unsigned int ubus_KV_size_get(void *data, int len)
 
 bool ubus_parse_kv_config(void *data, int len, ubus_KV_Set_Func func, void *priv)
 {
-    if (func == nullptr || !visit_members(data, len, [](const blob_attr *) {}))
+    if (func == nullptr || !visit_members(data, len, [](const blob_attr *) {})) {
         return false; // nothing of a damaged table is taken
+    }
     return visit_members(data, len, [func, priv](const blob_attr *member) {
         // An attribute of another form than a message's has no name to be read.
-        if (blobmsg_type(member) == BLOBMSG_TYPE_STRING && blob_is_extended(member))
+        if (blobmsg_type(member) == BLOBMSG_TYPE_STRING && blob_is_extended(member)) {
             func(blobmsg_name(member), static_cast<const char *>(blobmsg_data(member)), priv);
+        }
     });
 }

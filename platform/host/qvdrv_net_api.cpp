@@ -73,12 +73,14 @@ std::string canonical_mac(const char *text)
 {
     constexpr size_t LENGTH = 17;
     std::string mac(text == nullptr ? "" : text);
-    if (mac.size() != LENGTH)
+    if (mac.size() != LENGTH) {
         return {};
+    }
     for (size_t i = 0; i < LENGTH; i++) {
         auto c = static_cast<unsigned char>(mac[i]);
-        if (i % 3 == 2 ? c != ':' : std::isxdigit(c) == 0)
+        if (i % 3 == 2 ? c != ':' : std::isxdigit(c) == 0) {
             return {};
+        }
         mac[i] = static_cast<char>(std::tolower(c));
     }
     return mac;
@@ -89,15 +91,18 @@ StoreResult find_device(const std::string &mac, std::string &path)
 {
     std::vector<int> numbers;
     ObjectRef table = data_model_find_table(data_model(), DRIVER_DEVICES);
-    if (StoreResult result = store_instances(table, numbers, DRIVER_WAIT_MS); result != STORE_OK)
+    if (StoreResult result = store_instances(table, numbers, DRIVER_WAIT_MS); result != STORE_OK) {
         return result;
+    }
     int free = 1;
     for (int number : numbers) {
         path = std::string(DRIVER_DEVICES) + std::to_string(number) + ".";
-        if (driver_kept(path, "MACAddress") == mac)
+        if (driver_kept(path, "MACAddress") == mac) {
             return STORE_OK;
-        if (number == free)
+        }
+        if (number == free) {
             free++;
+        }
     }
     path = std::string(DRIVER_DEVICES) + std::to_string(free) + ".";
     return STORE_NO_OBJECT;
@@ -107,13 +112,15 @@ int keep_of_device(const char *mac, const char *up_name, unsigned int up, const 
                    unsigned int down)
 {
     const std::string canonical = canonical_mac(mac);
-    if (canonical.empty())
+    if (canonical.empty()) {
         return STORE_BAD_ARGUMENT;
+    }
     std::lock_guard lock(mutex);
     std::string path;
     StoreResult result = find_device(canonical, path);
-    if (result != STORE_OK && result != STORE_NO_OBJECT)
+    if (result != STORE_OK && result != STORE_NO_OBJECT) {
         return result;
+    }
     return driver_keep(
         path, {{"MACAddress", canonical}, {up_name, std::to_string(up)}, {down_name, std::to_string(down)}});
 }
@@ -129,15 +136,17 @@ bool read_number(const std::string &path, const char *parameter, unsigned int &n
 
 int qvdrv_net_set_port_mac_limit(unsigned int port, unsigned int limit)
 {
-    if (!is_port(port))
+    if (!is_port(port)) {
         return refuse("MAC limit of port " + std::to_string(port));
+    }
     return driver_keep(driver_port_path(port), {{"MACLimit", std::to_string(limit)}});
 }
 
 int qvdrv_net_set_vlan_bind(unsigned int port, unsigned short lan_vlan, const qv_wan_param *wan)
 {
-    if (wan == nullptr || !is_port(port) || !is_vlan(lan_vlan))
+    if (wan == nullptr || !is_port(port) || !is_vlan(lan_vlan)) {
         return refuse("binding of VLAN " + std::to_string(lan_vlan) + " on port " + std::to_string(port));
+    }
     std::lock_guard lock(mutex);
     return driver_keep(driver_binding_path(port, lan_vlan),
                        {{"VLAN", std::to_string(wan->vid)},
@@ -152,29 +161,34 @@ int qvdrv_net_set_vlan_bind(unsigned int port, unsigned short lan_vlan, const qv
 
 int qvdrv_net_del_vlan_bind(unsigned int port, unsigned short lan_vlan, const qv_wan_param *wan)
 {
-    if (wan == nullptr || !is_port(port) || !is_vlan(lan_vlan))
+    if (wan == nullptr || !is_port(port) || !is_vlan(lan_vlan)) {
         return STORE_BAD_ARGUMENT;
+    }
     const std::string path = driver_binding_path(port, lan_vlan);
     std::lock_guard lock(mutex);
     // The LAN VLAN may have been bound to another connection since.
-    if (driver_kept(path, "VLAN") != std::to_string(wan->vid))
+    if (driver_kept(path, "VLAN") != std::to_string(wan->vid)) {
         return STORE_NO_OBJECT;
+    }
     return store_remove(data_model_find_object(data_model(), path), DRIVER_WAIT_MS);
 }
 
 int qvdrv_net_get_dev_maxbandwidth(const char *mac, unsigned int *maxus, unsigned int *maxds)
 {
     const std::string canonical = canonical_mac(mac);
-    if (canonical.empty() || maxus == nullptr || maxds == nullptr)
+    if (canonical.empty() || maxus == nullptr || maxds == nullptr) {
         return STORE_BAD_ARGUMENT;
+    }
     std::lock_guard lock(mutex);
     std::string path;
-    if (StoreResult result = find_device(canonical, path); result != STORE_OK)
+    if (StoreResult result = find_device(canonical, path); result != STORE_OK) {
         return result;
+    }
     unsigned int up = 0;
     unsigned int down = 0;
-    if (!read_number(path, "MaxUpstream", up) || !read_number(path, "MaxDownstream", down))
+    if (!read_number(path, "MaxUpstream", up) || !read_number(path, "MaxDownstream", down)) {
         return STORE_NO_OBJECT; // only totals have been set
+    }
     *maxus = up;
     *maxds = down;
     return 0;
@@ -193,8 +207,9 @@ int qvdrv_net_set_dev_total_bandwidth(const char *mac, unsigned int up, unsigned
 int qvdrv_eth_get_port_id(const char *ifname, unsigned short *port_id)
 {
     unsigned int port = ifname == nullptr ? 0 : driver_port_of_interface(ifname);
-    if (port == 0 || port_id == nullptr)
+    if (port == 0 || port_id == nullptr) {
         return STORE_BAD_ARGUMENT;
+    }
     *port_id = static_cast<unsigned short>(port);
     return 0;
 }

@@ -35,8 +35,9 @@ public:
     Interface &operator=(const Interface &) = delete;
     ~Interface()
     {
-        if (socket_ >= 0)
+        if (socket_ >= 0) {
             close(socket_);
+        }
     }
 
     int get_flags(unsigned int &flags)
@@ -49,8 +50,9 @@ public:
     int set_up(bool up)
     {
         unsigned int flags = 0;
-        if (int fault = get_flags(flags); fault != 0)
+        if (int fault = get_flags(flags); fault != 0) {
             return fault;
+        }
         flags = up ? flags | IFF_UP : flags & ~static_cast<unsigned int>(IFF_UP);
         request_.ifr_flags = static_cast<short>(flags);
         return control(SIOCSIFFLAGS);
@@ -65,8 +67,9 @@ public:
 private:
     int control(unsigned long request)
     {
-        if (request_.ifr_name[0] == '\0')
+        if (request_.ifr_name[0] == '\0') {
             return ENODEV;
+        }
         return ioctl(socket_, request, &request_) == 0 ? 0 : errno;
     }
 
@@ -86,17 +89,21 @@ int negotiate(Interface &interface, const PON_ETH_PORT_WORK_MODE_T &mode)
     auto &settings = *reinterpret_cast<ethtool_link_settings *>(memory);
 
     settings.cmd = ETHTOOL_GLINKSETTINGS;
-    if (int fault = interface.ethtool(settings); fault != 0)
+    if (int fault = interface.ethtool(settings); fault != 0) {
         return fault;
+    }
     const int words = -settings.link_mode_masks_nwords; // asked with 0, it only says how many, negative
-    if (words < 1 || words > MAX_WORDS)
+    if (words < 1 || words > MAX_WORDS) {
         return EPROTO;
+    }
     settings.cmd = ETHTOOL_GLINKSETTINGS;
     settings.link_mode_masks_nwords = static_cast<int8_t>(words);
-    if (int fault = interface.ethtool(settings); fault != 0)
+    if (int fault = interface.ethtool(settings); fault != 0) {
         return fault;
-    if (settings.link_mode_masks_nwords != words)
+    }
+    if (settings.link_mode_masks_nwords != words) {
         return EPROTO;
+    }
 
     settings.cmd = ETHTOOL_SLINKSETTINGS;
     if (mode.auto_neg_enable != 0) {
@@ -105,10 +112,12 @@ int negotiate(Interface &interface, const PON_ETH_PORT_WORK_MODE_T &mode)
         std::copy_n(supported, words, supported + words);
     } else {
         settings.autoneg = AUTONEG_DISABLE;
-        if (mode.rate != 0)
+        if (mode.rate != 0) {
             settings.speed = mode.rate;
-        if (mode.duplex_mode != 0)
+        }
+        if (mode.duplex_mode != 0) {
             settings.duplex = mode.duplex_mode == PON_PORT_DUPLEX_FULL ? DUPLEX_FULL : DUPLEX_HALF;
+        }
     }
     return interface.ethtool(settings);
 }
@@ -125,8 +134,9 @@ void log_fault(int level, const char *what, unsigned int port, int fault)
 
 int qvdrv_pon_set_eth_port_work_mode(const PON_ETH_PORT_WORK_MODE_T *mode)
 {
-    if (mode == nullptr)
+    if (mode == nullptr) {
         return STORE_BAD_ARGUMENT;
+    }
     std::lock_guard lock(mutex);
     Interface interface(mode->port_index);
     unsigned int flags = 0;
@@ -135,11 +145,13 @@ int qvdrv_pon_set_eth_port_work_mode(const PON_ETH_PORT_WORK_MODE_T *mode)
         return STORE_FAILED;
     }
     // Virtual interfaces mostly refuse; that is nothing to worry about.
-    if (int fault = negotiate(interface, *mode); fault != 0)
+    if (int fault = negotiate(interface, *mode); fault != 0) {
         log_fault(VELM_LOG_WARNING, "work mode", mode->port_index, fault);
+    }
     const char *duplex = "None";
-    if (mode->duplex_mode != 0)
+    if (mode->duplex_mode != 0) {
         duplex = mode->duplex_mode == PON_PORT_DUPLEX_FULL ? "Full" : "Half";
+    }
     return driver_keep(driver_port_path(mode->port_index),
                        {{"AutoNegotiation", mode->auto_neg_enable != 0 ? "1" : "0"},
                         {"Rate", std::to_string(mode->rate)},
@@ -148,8 +160,9 @@ int qvdrv_pon_set_eth_port_work_mode(const PON_ETH_PORT_WORK_MODE_T *mode)
 
 int qvdrv_pon_set_eth_port_state(const PON_ETH_PORT_STATE_T *state)
 {
-    if (state == nullptr)
+    if (state == nullptr) {
         return STORE_BAD_ARGUMENT;
+    }
     const bool enable = state->enable != 0;
     std::lock_guard lock(mutex);
     if (int fault = Interface(state->port_index).set_up(enable); fault != 0) {
@@ -161,8 +174,9 @@ int qvdrv_pon_set_eth_port_state(const PON_ETH_PORT_STATE_T *state)
 
 int qvdrv_pon_get_eth_port_link_status(PON_ETH_PORT_LINK_STATUS_T *status)
 {
-    if (status == nullptr)
+    if (status == nullptr) {
         return STORE_BAD_ARGUMENT;
+    }
     status->link_up = 0;
     unsigned int flags = 0;
     if (int fault = Interface(status->port_index).get_flags(flags); fault != 0) {

@@ -56,8 +56,9 @@ public:
     Execution(const Statement &statement, size_t depth, const InstanceNumbers &numbers)
         : statement_(statement.get())
     {
-        for (size_t i = 0; i < depth; i++)
+        for (size_t i = 0; i < depth; i++) {
             sqlite3_bind_int(statement_, static_cast<int>(i) + 1, numbers[i]);
+        }
     }
     explicit Execution(const Statement &statement) : Execution(statement, 0, {}) {}
     Execution(const Execution &) = delete;
@@ -97,11 +98,13 @@ public:
 
     explicit FileState(const volatile void *index)
     {
-        if (index == nullptr)
+        if (index == nullptr) {
             return;
+        }
         const auto *shared = static_cast<const volatile uint32_t *>(index);
-        for (size_t i = 0; i < words_.size(); i++)
+        for (size_t i = 0; i < words_.size(); i++) {
             words_[i] = __atomic_load_n(&shared[i], __ATOMIC_ACQUIRE);
+        }
     }
 
     // False for the unknown state, and for one that was being written while it was looked at.
@@ -131,8 +134,9 @@ struct ObjectRefHash {
     size_t operator()(const ObjectRef &ref) const
     {
         auto hash = static_cast<size_t>(ref.object);
-        for (int number : ref.instance)
+        for (int number : ref.instance) {
             hash = hash * 31 + static_cast<size_t>(number);
+        }
         return hash;
     }
 };
@@ -225,16 +229,20 @@ StoreResult Connection::prepare(int wait)
 {
     wait_ = wait;
     waiting_ = false;
-    if (db_ != nullptr)
+    if (db_ != nullptr) {
         return STORE_OK;
+    }
 
     int code = open_file(store_file());
-    if (code == SQLITE_OK)
+    if (code == SQLITE_OK) {
         code = use_write_ahead_log();
-    if (code == SQLITE_OK)
+    }
+    if (code == SQLITE_OK) {
         code = apply_model();
-    if (code == SQLITE_OK)
+    }
+    if (code == SQLITE_OK) {
         return STORE_OK;
+    }
     StoreResult result = result_of(code);
     close();
     return result;
@@ -249,8 +257,9 @@ int Connection::open_file(const char *file)
     int code =
         sqlite3_open_v2(file, &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
     db_.reset(db); // there is one to be closed even on failure
-    if (code == SQLITE_OK)
+    if (code == SQLITE_OK) {
         sqlite3_busy_handler(db, busy, this);
+    }
     return code;
 }
 
@@ -258,10 +267,12 @@ int Connection::use_write_ahead_log()
 {
     // Two that switch a new file over at the same moment can both be refused at once, without a wait.
     int code = SQLITE_OK;
-    for (int count = 0; count == 0 || (code == SQLITE_BUSY && busy(this, count)); count++)
+    for (int count = 0; count == 0 || (code == SQLITE_BUSY && busy(this, count)); count++) {
         code = sqlite3_exec(db_.get(), "PRAGMA journal_mode = WAL", nullptr, nullptr, nullptr);
-    if (code != SQLITE_OK)
+    }
+    if (code != SQLITE_OK) {
         return code;
+    }
     return sqlite3_exec(db_.get(), "PRAGMA synchronous = NORMAL", nullptr, nullptr, nullptr);
 }
 
@@ -269,8 +280,9 @@ int Connection::model_version(int64_t &version)
 {
     Statement statement;
     int code = statement.prepare(db_.get(), "PRAGMA user_version");
-    if (code != SQLITE_OK)
+    if (code != SQLITE_OK) {
         return code;
+    }
     Execution execution(statement);
     code = execution.step();
     version = execution.number(0);
@@ -281,8 +293,9 @@ int Connection::model_version(int64_t &version)
 int Connection::apply_model()
 {
     uint32_t hash = 2166136261; // FNV-1a
-    for (const char *c = data_model_text; *c != '\0'; c++)
+    for (const char *c = data_model_text; *c != '\0'; c++) {
         hash = (hash ^ static_cast<unsigned char>(*c)) * 16777619;
+    }
     const int64_t wanted = hash >> 1; // positive in the file's signed 32 bits
 
     int64_t version = 0;
@@ -290,16 +303,20 @@ int Connection::apply_model()
     if (code == SQLITE_OK && version != wanted) {
         code = execute("BEGIN IMMEDIATE");
         for (const ModelObject &object : model_.objects) {
-            if (code == SQLITE_OK) // what another process has made meanwhile stays
+            if (code == SQLITE_OK) { // what another process has made meanwhile stays
                 code = create_or_extend(object);
+            }
         }
-        if (code == SQLITE_OK)
+        if (code == SQLITE_OK) {
             code = execute("PRAGMA user_version = " + std::to_string(wanted));
-        if (code == SQLITE_OK)
+        }
+        if (code == SQLITE_OK) {
             code = execute("COMMIT");
+        }
     }
-    if (code != SQLITE_OK)
+    if (code != SQLITE_OK) {
         return code;
+    }
 
     // The shared memory is there from the first reading on, and stays where it is while the file is open.
     sqlite3_file *file = nullptr;
@@ -307,8 +324,9 @@ int Connection::apply_model()
     sqlite3_file_control(db_.get(), "main", SQLITE_FCNTL_FILE_POINTER, &file);
     constexpr int INDEX_PAGE = 32768;
     if (file != nullptr && file->pMethods != nullptr && file->pMethods->iVersion >= 2 &&
-        file->pMethods->xShmMap(file, 0, INDEX_PAGE, 0, &index) == SQLITE_OK)
+        file->pMethods->xShmMap(file, 0, INDEX_PAGE, 0, &index) == SQLITE_OK) {
         log_index_ = index;
+    }
     object_statements_ = std::vector<ObjectStatements>(model_.objects.size());
     return SQLITE_OK;
 }
@@ -317,19 +335,22 @@ int Connection::column_names(const ModelObject &object, std::vector<std::string>
 {
     Statement statement;
     int code = statement.prepare(db_.get(), sql_column_names(object));
-    if (code != SQLITE_OK)
+    if (code != SQLITE_OK) {
         return code;
+    }
     Execution execution(statement);
-    while ((code = execution.step()) == SQLITE_ROW)
+    while ((code = execution.step()) == SQLITE_ROW) {
         columns.emplace_back(execution.text(0));
+    }
     return code == SQLITE_DONE ? SQLITE_OK : code;
 }
 
 int Connection::create(const ModelObject &object)
 {
     int code = execute(sql_create_table(object));
-    for (int number = 1; number <= object.begins_with && code == SQLITE_OK; number++)
+    for (int number = 1; number <= object.begins_with && code == SQLITE_OK; number++) {
         code = execute(sql_insert_row(object), object.depth, {number});
+    }
     return code;
 }
 
@@ -339,8 +360,9 @@ int Connection::extend(const ModelObject &object, const std::vector<std::string>
     for (const ModelParameter &parameter : object.parameters) {
         bool kept = parameter.counted == MODEL_NONE;
         if (code == SQLITE_OK && kept &&
-            std::find(columns.begin(), columns.end(), parameter.name) == columns.end())
+            std::find(columns.begin(), columns.end(), parameter.name) == columns.end()) {
             code = execute(sql_add_column(object, parameter));
+        }
     }
     return code;
 }
@@ -349,10 +371,12 @@ int Connection::create_or_extend(const ModelObject &object)
 {
     std::vector<std::string> columns;
     int code = column_names(object, columns);
-    if (code == SQLITE_OK)
+    if (code == SQLITE_OK) {
         code = columns.empty() ? create(object) : extend(object, columns);
-    if (code == SQLITE_OK && !object.is_instance)
+    }
+    if (code == SQLITE_OK && !object.is_instance) {
         code = execute(sql_seed(model_, object));
+    }
     return code;
 }
 
@@ -374,14 +398,17 @@ int Connection::busy(void *self, int count)
     auto *connection = static_cast<Connection *>(self);
     auto pause = microseconds(100) * (1 << std::min(count, 5));
     if (connection->wait_ != ALL_BLOCK_LOCK) {
-        if (connection->wait_ <= 0)
+        if (connection->wait_ <= 0) {
             return 0;
+        }
         auto now = steady_clock::now();
-        if (!connection->waiting_)
+        if (!connection->waiting_) {
             connection->give_up_ = now + milliseconds(connection->wait_);
+        }
         connection->waiting_ = true;
-        if (now >= connection->give_up_)
+        if (now >= connection->give_up_) {
             return 0;
+        }
     }
     std::this_thread::sleep_for(pause);
     return 1;
@@ -389,12 +416,15 @@ int Connection::busy(void *self, int count)
 
 StoreResult Connection::result_of(int code)
 {
-    if (code == SQLITE_OK || code == SQLITE_DONE || code == SQLITE_ROW)
+    if (code == SQLITE_OK || code == SQLITE_DONE || code == SQLITE_ROW) {
         return STORE_OK;
-    if (code == SQLITE_BUSY || code == SQLITE_LOCKED)
+    }
+    if (code == SQLITE_BUSY || code == SQLITE_LOCKED) {
         return STORE_LOCKED;
-    if (code != logged_code_) // once, not with every event
+    }
+    if (code != logged_code_) { // once, not with every event
         zk_mod_log_printf("store", VELM_LOG_ERR, "%s: %s\n", store_file(), sqlite3_errstr(code));
+    }
     logged_code_ = code;
     return code == SQLITE_NOTADB || code == SQLITE_CORRUPT ? STORE_DAMAGED : STORE_FAILED;
 }
@@ -404,27 +434,33 @@ int Connection::execute(const std::string &sql, size_t depth, const InstanceNumb
 {
     Statement &statement = statements_[sql];
     int code = statement.is_prepared() ? SQLITE_OK : statement.prepare(db_.get(), sql);
-    if (code != SQLITE_OK)
+    if (code != SQLITE_OK) {
         return code;
+    }
     Execution execution(statement, depth, numbers);
-    while ((code = execution.step()) == SQLITE_ROW)
+    while ((code = execution.step()) == SQLITE_ROW) {
         continue;
+    }
     return code == SQLITE_DONE ? SQLITE_OK : code;
 }
 
 int Connection::statements_of(const ObjectRef &object, ObjectStatements *&statements)
 {
     statements = &object_statements_[static_cast<size_t>(object.object)];
-    if (statements->select.is_prepared())
+    if (statements->select.is_prepared()) {
         return SQLITE_OK;
+    }
     const ModelObject &model = model_of(object);
     int code = SQLITE_OK;
-    if (std::string update = sql_update_row(model); !update.empty())
+    if (std::string update = sql_update_row(model); !update.empty()) {
         code = statements->update.prepare(db_.get(), update);
-    if (code == SQLITE_OK && model.is_instance)
+    }
+    if (code == SQLITE_OK && model.is_instance) {
         code = statements->numbers.prepare(db_.get(), sql_instance_numbers(model));
-    if (code == SQLITE_OK)
+    }
+    if (code == SQLITE_OK) {
         code = statements->select.prepare(db_.get(), sql_select_row(model_, model));
+    }
     return code;
 }
 
@@ -444,8 +480,9 @@ StoreResult Connection::end(StoreResult result)
             return STORE_OK;
         }
     }
-    if (sqlite3_get_autocommit(db_.get()) == 0) // some faults have rolled back by themselves
+    if (sqlite3_get_autocommit(db_.get()) == 0) { // some faults have rolled back by themselves
         execute("ROLLBACK");
+    }
     forget_rows();
     return result;
 }
@@ -461,8 +498,9 @@ void Connection::forget_rows()
 void Connection::drop_stale_rows()
 {
     FileState now = state();
-    if (now.same_as(rows_state_) && rows_.size() <= MAX_CACHED_ROWS)
+    if (now.same_as(rows_state_) && rows_.size() <= MAX_CACHED_ROWS) {
         return;
+    }
     rows_.clear();
     rows_state_ = now;
 }
@@ -473,17 +511,21 @@ StoreResult Connection::load(const ObjectRef &object, Row &row)
     const ModelObject &model = model_of(object);
     ObjectStatements *statements = nullptr;
     int code = statements_of(object, statements);
-    if (code != SQLITE_OK)
+    if (code != SQLITE_OK) {
         return result_of(code);
+    }
     Execution execution(statements->select, model.depth, object.instance);
     code = execution.step();
-    if (code == SQLITE_DONE)
+    if (code == SQLITE_DONE) {
         return STORE_NO_OBJECT;
-    if (code != SQLITE_ROW)
+    }
+    if (code != SQLITE_ROW) {
         return result_of(code);
+    }
     row.resize(model.parameters.size());
-    for (size_t i = 0; i < row.size(); i++)
+    for (size_t i = 0; i < row.size(); i++) {
         row[i] = execution.text(static_cast<int>(i));
+    }
     return STORE_OK;
 }
 
@@ -496,8 +538,9 @@ StoreResult Connection::find_row(const ObjectRef &object, Row *&row)
     }
     Row loaded;
     StoreResult result = load(object, loaded);
-    if (result == STORE_OK)
+    if (result == STORE_OK) {
         row = &rows_.emplace(object, std::move(loaded)).first->second;
+    }
     return result;
 }
 
@@ -508,13 +551,15 @@ StoreResult Connection::find_rows(std::span<const StoreItem> items)
     bool one_object = true;
     bool missing = false;
     for (size_t i = 0; i < items.size(); i++) {
-        if (i > 0 && items[i].object == items[i - 1].object)
+        if (i > 0 && items[i].object == items[i - 1].object) {
             continue;
+        }
         one_object = i == 0;
         missing = missing || !rows_.contains(items[i].object);
     }
-    if (!missing)
+    if (!missing) {
         return STORE_OK;
+    }
 
     StoreResult result = STORE_OK;
     Row *row = nullptr;
@@ -523,11 +568,13 @@ StoreResult Connection::find_rows(std::span<const StoreItem> items)
     } else {
         rows_.clear(); // what is there may be older than what the transaction will see
         result = begin("BEGIN");
-        if (result != STORE_OK)
+        if (result != STORE_OK) {
             return result;
+        }
         for (const StoreItem &item : items) {
-            if (result == STORE_OK)
+            if (result == STORE_OK) {
                 result = find_row(item.object, row);
+            }
         }
         result = end(result);
     }
@@ -551,16 +598,19 @@ StoreResult Connection::change_rows(std::span<const StoreItem> items)
         result = find_row(object, row);
         bool changed = false;
         for (; !items.empty() && items.front().object == object; items = items.subspan(1)) {
-            if (result != STORE_OK)
+            if (result != STORE_OK) {
                 return result;
+            }
             std::string &value = (*row)[items.front().parameter];
-            if (value == items.front().text)
+            if (value == items.front().text) {
                 continue;
+            }
             value = items.front().text;
             changed = true;
         }
-        if (changed)
+        if (changed) {
             result = write_row(object, *row);
+        }
     }
     return result;
 }
@@ -570,13 +620,15 @@ StoreResult Connection::make(const ObjectRef &object, bool &made)
 {
     Row ignored;
     StoreResult result = load(object, ignored);
-    if (result != STORE_NO_OBJECT)
+    if (result != STORE_NO_OBJECT) {
         return result;
+    }
     const ModelObject &model = model_of(object);
     if (model.parent != MODEL_NONE) {
         ObjectRef above{.object = model.parent, .instance = object.instance};
-        if (result = make(above, made); result != STORE_OK)
+        if (result = make(above, made); result != STORE_OK) {
             return result;
+        }
     }
     made = true;
     return model.is_instance ? insert_instance(object) : STORE_OK; // others come with what they lie in
@@ -587,12 +639,14 @@ StoreResult Connection::write_row(const ObjectRef &object, const Row &row)
     const ModelObject &model = model_of(object);
     ObjectStatements *statements = nullptr;
     int code = statements_of(object, statements);
-    if (code != SQLITE_OK)
+    if (code != SQLITE_OK) {
         return result_of(code);
+    }
     Execution execution(statements->update, model.depth, object.instance);
     for (size_t i = 0; i < row.size(); i++) {
-        if (model.parameters[i].counted == MODEL_NONE)
+        if (model.parameters[i].counted == MODEL_NONE) {
             execution.bind(model.depth + i + 1, row[i]);
+        }
     }
     return result_of(execution.step());
 }
@@ -602,10 +656,12 @@ StoreResult Connection::write_row(const ObjectRef &object, const Row &row)
 StoreResult Connection::read(std::span<const StoreItem> items, int wait)
 {
     StoreResult result = prepare(wait);
-    if (result == STORE_OK)
+    if (result == STORE_OK) {
         result = find_rows(items);
-    if (result != STORE_OK)
+    }
+    if (result != STORE_OK) {
         return result;
+    }
     for (const StoreItem &item : items) {
         const std::string &value = rows_.find(item.object)->second[item.parameter];
         size_t length = value.copy(item.text, MODEL_MAX_VALUE);
@@ -618,41 +674,51 @@ StoreResult Connection::write(std::span<const StoreItem> items, int wait, bool m
 {
     for (const StoreItem &item : items) {
         const ModelParameter &parameter = model_of(item.object).parameters[item.parameter];
-        if (parameter.counted != MODEL_NONE)
+        if (parameter.counted != MODEL_NONE) {
             return STORE_READ_ONLY;
-        if (strnlen(item.text, parameter.max_length + 1) > parameter.max_length)
+        }
+        if (strnlen(item.text, parameter.max_length + 1) > parameter.max_length) {
             return STORE_TOO_LONG;
+        }
     }
     StoreResult result = prepare(wait);
-    if (result == STORE_OK)
+    if (result == STORE_OK) {
         result = find_rows(items);
-    if (result == STORE_OK && !changes_something(items))
+    }
+    if (result == STORE_OK && !changes_something(items)) {
         return STORE_OK;
-    if (result != STORE_OK && !(result == STORE_NO_OBJECT && make_missing))
+    }
+    if (result != STORE_OK && !(result == STORE_NO_OBJECT && make_missing)) {
         return result;
+    }
 
     result = begin("BEGIN IMMEDIATE");
-    if (result != STORE_OK)
+    if (result != STORE_OK) {
         return result;
+    }
     drop_stale_rows(); // from here on nobody else can commit
     FileState before = rows_state_;
     bool made = false;
     for (const StoreItem &item : items) {
-        if (make_missing && result == STORE_OK)
+        if (make_missing && result == STORE_OK) {
             result = make(item.object, made);
+        }
     }
-    if (result == STORE_OK)
+    if (result == STORE_OK) {
         result = change_rows(items);
+    }
     result = end(result);
-    if (result != STORE_OK)
+    if (result != STORE_OK) {
         return result;
+    }
     // The rows in memory are what was written, unless somebody else has written since; but a new instance has
     // changed the counts in some of them.
     FileState after = state();
-    if (after.follows(before) && !made)
+    if (after.follows(before) && !made) {
         rows_state_ = after;
-    else
+    } else {
         forget_rows();
+    }
     return STORE_OK;
 }
 
@@ -666,14 +732,17 @@ StoreResult Connection::exists(const ObjectRef &object, int wait)
 StoreResult Connection::add(const ObjectRef &table, int &instance, int wait)
 {
     StoreResult result = prepare(wait);
-    if (result == STORE_OK)
+    if (result == STORE_OK) {
         result = begin("BEGIN IMMEDIATE");
-    if (result != STORE_OK)
+    }
+    if (result != STORE_OK) {
         return result;
+    }
     int created = 0;
     result = end(add_instance(table, created));
-    if (result == STORE_OK)
+    if (result == STORE_OK) {
         instance = created;
+    }
     return result;
 }
 
@@ -683,16 +752,19 @@ StoreResult Connection::add_instance(const ObjectRef &table, int &instance)
     if (model.parent != MODEL_NONE) {
         ObjectRef above{.object = model.parent, .instance = table.instance};
         Row ignored;
-        if (StoreResult result = load(above, ignored); result != STORE_OK)
+        if (StoreResult result = load(above, ignored); result != STORE_OK) {
             return result;
+        }
     }
     std::vector<int> taken;
-    if (StoreResult result = numbers_of(table, taken); result != STORE_OK)
+    if (StoreResult result = numbers_of(table, taken); result != STORE_OK) {
         return result;
+    }
     instance = 1;
     for (int number : taken) {
-        if (number == instance)
+        if (number == instance) {
             instance++;
+        }
     }
 
     ObjectRef created = table;
@@ -705,10 +777,12 @@ StoreResult Connection::insert_instance(const ObjectRef &object)
 {
     const ModelObject &model = model_of(object);
     for (const ModelObject &part : model_.objects) {
-        if (!part.path.starts_with(model.path) || part.depth != model.depth)
+        if (!part.path.starts_with(model.path) || part.depth != model.depth) {
             continue;
-        if (int code = execute(sql_insert_row(part), model.depth, object.instance); code != SQLITE_OK)
+        }
+        if (int code = execute(sql_insert_row(part), model.depth, object.instance); code != SQLITE_OK) {
             return result_of(code);
+        }
     }
     return STORE_OK;
 }
@@ -716,10 +790,12 @@ StoreResult Connection::insert_instance(const ObjectRef &object)
 StoreResult Connection::remove(const ObjectRef &object, int wait)
 {
     StoreResult result = prepare(wait);
-    if (result == STORE_OK)
+    if (result == STORE_OK) {
         result = begin("BEGIN IMMEDIATE");
-    if (result != STORE_OK)
+    }
+    if (result != STORE_OK) {
         return result;
+    }
     return end(remove_instance(object));
 }
 
@@ -727,14 +803,17 @@ StoreResult Connection::remove_instance(const ObjectRef &object)
 {
     const ModelObject &model = model_of(object);
     Row ignored;
-    if (StoreResult result = load(object, ignored); result != STORE_OK)
+    if (StoreResult result = load(object, ignored); result != STORE_OK) {
         return result;
+    }
     for (const ModelObject &part : model_.objects) {
-        if (!part.path.starts_with(model.path))
+        if (!part.path.starts_with(model.path)) {
             continue;
+        }
         int code = execute(sql_delete_rows(part, model.depth), model.depth, object.instance);
-        if (code != SQLITE_OK)
+        if (code != SQLITE_OK) {
             return result_of(code);
+        }
     }
     return STORE_OK;
 }
@@ -744,11 +823,13 @@ StoreResult Connection::numbers_of(const ObjectRef &table, std::vector<int> &num
     const ModelObject &model = model_of(table);
     ObjectStatements *statements = nullptr;
     int code = statements_of(table, statements);
-    if (code != SQLITE_OK)
+    if (code != SQLITE_OK) {
         return result_of(code);
+    }
     Execution execution(statements->numbers, model.depth - 1, table.instance);
-    while ((code = execution.step()) == SQLITE_ROW)
+    while ((code = execution.step()) == SQLITE_ROW) {
         numbers.push_back(execution.number(0));
+    }
     return result_of(code);
 }
 
@@ -762,19 +843,24 @@ StoreResult Connection::instances(const ObjectRef &table, std::vector<int> &numb
 StoreResult Connection::list(std::string_view path, StoreListing &listing, int wait)
 {
     listing.clear();
-    if (!data_model_knows(model_, path))
+    if (!data_model_knows(model_, path)) {
         return STORE_UNKNOWN_PATH;
+    }
     StoreResult result = prepare(wait);
-    if (result == STORE_OK)
+    if (result == STORE_OK) {
         result = begin("BEGIN");
-    if (result != STORE_OK)
+    }
+    if (result != STORE_OK) {
         return result;
+    }
     ObjectRef asked = data_model_find_object(model_, path.substr(0, path.rfind('.') + 1));
     Row ignored;
-    if (asked.object != MODEL_NONE)
+    if (asked.object != MODEL_NONE) {
         result = load(asked, ignored);
-    if (result == STORE_OK)
+    }
+    if (result == STORE_OK) {
         result = list_below({}, path, listing);
+    }
     return end(result);
 }
 
@@ -784,8 +870,9 @@ StoreResult Connection::list_below(const ObjectRef &above, std::string_view path
     StoreResult result = STORE_OK;
     for (size_t i = 0; i < model_.objects.size() && result == STORE_OK; i++) {
         const ModelObject &model = model_.objects[i];
-        if (model.parent != above.object)
+        if (model.parent != above.object) {
             continue;
+        }
         ObjectRef object{.object = static_cast<int>(i), .instance = above.instance};
         if (!model.is_instance) {
             result = list_object(object, path, listing);
@@ -795,8 +882,9 @@ StoreResult Connection::list_below(const ObjectRef &above, std::string_view path
         result = numbers_of(object, numbers);
         for (int number : numbers) {
             object.instance[model.depth - 1] = number;
-            if (result == STORE_OK)
+            if (result == STORE_OK) {
                 result = list_object(object, path, listing);
+            }
         }
     }
     return result;
@@ -806,16 +894,19 @@ StoreResult Connection::list_object(const ObjectRef &object, std::string_view pa
 {
     const std::string own_path = data_model_path(model_, object);
     bool inside = std::string_view(own_path).starts_with(path);
-    if (!inside && !path.starts_with(own_path))
+    if (!inside && !path.starts_with(own_path)) {
         return STORE_OK;
+    }
     Row row;
-    if (StoreResult result = load(object, row); result != STORE_OK)
+    if (StoreResult result = load(object, row); result != STORE_OK) {
         return result;
+    }
     const ModelObject &model = model_of(object);
     for (size_t i = 0; i < row.size(); i++) {
         std::string parameter_path = own_path + model.parameters[i].name;
-        if (inside || parameter_path == path)
+        if (inside || parameter_path == path) {
             listing.emplace_back(std::move(parameter_path), std::move(row[i]));
+        }
     }
     return list_below(object, path, listing);
 }
