@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "platform/lib_zk_ubus.h"
 
@@ -27,6 +28,15 @@ public:
         blobmsg_add_string(&buf_, name, text.c_str());
     }
     void add_number(const char *name, uint32_t value) { blobmsg_add_u32(&buf_, name, value); }
+
+    void add_texts(const char *name, const std::vector<std::pair<std::string, std::string>> &texts)
+    {
+        void *table = blobmsg_open_table(&buf_, name);
+        for (const auto &[key, text] : texts) {
+            add_text(key.c_str(), text);
+        }
+        blobmsg_close_table(&buf_, table);
+    }
 
     // The members of a JSON object; false when the text is none.
     bool add_json(const std::string &json);

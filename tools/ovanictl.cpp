@@ -27,7 +27,8 @@ try {
     CtlOptions options;
     app.add_option("-s,--socket", options.socket, "the bus's socket")->default_str(BUS_DEFAULT_SOCKET);
     add_hosts_command(app, options);
-    add_store_commands(app);
+    add_port_commands(app);
+    add_store_commands(app, options);
     add_events_command(app, options);
     add_emit_command(app, options);
     add_sysmgr_command(app, options);

@@ -16,7 +16,8 @@ struct CtlOptions {
 [[noreturn]] void fail(const std::string &reason);
 
 void add_hosts_command(CLI::App &app, const CtlOptions &options);
-void add_store_commands(CLI::App &app);
+void add_store_commands(CLI::App &app, const CtlOptions &options);
+void add_port_commands(CLI::App &app);
 void add_events_command(CLI::App &app, const CtlOptions &options);
 void add_emit_command(CLI::App &app, const CtlOptions &options);
 void add_sysmgr_command(CLI::App &app, const CtlOptions &options);

@@ -162,6 +162,43 @@ std::string printable(std::string_view bytes)
     return out;
 }
 
+std::string escape(std::string_view bytes)
+{
+    std::string doubled;
+    for (const char c : bytes) {
+        doubled.append(c == '\\' ? 2 : 1, c);
+    }
+    std::string out = printable(doubled);
+    if (out.ends_with(' ')) {
+        out.replace(out.size() - 1, 1, "\\x20");
+    }
+    if (out.starts_with(' ')) {
+        out.replace(0, 1, "\\x20");
+    }
+    return out;
+}
+
+std::optional<std::string> unescape(std::string_view text)
+{
+    std::string out;
+    for (size_t i = 0; i < text.size(); i++) {
+        if (text[i] != '\\') {
+            out += text[i];
+        } else if (text.substr(i, 2) == "\\\\") {
+            out += '\\';
+            i += 1;
+        } else {
+            const auto byte = parse_hex(text.substr(std::min(i + 2, text.size()), 2));
+            if (text.substr(i, 2) != "\\x" || !byte || byte->size() != 1 || byte->front() == 0) {
+                return std::nullopt;
+            }
+            out += static_cast<char>(byte->front());
+            i += 3;
+        }
+    }
+    return printable(text) == text ? std::optional(out) : std::nullopt;
+}
+
 std::string json_quote(std::string_view bytes)
 {
     std::string out = "\"";

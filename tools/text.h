@@ -29,6 +29,11 @@ unsigned lan_port_of(std::string_view ifname);
 // Safe on a terminal: control characters, bidirectional overrides and bytes that are not UTF-8 become \xNN.
 std::string printable(std::string_view bytes);
 
+// A value on a line of its own: as printable(), with '\\' doubled and a blank at either end as \x20, so that
+// unescape() gets every byte back. Nothing for text that escape() does not produce or that holds a NUL.
+std::string escape(std::string_view bytes);
+std::optional<std::string> unescape(std::string_view text);
+
 // A quoted JSON string; bytes that are not UTF-8 become U+FFFD.
 std::string json_quote(std::string_view bytes);
 
