@@ -169,7 +169,7 @@ else
     [[ $OVANI_GATEWAY == /run/ovani-gateway ]] || note+=" (export OVANI_GATEWAY=$OVANI_GATEWAY first)"
     plug_all 1.5 >>"$OVANI_GATEWAY/log/plug.log" 2>&1 &
     # In the background, so that a signal is heeded at once; Ctrl-C is for the table, and it ends with it.
-    tools/gateway exec ovanictl hosts --watch --events --note "$note" &
+    tools/gateway exec ovanictl hosts --watch --ports --events --note "$note" &
     viewer=$!
     trap : INT
     while kill -0 $viewer 2>/dev/null; do

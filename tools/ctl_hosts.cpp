@@ -17,6 +17,7 @@
 
 #include "ovani/ovani_event.h"
 #include "tools/bus.h"
+#include "tools/ctl_ports.h"
 #include "tools/events.h"
 #include "tools/objects.h"
 #include "tools/table.h"
@@ -159,6 +160,7 @@ struct HostsCommand {
     bool json = false;
     bool watch = false;
     bool events = false;
+    bool ports = false;
     std::string note;
 };
 
@@ -189,6 +191,7 @@ private:
     };
     std::deque<Happening> events_; // newest last
     std::optional<std::vector<TableRow>> printed_;
+    std::vector<std::string> printed_ports_;
 };
 
 HostsView::HostsView(const HostsCommand &command, const std::string &socket) : command_(command), bus_(socket)
@@ -264,6 +267,12 @@ void HostsView::draw_screen(const std::vector<Host> &hosts)
     for (std::string &line : host_lines(hosts, style_, width)) {
         lines.push_back(std::move(line));
     }
+    if (command_.ports) {
+        lines.emplace_back();
+        for (std::string &line : port_lines(style_, width)) {
+            lines.push_back(std::move(line));
+        }
+    }
     if (command_.events && lines.size() + 3 < height) {
         lines.emplace_back();
         lines.push_back(std::string(style_.bold) + "EVENTS" + style_.plain);
@@ -292,11 +301,19 @@ void HostsView::print_changes(const std::vector<Host> &hosts)
         rows.push_back(row_of(host));
         rows.back().cells[since].clear();
     }
-    if (rows == printed_) {
+    std::vector<std::string> ports;
+    if (command_.ports) {
+        ports = port_lines(style_, SIZE_MAX);
+        ports.insert(ports.begin(), "");
+    }
+    if (rows == printed_ && ports == printed_ports_) {
         return;
     }
     printed_ = std::move(rows);
-    for (const std::string &line : host_lines(hosts, style_, SIZE_MAX)) {
+    printed_ports_ = ports;
+    std::vector<std::string> lines = host_lines(hosts, style_, SIZE_MAX);
+    lines.insert(lines.end(), ports.begin(), ports.end());
+    for (const std::string &line : lines) {
         puts(line.c_str());
     }
     putchar('\n');
@@ -331,6 +348,7 @@ void add_hosts_command(CLI::App &app, const CtlOptions &options)
         hosts->add_flag("-w,--watch", command->watch, "keep the table up to date until interrupted")
             ->excludes(json);
     hosts->add_flag("-e,--events", command->events, "and show the bus's events below it")->needs(watch);
+    hosts->add_flag("-p,--ports", command->ports, "and the LAN ports below it")->needs(watch);
     hosts->add_option("--note", command->note, "a line of text for the top of the screen")->needs(watch);
     hosts->callback([command, &options] { show_hosts(*command, options.socket); });
 }
