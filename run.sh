@@ -164,6 +164,7 @@ say "raising the gateway"
 tools/gateway up --build "$build" --operator "$operator" --owner $$
 if $once; then
     check || { say "not as it should be" >&2 && exit 1; }
+    tools/exercise-policy "$operator"
 else
     note="Ctrl-C takes the gateway down. From another terminal: tools/gateway unplug phone, tools/gateway --help"
     [[ $OVANI_GATEWAY == /run/ovani-gateway ]] || note+=" (export OVANI_GATEWAY=$OVANI_GATEWAY first)"
