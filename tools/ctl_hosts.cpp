@@ -127,6 +127,7 @@ TableRow row_of(const Host &host)
 std::vector<std::string> host_lines(const std::vector<Host> &hosts, const Style &style, size_t width)
 {
     std::vector<TableRow> rows;
+    rows.reserve(hosts.size());
     for (const Host &host : hosts) {
         rows.push_back(row_of(host));
     }

@@ -88,6 +88,7 @@ StoreResult assign(std::string_view path, std::string value, Assignment &assignm
 std::vector<StoreItem> items_of(std::vector<Assignment> &assignments)
 {
     std::vector<StoreItem> items;
+    items.reserve(assignments.size());
     for (Assignment &assignment : assignments) {
         items.push_back({assignment.object, assignment.parameter, assignment.value.data()});
     }

@@ -61,7 +61,9 @@ public:
     int ethtool(ethtool_link_settings &settings)
     {
         request_.ifr_data = reinterpret_cast<char *>(&settings);
-        return control(SIOCETHTOOL);
+        const int fault = control(SIOCETHTOOL);
+        request_.ifr_data = nullptr;
+        return fault;
     }
 
 private:
@@ -84,7 +86,7 @@ int negotiate(Interface &interface, const PON_ETH_PORT_WORK_MODE_T &mode)
     // Behind the record stand three bit maps of link modes, of as many words each as the kernel says:
     // supported, advertised and the partner's.
     constexpr int MAX_WORDS = 127;
-    constexpr size_t SIZE = sizeof(ethtool_link_settings) + 3 * MAX_WORDS * sizeof(uint32_t);
+    constexpr size_t SIZE = sizeof(ethtool_link_settings) + sizeof(uint32_t) * 3 * MAX_WORDS;
     alignas(ethtool_link_settings) char memory[SIZE] = {};
     auto &settings = *reinterpret_cast<ethtool_link_settings *>(memory);
 

@@ -438,9 +438,9 @@ int Connection::execute(const std::string &sql, size_t depth, const InstanceNumb
         return code;
     }
     Execution execution(statement, depth, numbers);
-    while ((code = execution.step()) == SQLITE_ROW) {
-        continue;
-    }
+    do {
+        code = execution.step();
+    } while (code == SQLITE_ROW);
     return code == SQLITE_DONE ? SQLITE_OK : code;
 }
 
