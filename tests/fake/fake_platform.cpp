@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <cstring>
 #include <sstream>
+#include <tuple>
+#include <utility>
 
 #include "platform/qvdrv_net_api.h"
 #include "platform/qvdrv_pon_api.h"
@@ -41,6 +43,15 @@ int count_calls(std::string_view beginning)
         current.calls, [&](const std::string &call) { return call.starts_with(beginning); }));
 }
 
+std::string joined(const std::vector<std::string> &texts, const char *between)
+{
+    std::string all;
+    for (const std::string &text : texts) {
+        all += (&text == &texts.front() ? "" : between) + text;
+    }
+    return all;
+}
+
 std::string Sent::attribute(const char *attribute_name) const
 {
     auto *head = reinterpret_cast<blob_attr *>(const_cast<char *>(message.data()));
@@ -58,9 +69,8 @@ std::vector<int> announced_instances()
     std::vector<int> instances;
     for (const Sent &sent : current.sent) {
         if (sent.name == "lanhost_param_change") {
-            std::string bytes = sent.attribute("objnum");
             int value = 0;
-            for (unsigned char byte : bytes) {
+            for (unsigned char byte : sent.attribute("objnum")) {
                 value = value << 8 | byte;
             }
             instances.push_back(value);
@@ -71,10 +81,24 @@ std::vector<int> announced_instances()
 
 namespace {
 
-int record(const std::string &call)
+// Notes a call, its words separated by blanks; what it is to fail with.
+template <typename... Word>
+int record(const char *name, const Word &...words)
 {
-    current.calls.push_back(call);
-    return current.fail ? current.fail(call) : 0;
+    std::ostringstream text;
+    text << name;
+    ((text << ' ' << words), ...);
+    current.calls.push_back(text.str());
+    return current.fail ? current.fail(text.str()) : 0;
+}
+
+// A recorded call that does something, unless it fails.
+int act(int failure, const std::function<void()> &effect)
+{
+    if (failure == 0) {
+        effect();
+    }
+    return failure;
 }
 
 int read_value(const std::string &path, char *value)
@@ -87,19 +111,10 @@ int read_value(const std::string &path, char *value)
     return 0;
 }
 
-std::vector<char> bytes_of(const blob_buf &buf)
+void send(const std::string &name, const blob_buf &message)
 {
-    const char *head = reinterpret_cast<const char *>(buf.head);
-    return {head, head + blob_raw_len(buf.head)};
-}
-
-template <typename... Word>
-std::string words(const char *first, const Word &...rest)
-{
-    std::ostringstream text;
-    text << first;
-    ((text << ' ' << rest), ...);
-    return text.str();
+    const char *head = reinterpret_cast<const char *>(message.head);
+    current.sent.push_back({name, {head, head + blob_raw_len(message.head)}});
 }
 
 struct Session {
@@ -111,6 +126,7 @@ struct Session {
 
 } // namespace fake
 
+using fake::act;
 using fake::platform;
 using fake::record;
 
@@ -130,20 +146,13 @@ void zk_mod_log_printf(const char *module, int level, const char *fmt, ...)
 
 int zkapi_multinode_sessioncreate(void **session, OBJ_OP op, int)
 {
-    if (int code = record("session_create")) {
-        return code;
-    }
-    *session = new fake::Session{op, {}};
-    return 0;
+    return act(record("session_create"), [=] { *session = new fake::Session{op, {}}; });
 }
 
 int zkapi_multinode_sessionprepare(void *session, const char *fullpath, void *data)
 {
-    if (int code = record(std::string("prepare ") + fullpath)) {
-        return code;
-    }
-    static_cast<fake::Session *>(session)->rows.emplace_back(fullpath, static_cast<char *>(data));
-    return 0;
+    auto &rows = static_cast<fake::Session *>(session)->rows;
+    return act(record("prepare", fullpath), [&] { rows.emplace_back(fullpath, static_cast<char *>(data)); });
 }
 
 int zkapi_multinode_sessionprocess(void *handle)
@@ -175,42 +184,35 @@ int zkapi_multinode_sessiondestroy(void *session)
 
 int zkapi_singlevalue_get(const char *path, char *value, OP_DEVFUNC, int)
 {
-    int code = record(std::string("get ") + path);
+    int code = record("get", path);
     return code != 0 ? code : fake::read_value(path, value);
 }
 
 int zkapi_singlevalue_set(const char *path, const char *value, OP_DEVFUNC, int)
 {
-    if (int code = record(std::string("set ") + path)) {
-        return code;
-    }
-    platform().values[path] = value;
-    return 0;
+    return act(record("set", path), [=] { platform().values[path] = value; });
 }
 
 int zkapi_obj_add(const char *objpath, int *instance, OP_DEVFUNC, int)
 {
-    if (int code = record(std::string("obj_add ") + objpath)) {
+    if (int code = record("obj_add", objpath)) {
         return code;
     }
     auto path_of = [&](int number) { return objpath + std::to_string(number) + "."; };
-    int number = platform().next_instance;
-    platform().next_instance = 0;
-    if (number == 0) {
-        number = 1;
-        while (platform().objects.contains(path_of(number))) {
-            ++number;
-        }
+    *instance = std::exchange(platform().next_instance, 0);
+    if (*instance == 0) {
+        do {
+            ++*instance;
+        } while (platform().objects.contains(path_of(*instance)));
     }
-    platform().objects.insert(path_of(number));
-    *instance = number;
+    platform().objects.insert(path_of(*instance));
     return 0;
 }
 
 int zkapi_obj_del(const char *objpath, int instance, OP_DEVFUNC, int)
 {
     std::string path = objpath + std::to_string(instance) + ".";
-    if (int code = record("obj_del " + path)) {
+    if (int code = record("obj_del", path)) {
         return code;
     }
     std::erase_if(platform().values, [&](const auto &entry) { return entry.first.starts_with(path); });
@@ -219,10 +221,7 @@ int zkapi_obj_del(const char *objpath, int instance, OP_DEVFUNC, int)
 
 int zkapi_obj_checkexist(const char *objpath, int)
 {
-    if (record(std::string("exists ") + objpath) != 0) {
-        return 0;
-    }
-    return platform().objects.contains(objpath) ? 1 : 0;
+    return record("exists", objpath) == 0 && platform().objects.contains(objpath) ? 1 : 0;
 }
 
 int zkcfg_getsingleparamval(const char *objpath, const char *param, char *value, int wait)
@@ -239,38 +238,22 @@ int zkcfg_setsingleparamval(const char *objpath, const char *param, const char *
 
 int zk_sys_mgr_get_carrier(zk_carr_type *carrier)
 {
-    if (int code = record("carrier")) {
-        return code;
-    }
-    *carrier = static_cast<zk_carr_type>(platform().carrier);
-    return 0;
+    return act(record("carrier"), [=] { *carrier = static_cast<zk_carr_type>(platform().carrier); });
 }
 
 int zk_sys_mgr_get_areacode(char *areacode)
 {
-    if (int code = record("areacode")) {
-        return code;
-    }
-    snprintf(areacode, 256, "%s", platform().areacode.c_str());
-    return 0;
+    return act(record("areacode"), [=] { snprintf(areacode, 256, "%s", platform().areacode.c_str()); });
 }
 
 int zk_sys_mgr_get_brmac(char *mac)
 {
-    if (int code = record("brmac")) {
-        return code;
-    }
-    snprintf(mac, 256, "%s", platform().brmac.c_str());
-    return 0;
+    return act(record("brmac"), [=] { snprintf(mac, 256, "%s", platform().brmac.c_str()); });
 }
 
 int zk_sys_mgr_get_devinfo(devinfo *info)
 {
-    if (int code = record("devinfo")) {
-        return code;
-    }
-    info->port_num = platform().port_num;
-    return 0;
+    return act(record("devinfo"), [=] { info->port_num = platform().port_num; });
 }
 
 void zkapi_getobjidbyobjpath(const char *path, InstIdStack *ids)
@@ -286,17 +269,17 @@ void zkapi_getobjidbyobjpath(const char *path, InstIdStack *ids)
 
 int qvdrv_net_set_port_mac_limit(unsigned int port, unsigned int limit)
 {
-    return record(fake::words("mac_limit", port, limit));
+    return record("mac_limit", port, limit);
 }
 
 int qvdrv_net_set_vlan_bind(unsigned int port, unsigned short lan_vlan, const qv_wan_param *wan)
 {
-    return record(fake::words("bind", port, lan_vlan, wan->vid));
+    return record("bind", port, lan_vlan, wan->vid);
 }
 
 int qvdrv_net_del_vlan_bind(unsigned int port, unsigned short lan_vlan, const qv_wan_param *wan)
 {
-    return record(fake::words("unbind", port, lan_vlan, wan->vid));
+    return record("unbind", port, lan_vlan, wan->vid);
 }
 
 int qvdrv_net_get_dev_maxbandwidth(const char *mac, unsigned int *maxus, unsigned int *maxds)
@@ -305,37 +288,35 @@ int qvdrv_net_get_dev_maxbandwidth(const char *mac, unsigned int *maxus, unsigne
     if (found == platform().ceilings.end()) {
         return 1;
     }
-    *maxus = found->second.first;
-    *maxds = found->second.second;
+    std::tie(*maxus, *maxds) = found->second;
     return 0;
 }
 
 int qvdrv_net_set_dev_maxbandwidth(const char *mac, unsigned int maxus, unsigned int maxds)
 {
     platform().ceilings[mac] = {maxus, maxds};
-    return record(fake::words("ceiling", mac, maxus, maxds));
+    return record("ceiling", mac, maxus, maxds);
 }
 
 int qvdrv_net_set_dev_total_bandwidth(const char *mac, unsigned int up, unsigned int down)
 {
-    return record(fake::words("total", mac, up, down));
+    return record("total", mac, up, down);
 }
 
 int qvdrv_pon_set_eth_port_work_mode(const PON_ETH_PORT_WORK_MODE_T *mode)
 {
-    return record(
-        fake::words("work_mode", mode->port_index, mode->auto_neg_enable, mode->rate, mode->duplex_mode));
+    return record("work_mode", mode->port_index, mode->auto_neg_enable, mode->rate, mode->duplex_mode);
 }
 
 int qvdrv_pon_set_eth_port_state(const PON_ETH_PORT_STATE_T *state)
 {
-    return record(fake::words("port_state", state->port_index, state->enable));
+    return record("port_state", state->port_index, state->enable);
 }
 
 int qvdrv_pon_get_eth_port_link_status(PON_ETH_PORT_LINK_STATUS_T *status)
 {
     status->link_up = platform().links_up.contains(static_cast<int>(status->port_index)) ? 1 : 0;
-    return record(fake::words("link_status", status->port_index));
+    return record("link_status", status->port_index);
 }
 
 int qvdrv_eth_get_port_id(const char *ifname, unsigned short *port_id)
@@ -353,20 +334,19 @@ int qvdrv_eth_get_port_id(const char *ifname, unsigned short *port_id)
 int lib_zk_ubus_init(ubus_context **ctx)
 {
     static ubus_context context;
-    int code = record("bus_init");
-    *ctx = code == 0 ? &context : nullptr;
-    return code;
+    *ctx = nullptr;
+    return act(record("bus_init"), [=] { *ctx = &context; });
 }
 
 int lib_zk_ubus_add_object(ubus_context *, ubus_object *obj)
 {
     platform().object = obj;
-    return record(std::string("add_object ") + obj->name);
+    return record("add_object", obj->name);
 }
 
 int lib_zk_ubus_register_event_handler(ubus_context *, ubus_event_handler *, const char *pattern)
 {
-    return record(std::string("register ") + pattern);
+    return record("register", pattern);
 }
 
 int lib_zk_ubus_unregister_event_handler(ubus_context *, ubus_event_handler *)
@@ -376,27 +356,19 @@ int lib_zk_ubus_unregister_event_handler(ubus_context *, ubus_event_handler *)
 
 int lib_zk_ubus_send_event(ubus_context *, const char *event, blob_buf msg)
 {
-    if (int code = record(std::string("send ") + event)) {
-        return code;
-    }
-    platform().sent.push_back({event, fake::bytes_of(msg)});
-    return 0;
+    return act(record("send", event), [&] { fake::send(event, msg); });
 }
 
 int lib_zk_ubus_call_method(ubus_context *, const char *object, const char *method, blob_buf msg,
                             ubus_data_handler_t, void *, int)
 {
     std::string name = std::string(object) + "." + method;
-    if (int code = record("call " + name)) {
-        return code;
-    }
-    platform().sent.push_back({name, fake::bytes_of(msg)});
-    return 0;
+    return act(record("call", name), [&] { fake::send(name, msg); });
 }
 
 int lib_zk_ubus_run(unsigned int flag)
 {
-    return record("run " + std::to_string(flag));
+    return record("run", flag);
 }
 
 int lib_zk_ubus_exit(ubus_context *)

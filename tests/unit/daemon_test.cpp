@@ -63,15 +63,18 @@ void DaemonTest::restart(int carrier)
     platform.calls.clear();
 }
 
-std::string DaemonTest::stored(int instance, const char *parameter) const
+std::string DaemonTest::stored(int instance, const std::string &parameters) const
 {
-    auto found = platform.values.find(host_path(instance) + parameter);
-    return found == platform.values.end() ? "(none)" : found->second;
+    std::vector<std::string> values;
+    std::istringstream words(parameters);
+    for (std::string word; words >> word;) {
+        auto found = platform.values.find(host_path(instance) + word);
+        values.push_back(found == platform.values.end() ? "(none)" : found->second);
+    }
+    return fake::joined(values);
 }
 
-namespace {
-
-ovani_mac_event mac_event(const Mac &mac, const char *interface, uint8_t action)
+static ovani_mac_event mac_event(const Mac &mac, const char *interface, uint8_t action)
 {
     ovani_mac_event event{};
     event.action = action;
@@ -80,8 +83,6 @@ ovani_mac_event mac_event(const Mac &mac, const char *interface, uint8_t action)
     set(event.brname, "br0");
     return event;
 }
-
-} // namespace
 
 void DaemonTest::learn(const Mac &mac, const char *interface)
 {
@@ -108,6 +109,17 @@ int DaemonTest::arp(const Mac &mac, uint32_t ip)
 void DaemonTest::dhcp(std::string text)
 {
     ovani_dhcpd_user_event_process(text.data());
+}
+
+Pairs pairs(const std::string &text)
+{
+    Pairs result;
+    std::istringstream words(text);
+    for (std::string word; words >> word;) {
+        size_t sign = word.find('=');
+        result.emplace_back(word.substr(0, sign), word.substr(sign + 1));
+    }
+    return result;
 }
 
 int call_method(const char *method, blob_attr *message)

@@ -36,7 +36,8 @@ protected:
 
     fake::Platform &platform = fake::platform();
 
-    std::string stored(int instance, const char *parameter) const;
+    // The values of parameters of a host, blanks between them as between their names.
+    std::string stored(int instance, const std::string &parameters) const;
     void learn(const Mac &mac, const char *interface = "eth1");
     void forget(const Mac &mac);
     int arp(const Mac &mac, uint32_t ip);
@@ -44,8 +45,10 @@ protected:
     host_node *host(const Mac &mac) { return ovani_host_node_match_by_mac(&g_host_table_ipv4, mac.data()); }
 };
 
-// Calls a method of the daemon's bus object with a path and pairs; what it returns.
 using Pairs = std::vector<std::pair<std::string, std::string>>;
+Pairs pairs(const std::string &text); // "Name=value Other=value"
+
+// Calls a method of the daemon's bus object with a path and pairs; what it returns.
 int call_method(const char *method, const char *url, const Pairs &pairs);
 int call_method(const char *method, blob_attr *message);
 
