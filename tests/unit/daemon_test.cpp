@@ -1,19 +1,23 @@
 #include "tests/unit/daemon_test.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include "ovani/ovani_br_mgr.h"
 #include "ovani/ovani_memory.h"
 #include "ovani/ovani_presence.h"
 #include "ovani/ovani_ubus.h"
 
-namespace {
-
-void empty_tables()
+static void empty_tables()
 {
     while (g_host_table_ipv4.top != nullptr) {
         ovani_host_node_delete(&g_host_table_ipv4, g_host_table_ipv4.top);
@@ -22,14 +26,6 @@ void empty_tables()
         ovani_mac_node_delete_top(&g_mac_table);
     }
 }
-
-template <size_t N>
-void set(char (&field)[N], const char *text)
-{
-    copy_text(field, text);
-}
-
-} // namespace
 
 DaemonTest::DaemonTest()
 {
@@ -63,6 +59,11 @@ void DaemonTest::restart(int carrier)
     platform.calls.clear();
 }
 
+void DaemonTest::fail(const std::string &beginning, int code)
+{
+    platform.fail = [=](const std::string &call) { return call.starts_with(beginning) ? code : 0; };
+}
+
 std::string DaemonTest::stored(int instance, const std::string &parameters) const
 {
     std::vector<std::string> values;
@@ -74,13 +75,23 @@ std::string DaemonTest::stored(int instance, const std::string &parameters) cons
     return fake::joined(values);
 }
 
-static ovani_mac_event mac_event(const Mac &mac, const char *interface, uint8_t action)
+ovani_mac_event mac_event(const Mac &mac, const char *interface, uint8_t action, const char *bridge)
 {
     ovani_mac_event event{};
     event.action = action;
-    memcpy(event.mac, mac.data(), mac.size());
-    set(event.eth_num, interface);
-    set(event.brname, "br0");
+    std::ranges::copy(mac, event.mac);
+    copy_text(event.eth_num, interface);
+    copy_text(event.brname, bridge);
+    return event;
+}
+
+ovani_arp_event arp_event(const Mac &mac, uint32_t ip, uint8_t action)
+{
+    ovani_arp_event event{};
+    event.action = action;
+    event.ipv4 = ip;
+    std::ranges::copy(mac, event.mac);
+    copy_text(event.brname, "br0");
     return event;
 }
 
@@ -98,11 +109,7 @@ void DaemonTest::forget(const Mac &mac)
 
 int DaemonTest::arp(const Mac &mac, uint32_t ip)
 {
-    ovani_arp_event event{};
-    event.action = 1;
-    event.ipv4 = ip;
-    memcpy(event.mac, mac.data(), mac.size());
-    set(event.brname, "br0");
+    ovani_arp_event event = arp_event(mac, ip, 1);
     return ovani_arp_event_add(&event);
 }
 
@@ -150,6 +157,30 @@ int call_method(const char *method, const char *url, const Pairs &pairs)
     int status = call_method(method, message.head);
     blob_buf_free(&message);
     return status;
+}
+
+static void run_in_a_private_root(const std::function<void()> &body)
+{
+    unshare(CLONE_NEWNS);
+    mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
+    mount("none", "/mnt", "tmpfs", 0, nullptr);
+    for (std::string part : {"/bin", "/usr", "/lib", "/lib64", "/etc", "/dev"}) {
+        mkdir(("/mnt" + part).c_str(), 0755);
+        mount(part.c_str(), ("/mnt" + part).c_str(), nullptr, MS_BIND | MS_REC, nullptr);
+    }
+    mkdir("/mnt/qvconf", 0755);
+    mkdir("/mnt/var", 0755);
+    ASSERT_EQ(chroot("/mnt"), 0);
+    body();
+    _exit(testing::Test::HasFailure() ? 1 : 0);
+}
+
+void in_a_private_root(const std::function<void()> &body)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root may have a root directory of its own";
+    }
+    EXPECT_EXIT(run_in_a_private_root(body), testing::ExitedWithCode(0), "");
 }
 
 CommandPath::CommandPath() : old_path_(getenv("PATH"))

@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <string>
 
 #include <gmock/gmock.h>
@@ -20,6 +21,15 @@ inline constexpr Mac pc{0x00, 0x11, 0x22, 0xaa, 0xbb, 0xcc};
 inline constexpr char pc_bare[] = "001122AABBCC";
 inline constexpr uint32_t pc_ip = 0xc0a80164; // 192.168.1.100
 
+// One of many.
+inline Mac mac_number(int i)
+{
+    return {0x02, 0, 0, 0, static_cast<uint8_t>(i >> 8), static_cast<uint8_t>(i)};
+}
+
+ovani_mac_event mac_event(const Mac &mac, const char *interface, uint8_t action, const char *bridge = "br0");
+ovani_arp_event arp_event(const Mac &mac, uint32_t ip, uint8_t action);
+
 inline std::string host_path(int instance)
 {
     return OVANI_HOST_NODE_PATH + std::to_string(instance) + ".";
@@ -36,6 +46,8 @@ protected:
 
     fake::Platform &platform = fake::platform();
 
+    // The store's and the drivers' calls that begin so fail from now on.
+    void fail(const std::string &beginning, int code = 1);
     // The values of parameters of a host, blanks between them as between their names.
     std::string stored(int instance, const std::string &parameters) const;
     void learn(const Mac &mac, const char *interface = "eth1");
@@ -51,6 +63,10 @@ Pairs pairs(const std::string &text); // "Name=value Other=value"
 // Calls a method of the daemon's bus object with a path and pairs; what it returns.
 int call_method(const char *method, const char *url, const Pairs &pairs);
 int call_method(const char *method, blob_attr *message);
+
+// Runs a test's body in a process whose root directory is its own: what a shell needs, and nothing in /var
+// and /qvconf. Only root may.
+void in_a_private_root(const std::function<void()> &body);
 
 // A directory at the front of PATH, for commands that the test answers.
 class CommandPath {

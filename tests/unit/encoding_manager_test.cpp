@@ -8,11 +8,6 @@
 
 namespace {
 
-int is_utf8(const std::string &text)
-{
-    return is_text_utf_eight(text.data(), static_cast<long>(text.size()));
-}
-
 // The road of a host name: swapped, then converted. Empty when the conversion fails.
 std::string convert(std::string gbk, unsigned int room = 64)
 {
@@ -34,10 +29,7 @@ std::string convert(std::string gbk, unsigned int room = 64)
 
 TEST(Encoding, RecognisesUtf8)
 {
-    struct Case {
-        std::string text;
-        int expected;
-    } cases[] = {
+    const std::pair<std::string, int> cases[] = {
         {"abc", 0}, // ASCII takes the GBK road
         {"", 0},
         {"\xc3\xa9", 1},
@@ -53,8 +45,9 @@ TEST(Encoding, RecognisesUtf8)
         {"\xfc\x80\x80\x80\x80\x80", 1},
         {"\xc0\x80", 1}, // overlong forms pass
     };
-    for (const Case &c : cases) {
-        EXPECT_EQ(is_utf8(c.text), c.expected) << testing::PrintToString(c.text);
+    for (const auto &[text, expected] : cases) {
+        EXPECT_EQ(is_text_utf_eight(text.data(), static_cast<long>(text.size())), expected)
+            << testing::PrintToString(text);
     }
 }
 
@@ -69,8 +62,7 @@ TEST(Encoding, ConvertsNames)
     EXPECT_EQ(convert("\xaa\xa1"), "\n");           // a code without a character
     EXPECT_EQ(convert("\xff\xff"), "\n");           // beyond the table
     // A trail byte below 0x80 reads as ASCII and leaves its lead byte behind.
-    EXPECT_EQ(convert("\x81\x40zz"), "@\n"
-                                     "z");
+    EXPECT_EQ(convert("\x81\x40zz"), "@\nz");
 }
 
 TEST(Encoding, OutputMustLeaveRoomForTheTerminator)
@@ -96,14 +88,12 @@ TEST(Encoding, TableIsSortedAndHoldsThePublishedMapping)
     for (size_t i = 1; i < tab_GBK_to_UCS2.size(); ++i) {
         ASSERT_LT(tab_GBK_to_UCS2[i - 1].gbk, tab_GBK_to_UCS2[i].gbk);
     }
-    struct Case {
-        unsigned short gbk;
-        unsigned int ucs;
-    } cases[] = {{0xa1a1, 0x3000}, {0xb0a1, 0x554a}, {0xf7fe, 0x9f44}, {0xa8bc, 0xe7c7},
-                 {0xa8bf, 0xe7c8}, {0xa989, 0xe7e7}, {0xa995, 0xe7f3}, {0xfea0, 0xe864}};
-    for (const Case &c : cases) {
+    const std::pair<unsigned short, unsigned int> cases[] = {
+        {0xa1a1, 0x3000}, {0xb0a1, 0x554a}, {0xf7fe, 0x9f44}, {0xa8bc, 0xe7c7},
+        {0xa8bf, 0xe7c8}, {0xa989, 0xe7e7}, {0xa995, 0xe7f3}, {0xfea0, 0xe864}};
+    for (const auto &[gbk, expected] : cases) {
         unsigned int ucs = 0;
-        EXPECT_EQ(enc_gbk_to_unicode_one(c.gbk, &ucs), 2);
-        EXPECT_EQ(ucs, c.ucs) << std::hex << c.gbk;
+        EXPECT_EQ(enc_gbk_to_unicode_one(gbk, &ucs), 2);
+        EXPECT_EQ(ucs, expected) << std::hex << gbk;
     }
 }

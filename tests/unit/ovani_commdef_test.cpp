@@ -42,13 +42,12 @@ TEST(Mac, TextsRoundTrip)
 TEST(Mac, ParsingStopsAtTheEndOfTheText)
 {
     // Exactly sized, so that the address sanitizer sees a read behind the end.
+    char parsed[6];
     for (std::string text :
          {"", "0", "00:1f:", "001fab", "001fabcdef0", "00:1f:ab:cd:ef:0", "::::::::::::"}) {
-        char parsed[6];
         EXPECT_EQ(ovani_str2mac(std::string(text).c_str(), parsed), 0) << text;
         EXPECT_EQ(ovani_str2mac2(text.c_str(), parsed), 0);
     }
-    char parsed[6];
     EXPECT_EQ(ovani_str2mac("gg0000000000", parsed), 1);
     EXPECT_EQ(static_cast<unsigned char>(parsed[0]), 16 * 16 + 16 - 256); // g is 16
 }

@@ -5,10 +5,7 @@
 TEST(DeviceType, NamesVendorClassesAndWords)
 {
     struct Case {
-        const char *text;
-        const char *by_name;
-        const char *by_option60;
-        const char *word;
+        const char *text, *by_name, *by_option60, *word;
     } cases[] = {
         {"Gleifala-SlaveAP", "1", "0", "OTHER"}, // the first rule wins
         {"TrueIDTV_OTT_1 STB", "6", "0", "STB"},

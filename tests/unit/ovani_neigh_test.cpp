@@ -44,8 +44,7 @@ struct Neighbour {
         return raw(header) + data + padding;
     }
 
-    template <typename T>
-    static std::string raw(const T &value)
+    static std::string raw(const auto &value)
     {
         return {reinterpret_cast<const char *>(&value), sizeof value};
     }
@@ -77,15 +76,11 @@ protected:
 
 TEST_F(NeighbourTest, ReachableAndRemovedNeighboursOfTheBridgeAreTold)
 {
-    Neighbour global;
-    EXPECT_EQ(sent(global.bytes()),
+    EXPECT_EQ(sent(Neighbour{}.bytes()),
               "send dhcp_user_event {\"dhcp_user_string\":\"#NB6ADD#GUA#2001:db8::1#00:11:22:aa:bb:cc\"}\n");
-    Neighbour local;
-    local.address = std::string("\xfe\x80\0\0\0\0\0\0\0\0\0\0\0\0\0\2", 16);
-    local.state = NUD_PERMANENT;
-    Neighbour gone = global;
-    gone.type = RTM_DELNEIGH;
-    gone.state = NUD_FAILED;
+    const Neighbour local{.state = NUD_PERMANENT,
+                          .address = std::string("\xfe\x80\0\0\0\0\0\0\0\0\0\0\0\0\0\2", 16)};
+    const Neighbour gone{.type = RTM_DELNEIGH, .state = NUD_FAILED};
     EXPECT_EQ(sent(local.bytes() + gone.bytes()),
               "send dhcp_user_event {\"dhcp_user_string\":\"#NB6ADD#LLA#fe80::2#00:11:22:aa:bb:cc\"}\n"
               "send dhcp_user_event {\"dhcp_user_string\":\"#NB6DEL#GUA#2001:db8::1#00:11:22:aa:bb:cc\"}\n");
@@ -93,27 +88,19 @@ TEST_F(NeighbourTest, ReachableAndRemovedNeighboursOfTheBridgeAreTold)
 
 TEST_F(NeighbourTest, OtherMessagesArePassedOver)
 {
-    auto changed = [](auto change) {
-        Neighbour neighbour;
-        change(neighbour);
-        return neighbour.bytes();
-    };
-    const std::string batches[] = {
-        changed([](Neighbour &n) { n.state = NUD_STALE; }),
-        changed([](Neighbour &n) { n.interface = br0 + 1; }),
-        changed([](Neighbour &n) { n.family = AF_INET; }),
-        changed([](Neighbour &n) { n.type = RTM_NEWLINK; }),
-        changed([](Neighbour &n) { n.address[0] = '\xff'; }),
-        changed([](Neighbour &n) { n.address.resize(4); }),
-        changed([](Neighbour &n) { n.link_address.clear(); }),
-        changed([](Neighbour &n) { n.link_address = std::string(11, 'x'); }),
-        changed([](Neighbour &n) { n.link_address = std::string(3000, 'x'); }),
-    };
-    for (const std::string &batch : batches) {
-        EXPECT_EQ(sent(batch), "");
+    const Neighbour others[] = {{.state = NUD_STALE},
+                                {.interface = br0 + 1},
+                                {.family = AF_INET},
+                                {.type = RTM_NEWLINK},
+                                {.address = "\xff" + std::string(15, '\1')},
+                                {.address = "four"},
+                                {.link_address = ""},
+                                {.link_address = std::string(11, 'x')},
+                                {.link_address = std::string(3000, 'x')}};
+    for (const Neighbour &other : others) {
+        EXPECT_EQ(sent(other.bytes()), "");
     }
-    Neighbour longest;
-    longest.link_address = std::string(10, '\xab');
+    const Neighbour longest{.link_address = std::string(10, '\xab')};
     EXPECT_THAT(sent(longest.bytes()), testing::HasSubstr("ab:ab:ab:ab:ab:ab:ab:ab:ab:ab\""));
 }
 

@@ -147,7 +147,7 @@ TEST_F(PortsTest, EachOperatorsConnectionIsReadUnderItsNames)
     }
     qv_wan_param param{};
     EXPECT_EQ(cm(&param, 2, 1, 1), -1); // one device only
-    platform.fail = [](const std::string &call) { return call == "process get" ? 6 : 0; };
+    fail("process get", 6);
     EXPECT_EQ(cu(&param, 1, 1, 1), 6);
     EXPECT_TRUE(fake::logged("Get WAN VLAN And 802-1pMark fail! ret=6\n"));
 }

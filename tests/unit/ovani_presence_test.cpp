@@ -48,6 +48,7 @@ constexpr Mac phone{0x02, 0, 0, 0, 0, 0x77};
 
 TEST_F(PresenceTest, OneOnlineAndOneOfflineAVisit)
 {
+    const std::string lease = "#192.168.1.100#DHCP#t#60#named#Computer#MSFT#00:11:22:aa:bb:cc";
     restart(OPTYPE_CM);
     learn(pc, "eth1");
     EXPECT_THAT(told(), IsEmpty()); // no object yet
@@ -60,7 +61,7 @@ TEST_F(PresenceTest, OneOnlineAndOneOfflineAVisit)
     arp(pc, pc_ip);
     arp(pc, pc_ip + 1);
     learn(pc, "eth3");
-    dhcp("x#ADD#192.168.1.100#DHCP#t#60#named#Computer#MSFT#00:11:22:aa:bb:cc");
+    dhcp("x#ADD" + lease);
     EXPECT_THAT(told(), IsEmpty());
 
     link(4, 0);
@@ -74,22 +75,22 @@ TEST_F(PresenceTest, OneOnlineAndOneOfflineAVisit)
     learn(pc, "eth1");
     EXPECT_EQ(host(pc)->Active, 1);
     EXPECT_THAT(told(), ElementsAre("Online 192.168.1.100 2"));
-    dhcp("x#DEL#192.168.1.100#DHCP#t#60#named#Computer#MSFT#00:11:22:aa:bb:cc");
+    dhcp("x#DEL" + lease);
     EXPECT_THAT(told(), ElementsAre("Offline 192.168.1.100 2"));
-    dhcp("x#DEL#192.168.1.100#DHCP#t#60#named#Computer#MSFT#00:11:22:aa:bb:cc");
+    dhcp("x#DEL" + lease);
     EXPECT_THAT(told(), IsEmpty());
 }
 
 TEST_F(PresenceTest, FailedChangesAreNoChanges)
 {
     learn(pc, "eth1");
-    platform.fail = [](const std::string &call) { return call == "process set" ? 1 : 0; };
+    fail("process set");
     arp(pc, pc_ip);
     EXPECT_THAT(told(), IsEmpty());
     platform.fail = nullptr;
     arp(pc, pc_ip);
     EXPECT_THAT(told(), testing::SizeIs(1));
-    platform.fail = [](const std::string &call) { return call.starts_with("obj_del") ? 1 : 0; };
+    fail("obj_del");
     forget(pc); // the object is still there
     EXPECT_THAT(told(), IsEmpty());
     EXPECT_EQ(host(pc)->Active, 1);
@@ -132,8 +133,7 @@ TEST_F(PresenceTest, StationsJoinRoamAndLeave)
     wifi(phone, 0, 1);
     EXPECT_EQ(host(phone)->lanPortType, 1);
     arp(phone, pc_ip);
-    EXPECT_EQ(stored(1, "Port"), "1");
-    EXPECT_EQ(stored(1, "InterfaceType"), "802.11");
+    EXPECT_EQ(stored(1, "Port InterfaceType"), "1 802.11");
     EXPECT_THAT(told(), ElementsAre("Online 192.168.1.100 0"));
 
     wifi(phone, 4, 1); // known: it roamed
@@ -150,10 +150,10 @@ TEST_F(PresenceTest, StationsJoinRoamAndLeave)
     EXPECT_TRUE(fake::logged("ovani_wifi_user_event_del::can't get mac node!!", 3));
 
     // Behind anything but Wi-Fi it is not taken for a station.
-    path.answer("brctl", "echo '5\t02:00:00:00:00:77\tno\t\t0.10\teth0'");
-    wifi(phone, 0, 1);
-    path.answer("brctl", "echo '5\t02:00:00:00:00:77\tno\t\t0.10\tethra0'");
-    wifi(phone, 0, 1);
+    for (std::string interface : {"eth0", "ethra0"}) {
+        path.answer("brctl", "echo '5\t02:00:00:00:00:77\tno\t\t0.10\t" + interface + "'");
+        wifi(phone, 0, 1);
+    }
     EXPECT_TRUE(fake::logged("is not 1???\n"));
     EXPECT_EQ(ovani_mac_node_num_get(), 0);
     wifi(phone, 0, 2);
@@ -165,31 +165,25 @@ TEST_F(PresenceTest, StationsJoinRoamAndLeave)
 
 TEST_F(PresenceTest, DiscoveryReadsTheBridge)
 {
+    const std::string one = "echo h; echo '1 02:00:00:00:00:01 no 1.0 eth0'; ";
+    const std::string two = "echo '1 02:00:00:00:00:02 no 1.0 eth1'; ";
     struct Case {
-        const char *what, *script;
+        const char *what;
+        std::string script;
         int found;
-    } cases[] = {
-        {"five columns",
-         "echo h; echo '1 02:00:00:00:00:01 no 1.0 eth0'; echo '2 02:00:00:00:00:02 no 1.0 eth1'", 2},
-        {"six columns", "echo h; echo 'br0 1 02:00:00:00:00:01 no 1.0 eth0'", 1},
-        {"four columns", "echo h; echo '1 02:00:00:00:00:01 no eth0'", 0},
-        {"local, Wi-Fi, foreign",
-         "echo h; echo '1 02:00:00:00:00:01 yes 0 eth0'; echo '5 02:00:00:00:00:02 no 0 ra0'; "
-         "echo '6 02:00:00:00:00:03 no 0 nas0'",
-         0},
-        {"damaged",
-         "echo h; echo '1 02:00:00:00:00:01 no 1.0 eth0'; echo '1 zz:00:00:00:00:02 no 1.0 eth0'; echo x", 1},
-        {"long lines",
-         "echo h; echo '1 02:00:00:00:00:01 no 1.0 eth0'; head -c 100000 /dev/zero | tr '\\0' x; echo; "
-         "echo '1 02:00:00:00:00:02 no 1.0 eth0'",
-         2},
-        {"nothing", "true", 0},
-        {"three hundred",
-         "echo h; for i in $(seq 300); do printf '1 02:00:00:00:%02x:%02x no 1.0 eth0\\n' $((i / 256)) $((i "
-         "% 256)); "
-         "done",
-         254},
-    };
+    } cases[] = {{"five columns", one + two, 2},
+                 {"six columns", "echo h; echo 'br0 1 02:00:00:00:00:01 no 1.0 eth0'", 1},
+                 {"four columns", "echo h; echo '1 02:00:00:00:00:01 no eth0'", 0},
+                 {"local", "echo h; echo '1 02:00:00:00:00:01 yes 0 eth0'", 0},
+                 {"Wi-Fi", "echo h; echo '5 02:00:00:00:00:02 no 0 ra0'", 0},
+                 {"foreign", "echo h; echo '6 02:00:00:00:00:03 no 0 nas0'", 0},
+                 {"damaged", one + "echo '1 zz:00:00:00:00:02 no 1.0 eth0'; echo x", 1},
+                 {"long lines", one + "head -c 100000 /dev/zero | tr '\\0' x; echo; " + two, 2},
+                 {"nothing", "true", 0},
+                 {"three hundred",
+                  "echo h; for i in $(seq 300); do printf '1 02:00:00:00:%02x:%02x no 1.0 eth0\\n' $((i / "
+                  "256)) $((i % 256)); done",
+                  254}};
     for (const Case &c : cases) {
         CommandPath path;
         path.answer("brctl", c.script);

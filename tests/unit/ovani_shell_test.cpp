@@ -70,10 +70,10 @@ TEST(Shell, Ipv6NeighbourOfTheLanBridgeOnly)
 {
     CommandPath path;
     char answer[18] = {};
-    path.answer("ip", "echo 'fe80::1 dev eth5 lladdr 00:11:22:aa:bb:cc REACHABLE'");
-    EXPECT_EQ(ovani_get_mac_by_ipv6("fe80::1", answer, sizeof answer), -1);
-    path.answer("ip", "echo 'fe80::1 dev br0 FAILED'");
-    EXPECT_EQ(ovani_get_mac_by_ipv6("fe80::1", answer, sizeof answer), -1);
+    for (std::string other : {"eth5 lladdr 00:11:22:aa:bb:cc REACHABLE", "br0 FAILED"}) {
+        path.answer("ip", "echo 'fe80::1 dev " + other + "'");
+        EXPECT_EQ(ovani_get_mac_by_ipv6("fe80::1", answer, sizeof answer), -1);
+    }
     path.answer("ip", "echo 'fe80::1 dev br0 lladdr 00:11:22:aa:bb:cc router STALE'");
     EXPECT_EQ(ovani_get_mac_by_ipv6("fe80::1", answer, sizeof answer), 0);
     EXPECT_STREQ(answer, "00:11:22:aa:bb:cc");

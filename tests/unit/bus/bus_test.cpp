@@ -245,12 +245,15 @@ bool RawClient::closed() const
     return false;
 }
 
+uint32_t RawClient::status()
+{
+    const auto m = receive(UBUS_MSG_STATUS);
+    return m ? m->u32(UBUS_ATTR_STATUS) : ~0U;
+}
+
 uint32_t RawClient::request(int type, uint32_t peer, blob_attr *blob)
 {
-    if (!write(message(type, ++seq_, peer, blob))) {
-        return ~0U;
-    }
-    auto m = receive(UBUS_MSG_STATUS);
+    auto m = write(message(type, ++seq_, peer, blob)) ? receive(UBUS_MSG_STATUS) : std::nullopt;
     while (m && m->seq() != seq_) {
         m = receive(UBUS_MSG_STATUS);
     }
@@ -291,8 +294,7 @@ uint32_t RawClient::listen(uint32_t object, const char *pattern)
 
 uint32_t RawClient::send_event(const char *name)
 {
-    const auto status = write(event_message(name, 1)) ? receive(UBUS_MSG_STATUS) : std::nullopt;
-    return status ? status->u32(UBUS_ATTR_STATUS) : ~0U;
+    return write(event_message(name, 1)) ? status() : ~0U;
 }
 
 bool RawClient::ping()

@@ -75,10 +75,11 @@ public:
     bool write(const Bytes &bytes) const;
     std::optional<Message> receive();
     std::optional<Message> receive(ubus_msg_type type); // passes over others
+    uint32_t status();                                  // that of the next answer; ~0 when none comes
     size_t calls_passed_over() const { return calls_passed_over_; }
     bool closed() const; // by the other side; waits for it
 
-    // Requests, and their status (~0 without an answer).
+    // Requests, and their status.
     uint32_t request(int type, uint32_t peer, blob_attr *blob);
     uint32_t add_object(const char *path, const char *method = nullptr); // gives the id; 0: refused
     uint32_t listen(uint32_t object, const char *pattern);

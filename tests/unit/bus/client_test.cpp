@@ -133,8 +133,8 @@ TEST_F(ClientTest, CallsAndEventsWaitWhileACallIsWaitedFor)
         EXPECT_EQ(seen.empty(), in_loop);
         run_until(2);
         EXPECT_EQ(seen, (std::vector<std::string>{"note", "event"}));
-        EXPECT_EQ(peer.receive(UBUS_MSG_STATUS)->u32(UBUS_ATTR_STATUS), UBUS_STATUS_OK);
-        EXPECT_EQ(peer.receive(UBUS_MSG_STATUS)->u32(UBUS_ATTR_STATUS), UBUS_STATUS_METHOD_NOT_FOUND);
+        EXPECT_EQ(peer.status(), UBUS_STATUS_OK);
+        EXPECT_EQ(peer.status(), UBUS_STATUS_METHOD_NOT_FOUND);
     }
 }
 
