@@ -53,10 +53,9 @@ Bytes bytes(const std::string &text, const Words &words)
     for (size_t i = 0; i < text.size(); i++) {
         const size_t end = text.find(text[i] == '[' ? ']' : '\'', i + 1);
         if (text[i] == '[') {
-            const uint32_t word = words.at(text.substr(i + 1, end - i - 1));
-            for (int shift = 24; shift >= 0; shift -= 8) {
-                result.push_back(static_cast<uint8_t>(word >> shift));
-            }
+            const uint32_t word = cpu_to_be32(words.at(text.substr(i + 1, end - i - 1)));
+            const auto *start = reinterpret_cast<const uint8_t *>(&word);
+            result.insert(result.end(), start, start + sizeof(word));
             i = end;
         } else if (text[i] == '\'') {
             result.insert(result.end(), text.begin() + static_cast<ptrdiff_t>(i) + 1,
@@ -122,13 +121,6 @@ void BrokerProcess::stop()
     pid_ = -1;
 }
 
-uint32_t Message::peer() const
-{
-    uint32_t peer = 0;
-    memcpy(&peer, raw.data() + 4, sizeof(peer));
-    return be32_to_cpu(peer);
-}
-
 blob_attr *Message::attr(ubus_msg_attr id) const
 {
     blob_attr *tb[UBUS_ATTR_MAX];
@@ -169,17 +161,19 @@ Bytes event_message(const char *name, size_t size)
     return message(UBUS_MSG_INVOKE, 1, UBUS_SYSTEM_OBJECT_EVENT, blob);
 }
 
-RawClient::RawClient(const char *path) : fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
+int connected_to(const char *path)
 {
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address = {.sun_family = AF_UNIX};
     strncpy(address.sun_path, path, sizeof(address.sun_path) - 1);
-    if (connect(fd_, reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0) {
-        return;
-    }
-    if (const auto hello = receive()) {
-        id_ = hello->peer();
-    }
+    EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
+    return fd;
+}
+
+RawClient::RawClient(const char *path) : fd_(connected_to(path))
+{
+    const auto hello = receive();
+    id_ = hello ? hello->peer() : 0;
 }
 
 RawClient::~RawClient()

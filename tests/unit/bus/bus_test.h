@@ -32,6 +32,8 @@ struct Blob {
     operator blob_attr *() { return buf.head; }
 };
 
+int connected_to(const char *path); // a descriptor, not greeted yet
+
 // A path for a socket that nobody else uses.
 std::string socket_path();
 
@@ -55,7 +57,10 @@ struct Message {
     Bytes raw; // header and blob
     uint8_t type() const { return raw[1]; }
     uint16_t seq() const { return static_cast<uint16_t>(raw[2] << 8 | raw[3]); }
-    uint32_t peer() const;
+    uint32_t peer() const
+    {
+        return static_cast<uint32_t>(raw[4] << 24 | raw[5] << 16 | raw[6] << 8 | raw[7]);
+    }
     blob_attr *attr(ubus_msg_attr id) const;
     uint32_t u32(ubus_msg_attr id) const;
     const char *text(ubus_msg_attr id) const;
@@ -71,7 +76,7 @@ public:
     ~RawClient();
 
     int fd() const { return fd_; }
-    uint32_t id() const { return id_; } // 0: not connected
+    uint32_t id() const { return id_; }
     bool write(const Bytes &bytes) const;
     std::optional<Message> receive();
     std::optional<Message> receive(ubus_msg_type type); // passes over others

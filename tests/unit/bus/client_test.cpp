@@ -9,6 +9,7 @@
 namespace {
 
 std::vector<std::string> seen; // what the handlers below were called for
+size_t received;               // the length of the last reply
 
 int note(ubus_context *, ubus_object *, ubus_request_data *, const char *method, blob_attr *)
 {
@@ -19,11 +20,6 @@ int note(ubus_context *, ubus_object *, ubus_request_data *, const char *method,
 void note_event(ubus_context *, ubus_event_handler *, const char *type, blob_attr *)
 {
     seen.emplace_back(type);
-}
-
-void note_end(ubus_request *, int ret)
-{
-    seen.push_back("end " + std::to_string(ret));
 }
 
 int echo(ubus_context *ctx, ubus_object *, ubus_request_data *req, const char *, blob_attr *msg)
@@ -53,15 +49,22 @@ int ask_back(ubus_context *ctx, ubus_object *, ubus_request_data *, const char *
 const ubus_method kMethods[] = {UBUS_METHOD_NOARG("note", note), UBUS_METHOD_NOARG("echo", echo),
                                 UBUS_METHOD_NOARG("defer", defer), UBUS_METHOD_NOARG("ask_back", ask_back)};
 
-// Turns the loop until so much was seen.
-void run_until(size_t count)
+void turn(int times)
 {
-    for (int i = 0; i < kWaitMs / 10 && seen.size() < count; i++) {
-        uloop_run_timeout(10);
+    while (times-- > 0) {
+        uloop_run_timeout(5);
     }
 }
 
-// A context in the loop, with an object "server" and an event handler that is not registered yet.
+// Turns the loop until so much was seen.
+void run_until(size_t count)
+{
+    for (int i = 0; i < kWaitMs / 5 && seen.size() < count; i++) {
+        turn(1);
+    }
+}
+
+// A context in the loop, with an object "server" and a handler of "event".
 class ClientTest : public BrokerTest {
 protected:
     void SetUp() override
@@ -69,12 +72,9 @@ protected:
         ctx_ = ubus_connect(path_);
         ASSERT_NE(ctx_, nullptr);
         ubus_add_uloop(ctx_);
-        server_.name = "server";
-        server_.type = &type_;
-        server_.methods = kMethods;
-        server_.n_methods = ARRAY_SIZE(kMethods);
         listener_.cb = note_event;
         ASSERT_EQ(ubus_add_object(ctx_, &server_), UBUS_STATUS_OK);
+        ASSERT_EQ(ubus_register_event_handler(ctx_, &listener_, "event"), UBUS_STATUS_OK);
         seen.clear();
     }
     void TearDown() override
@@ -82,9 +82,19 @@ protected:
         ubus_free(ctx_);
         uloop_done();
     }
+    int look_up(const char *path) { return ubus_lookup_id(ctx_, path, &id_); }
+    void start_call(const char *method, ubus_request *req, blob_attr *args = nullptr)
+    {
+        EXPECT_EQ(ubus_invoke_async(ctx_, server_.id, method, args, req), UBUS_STATUS_OK);
+        req->data_cb = [](ubus_request *, int, blob_attr *msg) { received = blob_len(msg); };
+        req->complete_cb = [](ubus_request *, int ret) { seen.push_back("end " + std::to_string(ret)); };
+        ubus_complete_request_async(ctx_, req);
+    }
     ubus_context *ctx_ = nullptr;
+    uint32_t id_ = 0;
     ubus_object_type type_ = UBUS_OBJECT_TYPE("server", kMethods);
-    ubus_object server_ = {};
+    ubus_object server_ = {
+        .name = "server", .type = &type_, .methods = kMethods, .n_methods = ARRAY_SIZE(kMethods)};
     ubus_event_handler listener_ = {};
 };
 
@@ -115,7 +125,6 @@ std::string result(FILE *command)
 
 TEST_F(ClientTest, CallsAndEventsWaitWhileACallIsWaitedFor)
 {
-    ASSERT_EQ(ubus_register_event_handler(ctx_, &listener_, "event"), UBUS_STATUS_OK);
     for (const bool in_loop : {true, false}) {
         SCOPED_TRACE(in_loop);
         seen.clear();
@@ -128,8 +137,7 @@ TEST_F(ClientTest, CallsAndEventsWaitWhileACallIsWaitedFor)
         EXPECT_EQ(peer.send_event("event"), UBUS_STATUS_OK);
         EXPECT_TRUE(peer.call(2, server_.id, "nonsense"));
         EXPECT_TRUE(peer.ping());
-        uint32_t id = 0;
-        EXPECT_EQ(ubus_lookup_id(ctx_, "server", &id), UBUS_STATUS_OK);
+        EXPECT_EQ(look_up("server"), UBUS_STATUS_OK);
         EXPECT_EQ(seen.empty(), in_loop);
         run_until(2);
         EXPECT_EQ(seen, (std::vector<std::string>{"note", "event"}));
@@ -176,23 +184,18 @@ TEST_F(ClientTest, CallTimesOutAndItsLateAnswerIsPassedOver)
     ASSERT_TRUE(late);
     EXPECT_TRUE(owner.answer(*late, object, 9));
     EXPECT_TRUE(owner.ping());
-    uint32_t id = 0;
-    EXPECT_EQ(ubus_lookup_id(ctx_, "slow", &id), UBUS_STATUS_OK);
+    EXPECT_EQ(look_up("slow"), UBUS_STATUS_OK);
 }
 
 TEST_F(ClientTest, AsynchronousCallsOfAnySizeAndDeferredOnes)
 {
-    static size_t received;
     // Less and more than what the library reads at once, and than the socket takes.
     for (const size_t size : {10U, 16300U, 16400U, 900000U}) {
         seen.clear();
         Blob args;
         blobmsg_add_string(&args.buf, "text", std::string(size, 'y').c_str());
         ubus_request req = {};
-        EXPECT_EQ(ubus_invoke_async(ctx_, server_.id, "echo", args, &req), UBUS_STATUS_OK);
-        req.data_cb = [](ubus_request *, int, blob_attr *msg) { received = blob_len(msg); };
-        req.complete_cb = note_end;
-        ubus_complete_request_async(ctx_, &req);
+        start_call("echo", &req, args);
         run_until(1);
         EXPECT_EQ(seen, std::vector<std::string>{"end 0"}) << size;
         EXPECT_EQ(received, blob_len(args));
@@ -203,12 +206,8 @@ TEST_F(ClientTest, AsynchronousCallsOfAnySizeAndDeferredOnes)
 
     seen.clear();
     ubus_request req = {};
-    EXPECT_EQ(ubus_invoke_async(ctx_, server_.id, "defer", nullptr, &req), UBUS_STATUS_OK);
-    req.complete_cb = note_end;
-    ubus_complete_request_async(ctx_, &req);
-    for (int i = 0; i < 10; i++) {
-        uloop_run_timeout(5);
-    }
+    start_call("defer", &req);
+    turn(10);
     EXPECT_TRUE(seen.empty());
     ubus_complete_deferred_request(ctx_, &deferred, 8);
     run_until(1);
@@ -218,20 +217,14 @@ TEST_F(ClientTest, AsynchronousCallsOfAnySizeAndDeferredOnes)
 TEST_F(ClientTest, SurvivesTheBrokersRestart)
 {
     ctx_->connection_lost = [](ubus_context *) { seen.emplace_back("lost"); };
-    ASSERT_EQ(ubus_register_event_handler(ctx_, &listener_, "event"), UBUS_STATUS_OK);
     ubus_request req = {};
-    ASSERT_EQ(ubus_invoke_async(ctx_, server_.id, "defer", nullptr, &req), UBUS_STATUS_OK);
-    req.complete_cb = note_end;
-    ubus_complete_request_async(ctx_, &req);
+    start_call("defer", &req);
     const uint32_t old_id = server_.id;
 
     broker_.stop();
-    uint32_t id = 0;
-    EXPECT_EQ(ubus_lookup_id(ctx_, "server", &id), UBUS_STATUS_CONNECTION_FAILED);
+    EXPECT_EQ(look_up("server"), UBUS_STATUS_CONNECTION_FAILED);
     EXPECT_TRUE(seen.empty()) << "told from the loop only";
-    for (int i = 0; i < 3; i++) {
-        uloop_run_timeout(10);
-    }
+    turn(3);
     EXPECT_EQ(seen, (std::vector<std::string>{"end 10", "lost"}));
     EXPECT_EQ(ubus_send_event(ctx_, "event", nullptr), UBUS_STATUS_CONNECTION_FAILED);
     EXPECT_EQ(ubus_reconnect(ctx_, path_), UBUS_STATUS_CONNECTION_FAILED);
@@ -241,8 +234,8 @@ TEST_F(ClientTest, SurvivesTheBrokersRestart)
     ASSERT_EQ(ubus_reconnect(ctx_, path_), UBUS_STATUS_OK);
     ubus_add_uloop(ctx_);
     EXPECT_NE(server_.id, old_id);
-    EXPECT_EQ(ubus_lookup_id(ctx_, "server", &id), UBUS_STATUS_OK);
-    EXPECT_EQ(id, server_.id);
+    EXPECT_EQ(look_up("server"), UBUS_STATUS_OK);
+    EXPECT_EQ(id_, server_.id);
     EXPECT_EQ(ubus_register_event_handler(ctx_, &listener_, "event"), UBUS_STATUS_OK);
     RawClient peer(path_);
     EXPECT_EQ(peer.send_event("event"), UBUS_STATUS_OK);
@@ -262,7 +255,6 @@ TEST_F(ClientTest, SurvivesTheBrokersRestart)
 
 TEST_F(ClientTest, LosingTheBrokerEndsTheLoopOnceAllIsRead)
 {
-    ASSERT_EQ(ubus_register_event_handler(ctx_, &listener_, "event"), UBUS_STATUS_OK);
     RawClient peer(path_);
     for (int i = 0; i < 20; i++) { // more than is read at once
         EXPECT_TRUE(peer.write(event_message("event", 2000)));
@@ -276,17 +268,13 @@ TEST_F(ClientTest, LosingTheBrokerEndsTheLoopOnceAllIsRead)
 
 TEST_F(ClientTest, NothingIsLeftInTheLoop)
 {
-    ASSERT_EQ(ubus_register_event_handler(ctx_, &listener_, "event"), UBUS_STATUS_OK);
     RawClient peer(path_);
     EXPECT_EQ(peer.send_event("event"), UBUS_STATUS_OK);
-    uint32_t id = 0;
-    EXPECT_EQ(ubus_lookup_id(ctx_, "server", &id), UBUS_STATUS_OK); // puts the event aside
+    EXPECT_EQ(look_up("server"), UBUS_STATUS_OK); // puts the event aside
     ubus_free(ctx_);
     ctx_ = nullptr;
     EXPECT_EQ(uloop_get_next_timeout(), -1);
-    for (int i = 0; i < 3; i++) {
-        uloop_run_timeout(1);
-    }
+    turn(3);
     EXPECT_TRUE(seen.empty());
 }
 
@@ -320,7 +308,7 @@ TEST_F(ClientTest, CommandLine)
     for (const auto &c : cases) {
         FILE *command = start_ubus(at + c.arguments);
         while (!has_output(command, 0)) { // its end counts
-            uloop_run_timeout(10);
+            turn(1);
         }
         EXPECT_EQ(result(command), c.result) << c.arguments;
     }

@@ -63,51 +63,19 @@ Bytes own_names()
     return names;
 }
 
-// A broker that waits for a message, compares it, answers, and so on.
-struct Step {
-    string expected;
+// A request, and what the broker answers.
+struct Exchange {
+    string request;
     string answer;
 };
 
-class ScriptedBroker {
-public:
-    ScriptedBroker(string path, Words words, std::vector<Step> script)
-        : path_(std::move(path)), words_(std::move(words)), script_(std::move(script)),
-          listener_(socket(AF_UNIX, SOCK_STREAM, 0))
-    {
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        path_.copy(address.sun_path, sizeof(address.sun_path) - 1);
-        EXPECT_EQ(bind(listener_, reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
-        EXPECT_EQ(listen(listener_, 1), 0);
-        thread_ = std::thread([this] { run(); });
-    }
-    ~ScriptedBroker()
-    {
-        thread_.join();
-        close(listener_);
-        unlink(path_.c_str());
-    }
-
-private:
-    void run()
-    {
-        RawClient client(accept(listener_, nullptr, nullptr));
-        EXPECT_TRUE(client.write(bytes("00 00 0000 [client]" + kEmpty, words_)));
-        for (const Step &step : script_) {
-            const auto m = client.receive();
-            ASSERT_TRUE(m) << step.expected;
-            EXPECT_EQ(hex(m->raw), hex(bytes(step.expected, words_)));
-            EXPECT_TRUE(client.write(bytes(step.answer, words_)));
-        }
-    }
-
-    string path_;
-    Words words_;
-    std::vector<Step> script_;
-    int listener_;
-    std::thread thread_;
-};
+// `about` is the sequence and the peer, both ways the same; data and a status come back.
+Exchange exchange(const string &type, const string &about, const string &request, const string &data = "",
+                  const string &status = kStatusOk)
+{
+    return {"00" + type + about + request,
+            (data.empty() ? "" : "00 02" + about + data) + "00 01" + about + status};
+}
 
 int on_call(ubus_context *ctx, ubus_object *, ubus_request_data *req, const char *, blob_attr *)
 {
@@ -157,24 +125,26 @@ TEST_F(BrokerTest, SaysTheKnownBytes)
         const auto m = client.receive();
         EXPECT_EQ(m ? hex(m->raw) : "nothing", hex(bytes(text, words)));
     };
+    // The broker chooses the ids of what is added; they are `learned` from its answer.
+    const auto ask = [&](RawClient &client, const Exchange &asked, const char *learned = nullptr) {
+        say(client, asked.request);
+        string heard;
+        for (auto m = client.receive(); m; m = client.receive()) {
+            heard += hex(m->raw);
+            if (m->type() == UBUS_MSG_STATUS) {
+                break;
+            }
+            if (learned) {
+                words.insert({{learned, m->u32(UBUS_ATTR_OBJID)}, {"type", m->u32(UBUS_ATTR_OBJTYPE)}});
+            }
+        }
+        EXPECT_EQ(heard, hex(bytes(asked.answer, words)));
+    };
 
-    say(owner, "00 06 0001 00000000" + kAddObject);
-    const auto added = owner.receive();
-    words["object"] = added->u32(UBUS_ATTR_OBJID);
-    words["type"] = added->u32(UBUS_ATTR_OBJTYPE);
-    EXPECT_EQ(hex(added->raw), hex(bytes("00 02 0001 00000000" + kObjectAndType, words)));
-    hear(owner, "00 01 0001 00000000" + kStatusOk);
-    say(owner, "00 06 0002 00000000" + kEmpty);
-    const auto listener = owner.receive();
-    words["listener"] = listener->u32(UBUS_ATTR_OBJID);
-    EXPECT_EQ(hex(listener->raw), hex(bytes("00 02 0002 00000000" + kListener, words)));
-    hear(owner, "00 01 0002 00000000" + kStatusOk);
-    say(owner, "00 05 0003 00000001" + kRegister);
-    hear(owner, "00 01 0003 00000001" + kStatusOk);
-
-    say(caller, "00 04 0001 00000000" + kLookup);
-    hear(caller, "00 02 0001 00000000" + kLookedUp);
-    hear(caller, "00 01 0001 00000000" + kStatusOk);
+    ask(owner, exchange("06", "0001 00000000", kAddObject, kObjectAndType), "object");
+    ask(owner, exchange("06", "0002 00000000", kEmpty, kListener), "listener");
+    ask(owner, exchange("05", "0003 00000001", kRegister));
+    ask(caller, exchange("04", "0001 00000000", kLookup, kLookedUp));
     say(caller, "00 05 0002 [object]" + kCall);
     hear(owner,
          "00 05 0002 [caller] [size] 03000008 [object] 04000009 'args' 00 000000" + hex(own_names()) + kArgs);
@@ -182,56 +152,54 @@ TEST_F(BrokerTest, SaysTheKnownBytes)
     hear(caller, "00 02 0002 [object]" + kReply);
     say(owner, "00 01 0002 [caller]" + kCallStatus);
     hear(caller, "00 01 0002 [object]" + kCallStatus);
-    say(caller, "00 05 0005 00012345" + kCallUnknown);
-    hear(caller, "00 01 0005 00012345" + kNotFound);
+    ask(caller, exchange("05", "0005 00012345", kCallUnknown, "", kNotFound));
 
-    say(caller, "00 05 0003 00000001" + kSend);
+    ask(caller, exchange("05", "0003 00000001", kSend));
     hear(owner, "00 05 0001 00000000" + kEvent);
-    hear(caller, "00 01 0003 00000001" + kStatusOk);
-    say(caller, "00 05 0004 00000001" + kSendUbus);
-    hear(caller, "00 01 0004 00000001" + kPermissionDenied);
+    ask(caller, exchange("05", "0004 00000001", kSendUbus, "", kPermissionDenied));
 
-    say(owner, "00 07 0004 00000000" + kListener);
-    hear(owner, "00 02 0004 00000000" + kListener);
-    hear(owner, "00 01 0004 00000000" + kStatusOk);
+    ask(owner, exchange("07", "0004 00000000", kListener, kListener));
     words["watcher"] = caller.add_object(nullptr);
     EXPECT_EQ(caller.listen(words["watcher"], "ubus.object.*"), UBUS_STATUS_OK);
-    say(owner, "00 07 0005 00000000" + kObject);
+    ask(owner, exchange("07", "0005 00000000", kObject, kObjectAndType));
     hear(caller,
          "00 05 0002 00000000 00000050 03000008 [watcher] 04000017 'ubus.object.remove' 00 00 0700002c"
          "85000010 0002 'id' 00000000 [object] 83000015 0004 'path' 0000 'test.obj' 00 000000");
-    hear(owner, "00 02 0005 00000000" + kObjectAndType);
-    hear(owner, "00 01 0005 00000000" + kStatusOk);
-    say(owner, "00 04 0006 00000000" + kLookup);
-    hear(owner, "00 01 0006 00000000" + kNotFound);
+    ask(owner, exchange("04", "0006 00000000", kLookup, "", kNotFound));
 }
 
 TEST(Wire, ClientSaysTheKnownBytes)
 {
+    const Words words = {{"client", 0x1001}, {"object", 0x2001}, {"listener", 0x2002}, {"type", 0x3001}};
+    const Exchange script[] = {
+        exchange("06", "0001 00000000", kAddObject, kObjectAndType),
+        exchange("06", "0002 00000000", kEmpty, kListener),
+        exchange("05", "0003 00000001", kRegister),
+        exchange("04", "0004 00000000", kLookup, kLookedUp),
+        exchange("05", "0005 [object]", kCall, kReply, kCallStatus),
+        exchange("05", "0006 00012345", kCallUnknown, "", kNotFound),
+        // An event and a call come in between: the call alone is answered.
+        {"00 05 0007 00000001" + kSend,
+         "00 05 0001 00000000" + kEvent + "00 05 0102 00005005" + kCall + "00 01 0007 00000001" + kStatusOk},
+        {"00 02 0102 00005005" + kReply, ""},
+        {"00 01 0102 00005005" + kCallStatus, ""},
+        exchange("07", "0008 00000000", kListener, kListener),
+        exchange("07", "0009 00000000", kObject, kObjectAndType)};
     const string path = socket_path();
-    const ScriptedBroker broker(
-        path, {{"client", 0x1001}, {"object", 0x2001}, {"listener", 0x2002}, {"type", 0x3001}},
-        {
-            {"00 06 0001 00000000" + kAddObject,
-             "00 02 0001 00000000" + kObjectAndType + "00 01 0001 00000000" + kStatusOk},
-            {"00 06 0002 00000000" + kEmpty,
-             "00 02 0002 00000000" + kListener + "00 01 0002 00000000" + kStatusOk},
-            {"00 05 0003 00000001" + kRegister, "00 01 0003 00000001" + kStatusOk},
-            {"00 04 0004 00000000" + kLookup,
-             "00 02 0004 00000000" + kLookedUp + "00 01 0004 00000000" + kStatusOk},
-            {"00 05 0005 [object]" + kCall,
-             "00 02 0005 [object]" + kReply + "00 01 0005 [object]" + kCallStatus},
-            {"00 05 0006 00012345" + kCallUnknown, "00 01 0006 00012345" + kNotFound},
-            // An event and a call come in between: the call alone is answered.
-            {"00 05 0007 00000001" + kSend, "00 05 0001 00000000" + kEvent + "00 05 0102 00005005" + kCall +
-                                                "00 01 0007 00000001" + kStatusOk},
-            {"00 02 0102 00005005" + kReply, ""},
-            {"00 01 0102 00005005" + kCallStatus, ""},
-            {"00 07 0008 00000000" + kListener,
-             "00 02 0008 00000000" + kListener + "00 01 0008 00000000" + kStatusOk},
-            {"00 07 0009 00000000" + kObject,
-             "00 02 0009 00000000" + kObjectAndType + "00 01 0009 00000000" + kStatusOk},
-        });
+    const int listening = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address = {.sun_family = AF_UNIX};
+    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    ASSERT_EQ(bind(listening, reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
+    ASSERT_EQ(listen(listening, 1), 0);
+    std::thread broker([&] {
+        RawClient client(accept(listening, nullptr, nullptr));
+        EXPECT_TRUE(client.write(bytes("00 00 0000 [client]" + kEmpty, words)));
+        for (const Exchange &step : script) {
+            const auto m = client.receive();
+            EXPECT_EQ(m ? hex(m->raw) : "nothing", hex(bytes(step.request, words)));
+            EXPECT_TRUE(client.write(bytes(step.answer, words)));
+        }
+    });
 
     ubus_context *ctx = ubus_connect(path.c_str());
     ASSERT_NE(ctx, nullptr);
@@ -240,11 +208,7 @@ TEST(Wire, ClientSaysTheKnownBytes)
     const blobmsg_policy policy[] = {{"name", BLOBMSG_TYPE_STRING}, {"on", BLOBMSG_TYPE_BOOL}};
     const ubus_method methods[] = {UBUS_METHOD("args", on_call, policy), UBUS_METHOD_NOARG("get", on_call)};
     ubus_object_type type = UBUS_OBJECT_TYPE("test", methods);
-    ubus_object object = {};
-    object.name = "test.obj";
-    object.type = &type;
-    object.methods = methods;
-    object.n_methods = 2;
+    ubus_object object = {.name = "test.obj", .type = &type, .methods = methods, .n_methods = 2};
     EXPECT_EQ(ubus_add_object(ctx, &object), UBUS_STATUS_OK);
     EXPECT_EQ(object.id, 0x2001U);
     EXPECT_EQ(type.id, 0x3001U);
@@ -280,6 +244,9 @@ TEST(Wire, ClientSaysTheKnownBytes)
     EXPECT_EQ(type.id, 0U);
     ubus_free(ctx);
     uloop_done();
+    broker.join();
+    close(listening);
+    unlink(path.c_str());
 }
 
 // Whatever comes near a valid message: the sender may be dropped, the broker and a bystander may not.
