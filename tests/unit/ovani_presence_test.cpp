@@ -114,7 +114,6 @@ TEST_F(PresenceTest, LinkDownTakesThePortsWiredHostsOnly)
     EXPECT_THAT(told(), ElementsAre("Offline 192.168.1.100 2"));
     EXPECT_EQ(host(pc)->lanPortNo, 127);
     EXPECT_EQ(host(phone)->lanPortNo, 2);
-    EXPECT_EQ(ovani_port_status_event_process(nullptr), R_ERROR);
 
     // The events pass characters; the table moves with the numbers, within its bounds.
     EXPECT_EQ(g_port_link_status[2].link_up, 0U);
@@ -158,9 +157,6 @@ TEST_F(PresenceTest, StationsJoinRoamAndLeave)
     EXPECT_EQ(ovani_mac_node_num_get(), 0);
     wifi(phone, 0, 2);
     EXPECT_TRUE(fake::logged("ovani_wifi_user_event_process::unkown action error!!", 3));
-    EXPECT_EQ(ovani_wifi_user_event_process(nullptr), R_ERROR);
-    EXPECT_EQ(ovani_wifi_user_event_add(nullptr), R_ERROR);
-    EXPECT_EQ(ovani_wifi_user_event_del(nullptr), R_ERROR);
 }
 
 TEST_F(PresenceTest, DiscoveryReadsTheBridge)

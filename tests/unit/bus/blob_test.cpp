@@ -47,11 +47,10 @@ int parse_everything(const Bytes &message, size_t shift)
     blob_attr *members[4];
     blobmsg_parse(policy, 4, members, data, size);
     for (blob_attr *member : members) {
-        if (!member) {
-            continue;
+        if (member) {
+            found += read_all(member) + (blobmsg_cast_s64(member) != 0);
+            free(blobmsg_format_json(member, false));
         }
-        found += read_all(member) + (blobmsg_cast_s64(member) != 0);
-        free(blobmsg_format_json(member, false));
     }
     return found + (members[0] ? static_cast<int>(strlen(blobmsg_get_string(members[0]))) : 0);
 }
@@ -72,8 +71,7 @@ std::string nested_arrays(size_t depth)
 TEST(Blobmsg, RefusesUnsoundAttributes)
 {
     const struct {
-        const char *what;
-        const char *attr;
+        const char *what, *attr;
         bool sound;
     } cases[] = {
         {"a string", "8300000d 0001 'n' 00 'abcd' 00", true},
@@ -191,8 +189,7 @@ TEST(Blob, WhatDoesNotFitChangesNothing)
 TEST(Blobmsg, Json)
 {
     const struct {
-        const char *in;
-        const char *out; // null: refused
+        const char *in, *out; // null: refused
     } cases[] = {
         {"{}", "{}"},
         {R"({"b":1,"a":2})", R"({"b":1,"a":2})"},

@@ -49,8 +49,7 @@ TEST_F(BrokerTest, NonsenseCostsAtMostItsSender)
     constexpr int kDropped = -1;
     constexpr int kSilence = -2;
     const struct {
-        const char *what;
-        const char *bytes;
+        const char *what, *bytes;
         int answer; // a status or what else becomes of the sender
     } cases[] = {
         {"a wrong version", "01 03 0001 00000000 00000004", kDropped},

@@ -282,8 +282,7 @@ TEST_F(ClientTest, CommandLine)
 {
     const std::string at = "-s " + std::string(path_) + " ";
     const struct {
-        const char *arguments;
-        const char *result;
+        const char *arguments, *result;
     } cases[] = {
         {"list", "server\n 0"},
         {"list nothing", "Command failed: Not found\n 4"},
