@@ -51,7 +51,11 @@ bool run_until(const std::function<bool()> &done)
 // A message that holds `text` as a raw record; good until the thread's next.
 blob_buf message(const std::string &text)
 {
-    thread_local blob_buf buf;
+    struct Buffer : blob_buf {
+        Buffer() : blob_buf{} {}
+        ~Buffer() { blob_buf_free(this); }
+    };
+    thread_local Buffer buf;
     blob_buf_init(&buf, 0);
     EXPECT_EQ(lib_zk_blobmsg_add_struct(&buf, "record", text.data(), static_cast<int>(text.size())), 0);
     return buf;
