@@ -6,6 +6,15 @@
 
 namespace {
 
+constexpr std::string_view ACCESS_POINT_PREFIX = "bss-";
+
+// The Wi-Fi interface of an access point's bridge; empty for any other link.
+std::string wifi_interface_of(const Link &link)
+{
+    const bool is_access_point = link.is_bridge && link.name.starts_with(ACCESS_POINT_PREFIX);
+    return is_access_point ? link.name.substr(ACCESS_POINT_PREFIX.size()) : "";
+}
+
 // The bridge's own addresses and those of its ports are permanent; the devices behind the ports are the rest.
 bool is_station(const Neighbour &entry, int bridge)
 {
@@ -58,6 +67,9 @@ bool BridgeTracker::read_anew()
         if (link->is_bridge && link->name == name_) {
             state.bridge = link->index;
         }
+        if (const std::string wifi = wifi_interface_of(*link); !wifi.empty()) {
+            state.access_points[link->index] = wifi;
+        }
     });
     for (const auto &[index, link] : links) {
         if (state.bridge != 0 && link.bridge == state.bridge) {
@@ -66,8 +78,13 @@ bool BridgeTracker::read_anew()
     }
     const bool got_fdb = netlink_dump(RTM_GETNEIGH, AF_BRIDGE, [&](const nlmsghdr *message) {
         const auto entry = parse_neighbour(message);
-        if (entry && is_station(*entry, state.bridge) && state.ports.contains(entry->ifindex)) {
+        if (!entry || !is_station(*entry, entry->bridge)) {
+            return;
+        }
+        if (entry->bridge == state.bridge && state.ports.contains(entry->ifindex)) {
             state.fdb[{*entry->mac, entry->vlan}] = state.ports[entry->ifindex].name;
+        } else if (state.access_points.contains(entry->bridge)) {
+            state.associations[*entry->mac] = state.access_points[entry->bridge];
         }
     });
     const bool got_neighbours = netlink_dump(RTM_GETNEIGH, AF_INET, [&](const nlmsghdr *message) {
@@ -81,9 +98,9 @@ bool BridgeTracker::read_anew()
     }
     state_ = std::move(state);
     in_step_ = true;
-    fprintf(stderr, "%s: %zu ports, %zu stations, %zu neighbours\n",
+    fprintf(stderr, "%s: %zu ports, %zu stations, %zu neighbours, %zu on Wi-Fi\n",
             state_.bridge ? name_.c_str() : "no bridge", state_.ports.size(), state_.fdb.size(),
-            state_.neighbours.size());
+            state_.neighbours.size(), state_.associations.size());
     return true;
 }
 
@@ -98,6 +115,9 @@ void BridgeTracker::take(const nlmsghdr *message)
         const auto entry = parse_neighbour(message);
         if (entry && is_station(*entry, state_.bridge)) {
             take_fdb(*entry, deleted);
+        } else if (entry && state_.access_points.contains(entry->bridge) &&
+                   is_station(*entry, entry->bridge)) {
+            take_association(*entry, deleted);
         } else if (entry && entry->address && entry->ifindex == state_.bridge) {
             take_neighbour(*entry, deleted);
         }
@@ -112,7 +132,9 @@ void BridgeTracker::take_link(const Link &link, bool deleted)
     const bool is_known = known != state_.ports.end();
     const bool renamed = is_port && is_known && known->second.name != link.name;
     const bool bridge_changed = is_ours != (link.index == state_.bridge);
-    if (bridge_changed || renamed) {
+    const bool is_access_point = !wifi_interface_of(link).empty() && !deleted;
+    const bool access_point_changed = is_access_point != state_.access_points.contains(link.index);
+    if (bridge_changed || access_point_changed || renamed) {
         in_step_ = false;
     } else if (is_port) {
         state_.ports[link.index] = {link.name, link.carrier};
@@ -140,5 +162,16 @@ void BridgeTracker::take_neighbour(const Neighbour &entry, bool deleted)
         state_.neighbours[entry.address->s_addr] = *entry.mac;
     } else {
         state_.neighbours.erase(entry.address->s_addr);
+    }
+}
+
+void BridgeTracker::take_association(const Neighbour &entry, bool deleted)
+{
+    const std::string &wifi = state_.access_points[entry.bridge];
+    const auto known = state_.associations.find(*entry.mac);
+    if (!deleted) {
+        state_.associations[*entry.mac] = wifi;
+    } else if (known != state_.associations.end() && known->second == wifi) {
+        state_.associations.erase(known);
     }
 }

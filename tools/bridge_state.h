@@ -1,4 +1,8 @@
-// What the kernel knows of one LAN bridge, followed notification by notification.
+// What the kernel knows of one LAN bridge and of the access points on it, followed notification by
+// notification.
+//
+// An access point is simulated by a bridge of its own, named "bss-" and the Wi-Fi interface that uplinks it to
+// the LAN bridge. Its forwarding entries are its association list, and nothing else is in them.
 #pragma once
 
 #include <map>
@@ -29,6 +33,8 @@ struct BridgeState {
     std::map<FdbKey, std::string>
         fdb; // devices behind ports (not the bridge's own addresses), to the port's name
     std::map<in_addr_t, Mac> neighbours; // IPv4 neighbours whose MAC is known
+    std::map<int, std::string> access_points; // by index of their bridge, to the Wi-Fi interface
+    std::map<Mac, std::string> associations;  // Wi-Fi stations, to the interface; a station has at most one
 };
 
 class BridgeTracker {
@@ -53,6 +59,7 @@ private:
     void take_link(const Link &link, bool deleted);
     void take_fdb(const Neighbour &entry, bool deleted);
     void take_neighbour(const Neighbour &entry, bool deleted);
+    void take_association(const Neighbour &entry, bool deleted);
 
     const std::string name_;
     std::unique_ptr<NetlinkListener> kernel_;

@@ -3,6 +3,7 @@
 //   forwarding entries learned and aged on the bridge's ports   "109"
 //   IPv4 neighbours of the bridge that come and go              "110"
 //   carrier of the bridge's Ethernet ports                      "106"
+//   stations that join and leave its simulated access points    "111"
 //
 // Two states are kept: what the kernel knows, which is followed whether or not there is a bus to tell, and
 // what the bus has been told. Only their difference is ever announced, so nothing is said twice, and what
@@ -13,6 +14,8 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <optional>
+#include <utility>
 
 #include <CLI/CLI.hpp>
 
@@ -32,6 +35,7 @@ struct Told {
     std::map<unsigned, bool> carriers; // by LAN port number
     std::map<Mac, std::string> stations;
     std::map<in_addr_t, Mac> neighbours;
+    std::map<Mac, std::string> associations;
 };
 
 // Knows its owner, so that libubox's callbacks, which are plain functions, find it.
@@ -57,6 +61,7 @@ private:
     void announce();
     bool announce_gone(const std::map<unsigned, bool> &carriers);
     bool announce_present(const std::map<unsigned, bool> &carriers);
+    bool announce_joins();
     bool say(const Event &event) { return bus_.send(event.name, event.message); }
 
     void bus_connected();
@@ -149,7 +154,7 @@ void BridgeWatcher::announce()
         return; // whoever ends that state announces
     }
     const auto carriers = carriers_of(tracker_.state());
-    if (announce_gone(carriers) && announce_present(carriers)) {
+    if (announce_gone(carriers) && announce_present(carriers) && announce_joins()) {
         repeat_ = false;
     } else {
         uloop_timeout_set(&announce_timer_, RETRY_MS);
@@ -173,6 +178,19 @@ bool forget_gone(Map &told, IsThere is_there, Say say_gone)
     return true;
 }
 
+// The SSIDs of the simulated access points, as "111" counts them.
+std::optional<uint8_t> ssid_of(std::string_view wifi_interface)
+{
+    static constexpr std::pair<std::string_view, uint8_t> ssids[] = {{"ra0", 0}, {"rai0", 4}};
+    for (const auto &[name, ssid] : ssids) {
+        if (name == wifi_interface) {
+            return ssid;
+        }
+    }
+    return std::nullopt;
+}
+
+// A station leaves where it was before it joins where it is: to the daemon a leave is a leave, wherever from.
 bool BridgeWatcher::announce_gone(const std::map<unsigned, bool> &carriers)
 {
     const BridgeState &now = tracker_.state();
@@ -185,7 +203,15 @@ bool BridgeWatcher::announce_gone(const std::map<unsigned, bool> &carriers)
         return found != now.fdb.end() && found->first.mac == mac;
     };
     const auto port_is_there = [&](unsigned number, bool) { return carriers.contains(number); };
-    return forget_gone(told_.neighbours, neighbour_is_there,
+    const auto is_associated = [&](const Mac &mac, const std::string &wifi) {
+        const auto found = now.associations.find(mac);
+        return found != now.associations.end() && found->second == wifi;
+    };
+    return forget_gone(told_.associations, is_associated,
+                       [&](const Mac &mac, const std::string &wifi) {
+                           return say(make_wifi_event(false, mac, ssid_of(wifi).value_or(0)));
+                       }) &&
+           forget_gone(told_.neighbours, neighbour_is_there,
                        [&](in_addr_t address, const Mac &mac) {
                            return say(make_arp_event(false, in_addr{address}, mac, bridge_name_));
                        }) &&
@@ -234,6 +260,23 @@ bool BridgeWatcher::announce_present(const std::map<unsigned, bool> &carriers)
             return false;
         }
         told_.neighbours[address] = mac;
+    }
+    return true;
+}
+
+// After the MACs: the daemon asks the bridge where a station sits that it does not know.
+bool BridgeWatcher::announce_joins()
+{
+    for (const auto &[mac, wifi] : tracker_.state().associations) {
+        const auto told = told_.associations.find(mac);
+        const auto ssid = ssid_of(wifi);
+        if (!ssid || (!repeat_ && told != told_.associations.end())) {
+            continue;
+        }
+        if (!say(make_wifi_event(true, mac, *ssid))) {
+            return false;
+        }
+        told_.associations[mac] = wifi;
     }
     return true;
 }
@@ -311,6 +354,7 @@ void BridgeWatcher::daemon_answered(int status)
     told_.carriers.merge(heard_.carriers);
     told_.stations.merge(heard_.stations);
     told_.neighbours.merge(heard_.neighbours);
+    told_.associations.merge(heard_.associations);
     heard_ = {};
     uloop_timeout_set(&announce_timer_, 0);
 }

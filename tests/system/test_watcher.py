@@ -146,7 +146,7 @@ class Watching(unittest.TestCase):
         for address, port, interface in ((mac(2), "2", "eth1"), (mac(3), "3", "eth2")):
             self.assertEqual(rows[address][:3] + rows[address][4:], [port, address, "no", interface])
             self.assertRegex(rows[address][3], r"^\d+\.\d\d$")
-        self.assertEqual(sorted(row[4] for row in rows.values() if row[2] == "yes"), ["eth0", "eth1", "eth2", "eth3"])
+        self.assertEqual(sorted(row[4] for row in rows.values() if row[2] == "yes"), ["eth0", "eth1", "eth2", "eth3", "ra0", "rai0"])
         self.assertTrue(all(re.fullmatch(r"([0-9a-f]{2}:){5}[0-9a-f]{2}", each) for each in rows))
         for arguments in (["showmacs", "br9"], ["showmacs", "eth0"], ["showmacs"], []):
             wrong = gw.exec("brctl", *arguments, check=False)
