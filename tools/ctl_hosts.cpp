@@ -117,11 +117,12 @@ constexpr std::array TITLES = {"NAME", "MAC", "ADDRESS", "SOURCE", "IPV6", "TYPE
 
 TableRow row_of(const Host &host)
 {
-    return {.cells = {std::string(host.get("HostName")), std::string(host.get("MACAddress")),
-                      std::string(host.get("IPAddress")), std::string(host.get("AddressSource")),
-                      std::string(host.get("IPv6Address")), type_of(host), port_of(host), since_text(host),
-                      host.active() ? "yes" : "no"},
-            .dim = !host.active()};
+    return {
+        .cells = {std::string(host.get("HostName")), std::string(host.get("MACAddress")),
+                  std::string(host.get("IPAddress")), std::string(host.get("AddressSource")),
+                  std::string(host.get(host.get("IPv6Address").empty() ? "IPv6LLAddress" : "IPv6Address")),
+                  type_of(host), port_of(host), since_text(host), host.active() ? "yes" : "no"},
+        .dim = !host.active()};
 }
 
 std::vector<std::string> host_lines(const std::vector<Host> &hosts, const Style &style, size_t width)

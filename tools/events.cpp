@@ -195,7 +195,7 @@ constexpr struct {
     {UBUS_EVENT_MAC_ADDR_INFO, "mac"},        {UBUS_EVENT_ARP_INFO, "arp"},
     {UBUS_EVENT_UNI_PORT_LINK_STATE, "port"}, {UBUS_EVENT_WIFI_ON_OFF, "wifi"},
     {UBUS_EVENT_DHCP_USER_CONN, "dhcp"},      {UBUS_EVENT_LANHOST_PARAM_CHANGE, "host"},
-    {UBUS_EVENT_WAN_VLAN_INFO, "wan"},
+    {UBUS_EVENT_WAN_VLAN_INFO, "wan"},        {UBUS_EVENT_LANHOST_UP_DOWN, "state"},
 };
 
 std::string label_of(std::string_view event)

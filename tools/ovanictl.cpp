@@ -23,7 +23,7 @@ try {
     app.name("ovanictl");
     app.require_subcommand(1);
     app.footer("The environment variable OVANI_STORE names the configuration store's file.\n"
-               "Exit status: 0 done, 1 failed, 2 a wrong command line.");
+               "Exit status: 0 done, 1 failed, 2 a wrong command line, 3 no answer.");
     CtlOptions options;
     app.add_option("-s,--socket", options.socket, "the bus's socket")->default_str(BUS_DEFAULT_SOCKET);
     add_hosts_command(app, options);
@@ -31,9 +31,12 @@ try {
     add_store_commands(app, options);
     add_events_command(app, options);
     add_emit_command(app, options);
+    add_probe_command(app);
     add_sysmgr_command(app, options);
     try {
         app.parse(argc, argv);
+    } catch (const CLI::RuntimeError &e) { // a command's own
+        return e.get_exit_code();
     } catch (const CLI::ParseError &e) {
         const int status = app.exit(e); // prints help, or what is wrong
         return status > 1 ? 2 : status;
