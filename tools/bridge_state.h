@@ -1,8 +1,8 @@
 // What the kernel knows of one LAN bridge and of the access points on it, followed notification by
 // notification.
 //
-// An access point is simulated by a bridge of its own, named "bss-" and the Wi-Fi interface that uplinks it to
-// the LAN bridge. Its forwarding entries are its association list, and nothing else is in them.
+// An access point is simulated by a bridge of its own, named "bss-" and the Wi-Fi interface that uplinks it
+// to the LAN bridge. Its forwarding entries are its association list, and nothing else is in them.
 #pragma once
 
 #include <map>
@@ -32,7 +32,7 @@ struct BridgeState {
     std::map<int, BridgePort> ports; // by interface index
     std::map<FdbKey, std::string>
         fdb; // devices behind ports (not the bridge's own addresses), to the port's name
-    std::map<in_addr_t, Mac> neighbours; // IPv4 neighbours whose MAC is known
+    std::map<in_addr_t, Mac> neighbours;      // IPv4 neighbours whose MAC is known
     std::map<int, std::string> access_points; // by index of their bridge, to the Wi-Fi interface
     std::map<Mac, std::string> associations;  // Wi-Fi stations, to the interface; a station has at most one
 };

@@ -56,9 +56,9 @@ void probe(const ProbeCommand &command)
     }
 
     const bool was_cached = is_cached(command.address);
-    const int result = ovani_arp_ping(
-        ntohl(address.s_addr), static_cast<unsigned>(ovani_ipv4_strtol(own_address)), own_mac.data(),
-        command.interface.c_str(), static_cast<char>(command.wifi ? 1 : 0));
+    const int result =
+        ovani_arp_ping(ntohl(address.s_addr), static_cast<unsigned>(ovani_ipv4_strtol(own_address)),
+                       own_mac.data(), command.interface.c_str(), static_cast<char>(command.wifi ? 1 : 0));
     if (result < 0) {
         fail("cannot open a raw socket");
     }
@@ -83,9 +83,10 @@ void add_probe_command(CLI::App &app)
     CLI::App *probe_command = app.add_subcommand("probe", "Ask by ARP whether an address is answered");
     probe_command->add_option("ADDRESS", command->address, "an IPv4 address")->required();
     probe_command->add_option("-i,--interface", command->interface)->capture_default_str();
-    probe_command->add_flag("-w,--wifi", command->wifi,
-                            "it is a Wi-Fi station: when it is silent and its access point does not know it,\n"
-                            "its entry is removed from the ARP cache");
+    probe_command->add_flag(
+        "-w,--wifi", command->wifi,
+        "it is a Wi-Fi station: when it is silent and its access point does not know it,\n"
+        "its entry is removed from the ARP cache");
     probe_command->footer("Exit status: 0 it answers, 3 it does not.");
     probe_command->callback([command] { probe(*command); });
 }
