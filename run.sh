@@ -1,14 +1,15 @@
 #!/bin/bash
-# A living gateway on this workstation: builds ovani, raises a simulated gateway, plugs four devices in and shows
-# its LAN hosts until Ctrl-C. Nothing is left behind.
+# A living gateway on this workstation: builds ovani, raises a simulated gateway, connects devices by cable and Wi-Fi
+# and shows its LAN hosts until Ctrl-C. Nothing is left behind.
 set -euo pipefail
 
 usage() {
     cat <<'USAGE'
 usage: ./run.sh [OPTION]...
 
-  --once            without a terminal: wait until all four devices are there and right, print them, unplug one,
-                    see it retired, print them again; exit 0, or 1 with the reason and the end of the log
+  --once            without a terminal: wait until all devices are there and right, print them, unplug one, see it
+                    retired; have the Wi-Fi station roam; start the daemon late and see it find them; have the
+                    station leave; print the hosts at each step; exit 0, or 1 with the reason and the end of the log
   --operator NAME   operator profile: ct (a host that leaves is deleted), cm or cu (it stays, inactive)
   --patience SECS   how long --once waits for a device to become what it should be (30)
   --build DIR       use the programs built there instead of building
@@ -77,25 +78,44 @@ trap come_down EXIT
 trap 'exit 130' INT
 trap 'exit 143' TERM HUP
 
-# --- four devices -----------------------------------------------------------------------------------------------
+# --- devices ----------------------------------------------------------------------------------------------------
 
-# By MAC: what each must become. "客厅电视" comes over the air in GBK.
+readonly LAN=InternetGatewayDevice.LANDevice.1.
+# By MAC: what each must become. "客厅电视" comes over the air in GBK; the desktop configures IPv6 by itself.
 declare -A expected=(
     [02:00:00:00:01:01]="HostName= DeviceType=PC X_QV_DeviceType= IPAddress=192.168.1.10 AddressSource=STATIC Port=1"
-    [02:00:00:00:01:02]="HostName=DESKTOP-7Q2 X_QV_DeviceType=5 IPAddress=192.168.1.100 AddressSource=DHCP Port=2"
+    [02:00:00:00:01:02]="HostName=DESKTOP-7Q2 X_QV_DeviceType=5 IPAddress=192.168.1.100 AddressSource=DHCP Port=2
+                         IPv6Address=2001:db8:1::ff:fe00:102 IPv6LLAddress=fe80::ff:fe00:102"
     [02:00:00:00:01:03]="HostName=客厅电视 X_QV_DeviceType=0 IPAddress=192.168.1.101 AddressSource=DHCP Port=3"
     [02:00:00:00:01:04]="HostName=Pixel-8 X_QV_DeviceType=3 IPAddress=192.168.1.102 AddressSource=DHCP Port=4"
+    [02:00:00:00:01:05]="HostName=tablet IPAddress=192.168.1.103 AddressSource=DHCP Port=1
+                         Layer2Interface=${LAN}WLANConfiguration.1."
+)
+# shellcheck disable=SC2034 # by its name
+declare -A roamed=(
+    [02:00:00:00:01:05]="HostName=tablet IPAddress=192.168.1.103 AddressSource=DHCP Port=5
+                         Layer2Interface=${LAN}WLANConfiguration.5."
+)
+# A daemon that starts late finds addresses and ports. Leases it will hear of when they are renewed.
+# shellcheck disable=SC2034
+declare -A found_late=(
+    [02:00:00:00:01:02]="HostName=DESKTOP-7Q2 IPAddress=192.168.1.100 AddressSource=STATIC DeviceType=PC Port=2"
+    [02:00:00:00:01:03]="HostName=客厅电视 IPAddress=192.168.1.101 AddressSource=STATIC DeviceType=PC Port=3"
+    [02:00:00:00:01:05]="HostName=tablet IPAddress=192.168.1.103 AddressSource=STATIC DeviceType=PC Port=5"
+    [02:00:00:00:01:06]="HostName= IPAddress=192.168.1.11 AddressSource=STATIC DeviceType=PC Port=4"
 )
 
 plug_all() {
     local pause=$1
     tools/gateway plug 1 printer static 192.168.1.10
     sleep "$pause"
-    tools/gateway plug 2 desktop dhcp DESKTOP-7Q2 "MSFT 5.0"
+    tools/gateway plug 2 desktop --ipv6 dhcp DESKTOP-7Q2 "MSFT 5.0"
     sleep "$pause"
     tools/gateway plug 3 tv dhcp $'\xbf\xcd\xcc\xfc\xb5\xe7\xca\xd3'
     sleep "$pause"
     tools/gateway plug 4 phone dhcp Pixel-8 android-dhcp-14
+    sleep "$pause"
+    tools/gateway plug ra0 tablet --mac 02:00:00:00:01:05 dhcp tablet
 }
 
 hosts() { tools/gateway exec ovanictl hosts; }
@@ -142,22 +162,53 @@ eventually() {
     done
 }
 
-check() {
+all_right() {
     local mac
-    say "plugging four devices in"
-    plug_all 0
     for mac in "${!expected[@]}"; do
         eventually is_right "$mac" || return 1
     done
     hosts
+}
+
+# expect NAME: from here on, what the array of that name says.
+expect() {
+    local mac
+    local -n changes=$1
+    for mac in "${!changes[@]}"; do
+        expected[$mac]=${changes[$mac]}
+    done
+}
+
+retired() {
+    unset "expected[$1]"
+    eventually is_retired "$1" && all_right
+}
+
+check() {
+    say "connecting five devices"
+    plug_all 0
+    all_right || return 1
+
     say "unplugging the phone"
     tools/gateway unplug phone
-    eventually is_retired 02:00:00:00:01:04 || return 1
-    hosts
-    for mac in 02:00:00:00:01:0{1,2,3}; do
-        eventually is_right "$mac" || return 1
-    done
-    say "the phone is retired, the others are as they were"
+    retired 02:00:00:00:01:04 || return 1
+
+    say "the tablet roams to the other Wi-Fi"
+    tools/gateway roam tablet rai0
+    expect roamed
+    all_right || return 1
+
+    say "a camera comes while the daemon is away"
+    tools/gateway kill daemon
+    tools/gateway plug 4 camera --mac 02:00:00:00:01:06 static 192.168.1.11
+    tools/gateway start daemon
+    expect found_late
+    all_right || return 1
+
+    say "the tablet leaves"
+    tools/gateway unplug tablet
+    retired 02:00:00:00:01:05 || return 1
+    say "who left is retired, the others are as they were"
 }
 
 say "raising the gateway"
