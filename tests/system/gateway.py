@@ -133,6 +133,9 @@ class Gateway:
     def entries(self):
         return int(self.get(HOSTS + "HostNumberOfEntries"))
 
+    def daemon_ready(self, times=1):
+        wait_for(lambda: self.log("sysmgr").count("ovani is ready") >= times, "the daemon to listen")
+
     def settle_daemon(self):
         """Returns when the daemon has handled every event sent so far: it answers calls in the same order."""
         answer = self.exec("ubus", "call", "ovani", "no_such_method", check=False)
