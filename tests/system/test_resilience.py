@@ -1,11 +1,10 @@
 """The daemon and the bus through crashes, restarts and hostile input."""
 
-import contextlib
-import socket
 import struct
 import unittest
 
 from gateway import HOSTS, Gateway, mac, setUpModule, wait_for  # noqa: F401
+from wire import INT32, STRING, blobmsg, send_raw_event
 
 
 class Restarts(unittest.TestCase):
@@ -103,44 +102,6 @@ class Restarts(unittest.TestCase):
 
 
 # --- hostile input ----------------------------------------------------------------------------------------------
-
-STATUS, INVOKE = 1, 5
-OBJID, METHOD, DATA = 3, 4, 7
-EVENT_OBJECT = 1
-TABLE, STRING, INT32 = 2, 3, 5
-
-
-def pad(data):
-    return data + bytes(-len(data) % 4)
-
-
-def blob(kind, payload, extended=0):
-    return pad(struct.pack(">I", extended | kind << 24 | len(payload) + 4) + payload)
-
-
-def blobmsg(kind, name, payload):
-    name = name.encode()
-    return blob(kind, pad(struct.pack(">H", len(name)) + name + b"\0") + payload, 0x80000000)
-
-
-def send_raw_event(gateway, name, members):
-    """Puts on the bus what the library would not; returns when the broker has handled it."""
-    with open(gateway.state + "/init", encoding="ascii") as file:
-        init = file.read().strip()
-    data = blobmsg(STRING, "id", name.encode() + b"\0") + blobmsg(TABLE, "data", members)
-    body = blob(OBJID, struct.pack(">I", EVENT_OBJECT)) + blob(METHOD, b"send\0") + blob(DATA, data)
-    with socket.socket(socket.AF_UNIX) as client:
-        client.settimeout(30)
-        client.connect(f"/proc/{init}/root/run/ubus/ubus.sock")
-        client.sendall(struct.pack(">BBHI", 0, INVOKE, 1, 0) + blob(0, body))
-        stream = client.makefile("rb")
-        with contextlib.suppress(ConnectionResetError):
-            while header := stream.read(12):  # the broker's greeting, then its answer; or it hangs up
-                _, kind, _, _, length = struct.unpack(">BBHII", header)
-                stream.read((length & 0xFFFFFF) - 4)
-                if kind == STATUS:
-                    break
-
 
 class HostileInput(unittest.TestCase):
     def test_the_daemon_serves_on_and_the_store_stays_as_it_was(self):
