@@ -1,0 +1,96 @@
+// What clients write to the broker: steps of a client's number and the bytes it writes, one byte telling how
+// many.
+#include <cstring>
+#include <string>
+
+#include <sys/random.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <libubox/uloop.h>
+
+#include "bus/broker.h"
+#include "fuzz/fuzz.h"
+
+namespace {
+
+constexpr int clients = 3;
+constexpr int turns = 8; // of the loop, enough for all that one message sets going
+
+uint32_t next_id;
+std::string path;
+bus::Broker *broker;
+
+void let_work()
+{
+    for (int i = 0; i < turns; ++i) {
+        uloop_run_timeout(0);
+    }
+}
+
+int connect_client()
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    PROMISE(connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0);
+    let_work();
+    return fd;
+}
+
+// Whether the broker greets who comes now.
+bool serves()
+{
+    int fd = connect_client();
+    char greeting[12];
+    bool greeted = recv(fd, greeting, sizeof greeting, MSG_DONTWAIT) == sizeof greeting;
+    close(fd);
+    let_work();
+    return greeted;
+}
+
+} // namespace
+
+// The broker draws ids, so that nobody guesses them; an input has to name them.
+extern "C" ssize_t __wrap_getrandom(void *buffer, size_t size, unsigned)
+{
+    memcpy(buffer, &next_id, std::min(size, sizeof next_id));
+    ++next_id;
+    return static_cast<ssize_t>(size);
+}
+
+extern "C" int LLVMFuzzerInitialize(int *, char ***)
+{
+    path = "/tmp/ovani-fuzz-" + std::to_string(getpid());
+    uloop_init();
+    broker = bus::broker_start(path.c_str());
+    PROMISE(broker != nullptr);
+    atexit([] { bus::broker_stop(broker); });
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    next_id = 0x10000;
+    int fds[clients];
+    std::ranges::generate(fds, connect_client);
+    char read[4096];
+    for (Input input{data, size}; !input.empty();) {
+        int fd = fds[input.byte() % clients];
+        Bytes message = input.block();
+        send(fd, message.data(), message.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        let_work();
+        for (int reader : fds) {
+            while (recv(reader, read, sizeof read, MSG_DONTWAIT) > 0) {
+            }
+        }
+    }
+    for (int fd : fds) {
+        close(fd);
+    }
+    let_work();
+    PROMISE(serves());
+    return 0;
+}
