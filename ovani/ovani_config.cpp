@@ -1,6 +1,7 @@
 #include "ovani/ovani_config.h"
 
 #include <algorithm>
+#include <cstring>
 #include <string_view>
 
 #include "ovani/ovani_commdef.h"
@@ -8,6 +9,12 @@
 #include "platform/zkcfgif.h"
 
 namespace {
+
+// A value that a later read would have no room for is not written: not every store bounds what it keeps.
+bool can_be_read_back(const tConfigMap &row)
+{
+    return strnlen(static_cast<const char *>(row.datap), OVANI_VALUE_LEN) < OVANI_VALUE_LEN;
+}
 
 // Queues one row; the store's code, or -1 when the path does not fit.
 int prepare_row(void *session, const char *url, const tConfigMap &row)
@@ -36,8 +43,9 @@ int multi_config_process(tConfigMap *configmap, const char *url, OBJ_OP op_type)
         ovani_log(VELM_LOG_DEBUG, "zkapi_multimode_sessioncreate fail ret=%d\n", ret);
         return ret;
     }
+    const bool writes = op_type == OBJ_SET_NO_OP;
     for (const tConfigMap *row = configmap; row->datap != nullptr && row->paramName != nullptr; ++row) {
-        ret = prepare_row(session, url, *row);
+        ret = writes && !can_be_read_back(*row) ? -1 : prepare_row(session, url, *row);
         if (ret != 0) {
             ovani_log(VELM_LOG_DEBUG, "ZKAPI_MultiNode_SeeionPrepare fail paramName=%s, ret=%d\n",
                       row->paramName, ret);
