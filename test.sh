@@ -2,15 +2,15 @@
 # Proves ovani right: installs what is missing, builds, runs every test, and ends with ctest's summary.
 #
 #   ./test.sh               unit and system tests as they are and under the address and undefined-behaviour
-#                           sanitizers, and the unit tests as 32-bit ARM programs
-#   ./test.sh PRESET...     those of the named presets (dev, release, asan, tsan, arm)
+#                           sanitizers, the unit tests as 32-bit ARM programs, and each fuzz target for five seconds
+#   ./test.sh PRESET...     those of the named presets (dev, release, asan, tsan, arm, fuzz)
 #
 # OVANI_BUS=auto|system|bundled chooses libubox and libubus; CTEST_ARGS holds further arguments for ctest.
 set -euo pipefail
 cd "$(dirname "$(realpath "$0")")"
 
 presets=("$@")
-((${#presets[@]})) || presets=(dev asan arm)
+((${#presets[@]})) || presets=(dev asan arm fuzz)
 
 tools/install-packages.sh run test
 [[ " ${presets[*]} " != *" arm "* ]] || tools/arm-sysroot.sh build/arm-sysroot
@@ -19,7 +19,7 @@ mkdir -p build
 for preset in "${presets[@]}"; do
     echo "test.sh: building $preset"
     bus=()
-    [[ $preset == arm ]] || bus=(-DOVANI_BUS="${OVANI_BUS:-auto}")
+    [[ $preset == arm || $preset == fuzz ]] || bus=(-DOVANI_BUS="${OVANI_BUS:-auto}")
     cmake --preset "$preset" "${bus[@]}" >"build/$preset.log" 2>&1 || { cat "build/$preset.log" && exit 1; }
     cmake --build --preset "$preset"
 done
