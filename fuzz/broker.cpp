@@ -1,5 +1,6 @@
 // What clients write to the broker: steps of a client's number and the bytes it writes, one byte telling how
 // many.
+#include <cerrno>
 #include <cstring>
 #include <string>
 
@@ -18,7 +19,10 @@ namespace {
 constexpr int clients = 3;
 constexpr int turns = 8; // of the loop, enough for all that one message sets going
 
+constexpr size_t unlimited = SIZE_MAX;
+
 uint32_t next_id;
+size_t room = unlimited;
 std::string path;
 bus::Broker *broker;
 
@@ -61,6 +65,24 @@ extern "C" ssize_t __wrap_getrandom(void *buffer, size_t size, unsigned)
     return static_cast<ssize_t>(size);
 }
 
+extern "C" ssize_t __real_sendmsg(int fd, const msghdr *message, int flags);
+extern "C" ssize_t __wrap_sendmsg(int fd, const msghdr *message, int flags)
+{
+    std::vector<iovec> parts{message->msg_iov, message->msg_iov + message->msg_iovlen};
+    size_t left = room;
+    for (iovec &part : parts) {
+        part.iov_len = std::min(part.iov_len, left);
+        left -= part.iov_len;
+    }
+    if (left == room) {
+        errno = EAGAIN;
+        return -1;
+    }
+    msghdr fitting = *message;
+    fitting.msg_iov = parts.data();
+    return __real_sendmsg(fd, &fitting, flags);
+}
+
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
     path = "/tmp/ovani-fuzz-" + std::to_string(getpid());
@@ -78,15 +100,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     std::ranges::generate(fds, connect_client);
     char read[4096];
     for (Input input{data, size}; !input.empty();) {
-        int fd = fds[input.byte() % clients];
+        unsigned number = input.byte() % (clients + 1);
         Bytes message = input.block();
-        send(fd, message.data(), message.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (number == clients) {
+            room = message.size();
+            continue;
+        }
+        send(fds[number], message.data(), message.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
         let_work();
         for (int reader : fds) {
             while (recv(reader, read, sizeof read, MSG_DONTWAIT) > 0) {
             }
         }
     }
+    room = unlimited;
+    let_work();
     for (int fd : fds) {
         close(fd);
     }
