@@ -1,7 +1,9 @@
 // What a broker, or who poses as one, sends to a client that publishes an object, listens to events, looks
-// for objects and calls one. The broker's greeting comes by itself, the input after it.
+// for objects and calls one: blocks behind a byte that tells their length, one whenever the client waits. The
+// broker's greeting comes by itself.
 #include <cstring>
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -16,6 +18,21 @@ constexpr int turns = 8;
 constexpr uint8_t greeting[] = {0, UBUS_MSG_HELLO, 0, 0, 0, 1, 0, 0, 0, 0, 0, 4};
 
 int client_end = -1;
+int broker_end = -1;
+bool greeted;
+Input input{nullptr, 0};
+
+// Who waits for more than there is sees the connection lost.
+void send_block()
+{
+    Bytes block = greeted ? input.block() : Bytes{greeting};
+    greeted = true;
+    if (block.empty()) {
+        shutdown(broker_end, SHUT_WR);
+        return;
+    }
+    send(broker_end, block.data(), block.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+}
 
 // Reads a message to its last leaf.
 void read_message(blob_attr *message)
@@ -68,6 +85,7 @@ void act(ubus_context &ctx)
     ubus_lookup(&ctx, "ova*", on_object, nullptr);
     ubus_invoke(&ctx, 2, "get", nullptr, on_data, nullptr, 1);
     for (int i = 0; i < turns; ++i) {
+        send_block();
         uloop_run_timeout(0);
     }
     ubus_remove_object(&ctx, &object);
@@ -80,14 +98,21 @@ extern "C" int __wrap_connect(int fd, const sockaddr *, socklen_t)
     return dup2(client_end, fd) == fd ? 0 : -1;
 }
 
+extern "C" int __real_poll(pollfd *fds, nfds_t count, int timeout);
+extern "C" int __wrap_poll(pollfd *fds, nfds_t count, int timeout)
+{
+    send_block();
+    return __real_poll(fds, count, timeout);
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     int ends[2];
     PROMISE(socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0);
     client_end = ends[0];
-    send(ends[1], greeting, sizeof greeting, MSG_DONTWAIT);
-    send(ends[1], data, size, MSG_DONTWAIT);
-    shutdown(ends[1], SHUT_WR); // who waits for more sees the connection lost
+    broker_end = ends[1];
+    input = {data, size};
+    greeted = false;
     ubus_context ctx;
     PROMISE(ubus_connect_ctx(&ctx, "") == 0);
     close(client_end);
@@ -95,6 +120,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     ubus_add_uloop(&ctx);
     act(ctx);
     ubus_shutdown(&ctx);
-    close(ends[1]);
+    close(broker_end);
     return 0;
 }
