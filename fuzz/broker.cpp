@@ -1,5 +1,6 @@
-// What clients write to the broker: steps of a client's number and the bytes it writes, one byte telling how
-// many.
+// What clients write to the broker: steps of a client's number, a length and so many bytes that it writes. A
+// number beyond the clients' sets how much their sockets take at a time, so that messages have to wait; its
+// bit 6 adds so many zeroes to the bytes that a few messages are more than the broker lets wait.
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -17,6 +18,8 @@
 namespace {
 
 constexpr int clients = 3;
+constexpr unsigned filled = 0x40;
+constexpr uint8_t filling[0x10000] = {};
 constexpr int turns = 8; // of the loop, enough for all that one message sets going
 
 constexpr size_t unlimited = SIZE_MAX;
@@ -42,6 +45,15 @@ int connect_client()
     PROMISE(connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0);
     let_work();
     return fd;
+}
+
+void read_all(std::span<const int> fds)
+{
+    static char bytes[0x10000];
+    for (int fd : fds) {
+        while (recv(fd, bytes, sizeof bytes, MSG_DONTWAIT) > 0) {
+        }
+    }
 }
 
 // Whether the broker greets who comes now.
@@ -98,23 +110,26 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     next_id = 0x10000;
     int fds[clients];
     std::ranges::generate(fds, connect_client);
-    char read[4096];
     for (Input input{data, size}; !input.empty();) {
-        unsigned number = input.byte() % (clients + 1);
+        unsigned kind = input.byte();
+        unsigned number = kind % (clients + 1);
         Bytes message = input.block();
         if (number == clients) {
-            room = message.size();
+            room = message.size() * message.size(); // from none to much
             continue;
         }
         send(fds[number], message.data(), message.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-        let_work();
-        for (int reader : fds) {
-            while (recv(reader, read, sizeof read, MSG_DONTWAIT) > 0) {
-            }
+        if ((kind & filled) != 0) {
+            send(fds[number], filling, sizeof filling, MSG_DONTWAIT | MSG_NOSIGNAL);
         }
+        let_work();
+        read_all(fds);
     }
     room = unlimited;
-    let_work();
+    for (int i = 0; i < turns; ++i) {
+        let_work();
+        read_all(fds);
+    }
     for (int fd : fds) {
         close(fd);
     }

@@ -1,4 +1,4 @@
-// What the bus says: an operator's code, how often the platform fails, then steps of a kind and what goes
+// What the bus says: a profile, how often the platform fails, then steps of a kind and what goes
 // with it.
 #include <string>
 
@@ -95,7 +95,7 @@ void deliver_request(uint8_t number, Bytes text)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     Input input{data, size};
-    start_daemon(input.byte() % 4);
+    start_daemon(input.byte());
     ovani_ubus_init_main(nullptr);
     unsigned interval = input.byte(); // every so many calls of the platform fail; 0 for none
     unsigned calls = 0;

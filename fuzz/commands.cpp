@@ -29,5 +29,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     ovani_meshhost_connect_type_get(mac, type.data(), 0);
     handler_speedlimit_config(mac);
     check_daemon();
+
+    auto text = text_of({data, size}); // no address, in all likelihood
+    del_item_from_arp(text.data());
+    get_brctl_info_from_mac(text.data(), &info);
+    ovani_meshhost_connect_type_get(text.data(), type.data(), 0);
     return 0;
 }

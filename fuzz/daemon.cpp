@@ -65,13 +65,25 @@ void start_ports(int carrier)
     std::ranges::fill(g_LanWorkMode, LanEthIntfWorkMode{});
 }
 
+void store_mesh()
+{
+    std::string mesh = "InternetGatewayDevice.LANDevice.1.WLANMeshConfiguration.";
+    fake::platform().values[mesh + "MeshMode"] = "Master";
+    fake::platform().values[mesh + "Controller.Repeater.1.mac_br0"] = "00:11:22:aa:bb:cc";
+    fake::platform().values[mesh + "Controller.Repeater.1.connect_type"] = "wireless";
+}
+
 } // namespace
 
-void start_daemon(int carrier)
+void start_daemon(uint8_t profile)
 {
+    int carrier = profile % 4;
     empty_tables();
     fake::reset();
     fake::platform().carrier = carrier;
+    if ((profile & 4) != 0) {
+        store_mesh();
+    }
     std::string hosts = OVANI_HOSTS_NODE_PATH;
     fake::platform().values[hosts + "HostNumberOfEntries"] = "0";
     fake::platform().values[hosts + "LANHostMaxNumber"] = std::to_string(most_hosts);

@@ -2,13 +2,15 @@
 // memory.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "tests/fake/fake_platform.h"
 
 // The daemon as after a restart of the gateway: its tables and the platform's new, one WAN connection with
-// VLAN 100, four ports, room for eight host objects. `carrier` is an operator's code.
-void start_daemon(int carrier);
+// VLAN 100, four ports, room for eight host objects. `profile` is an operator's code (or 3,
+// that of none), plus 4 for a mesh with one repeater.
+void start_daemon(uint8_t profile);
 
 // Ends the process when the daemon's tables contradict themselves or hold a text without end.
 void check_daemon();

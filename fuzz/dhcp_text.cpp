@@ -22,7 +22,7 @@ void learn_device()
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     Input input{data, size};
-    start_daemon(input.byte() % 4);
+    start_daemon(input.byte());
     set_command_output("fe80::1 dev br0 lladdr 00:11:22:aa:bb:cc REACHABLE\n");
     learn_device();
     auto text = text_of(input.rest());
