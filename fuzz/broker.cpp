@@ -110,7 +110,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     next_id = 0x10000;
     int fds[clients];
     std::ranges::generate(fds, connect_client);
-    for (Input input{data, size}; !input.empty();) {
+    for (Input input{{data, size}}; !input.rest.empty();) {
         unsigned kind = input.byte();
         unsigned number = kind % (clients + 1);
         Bytes message = input.block();

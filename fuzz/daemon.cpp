@@ -1,5 +1,3 @@
-#include "fuzz/daemon.h"
-
 #include <cstring>
 #include <string_view>
 
@@ -13,40 +11,33 @@
 #include "ovani/ovani_memory.h"
 #include "ovani/ovani_port_mgr.h"
 #include "ovani/ovani_presence.h"
+#include "tests/fake/fake_platform.h"
 
 namespace {
 
+#define GATEWAY "InternetGatewayDevice."
+#define WAN GATEWAY "WANDevice.1.WANConnectionDevice.1."
+#define WAN_IP WAN "WANIPConnection.1."
+#define MESH GATEWAY "LANDevice.1.WLANMeshConfiguration."
+
 constexpr int most_hosts = 8; // few, so that inputs get there
-std::string command_output;
 
-void empty_tables()
-{
-    while (g_host_table_ipv4.top != nullptr) {
-        ovani_host_node_delete(&g_host_table_ipv4, g_host_table_ipv4.top);
-    }
-    while (g_mac_table.top != nullptr) {
-        ovani_mac_node_delete_top(&g_mac_table);
-    }
-    PROMISE(MemAllocCount[MTYPE_HOST_NODE] == 0 && MemAllocCount[MTYPE_MAC_NODE] == 0);
-}
-
-// An enabled WAN connection under every operator's names.
-void store_wan_connection()
-{
-    std::string device = "InternetGatewayDevice.WANDevice.1.WANConnectionDevice.1.";
-    std::string connection = device + "WANIPConnection.1.";
-    fake::platform().objects = {device, connection};
-    for (const char *name : {"X_CMCC_VLANIDMark", "X_TRUE_VlanID"}) {
-        fake::platform().values[connection + name] = "100";
-    }
-    for (const char *name : {"X_CMCC_ServiceList", "X_CU_ServiceList", "X_TRUE_ServiceList"}) {
-        fake::platform().values[connection + name] = "INTERNET";
-    }
-    fake::platform().values[connection + "Enable"] = "1";
-    fake::platform().values[connection + "X_CMCC_VLANMode"] = "2";
-    fake::platform().values[device + "X_CU_VLANEnabled"] = "1";
-    fake::platform().values[device + "X_CU_VLAN"] = "100";
-}
+constexpr const char *stored[][2] = {
+    {GATEWAY "LANDevice.1.Hosts.HostNumberOfEntries", "0"},
+    {GATEWAY "LANDevice.1.Hosts.LANHostMaxNumber", "8"},
+    {WAN_IP "Enable", "1"},
+    {WAN_IP "X_CMCC_ServiceList", "INTERNET"},
+    {WAN_IP "X_TRUE_ServiceList", "INTERNET"},
+    {WAN_IP "X_CU_ServiceList", "INTERNET"},
+    {WAN_IP "X_CMCC_VLANMode", "2"},
+    {WAN_IP "X_CMCC_VLANIDMark", "100"},
+    {WAN_IP "X_TRUE_VlanID", "100"},
+    {WAN "X_CU_VLANEnabled", "1"},
+    {WAN "X_CU_VLAN", "100"},
+    {MESH "MeshMode", "Slave"},
+    {MESH "Controller.Repeater.1.mac_br0", "00:11:22:aa:bb:cc"},
+    {MESH "Controller.Repeater.1.connect_type", "wireless"},
+};
 
 // Reading every port takes longer than most inputs: it is done anew for another operator only.
 void start_ports(int carrier)
@@ -65,80 +56,69 @@ void start_ports(int carrier)
     std::ranges::fill(g_LanWorkMode, LanEthIntfWorkMode{});
 }
 
-void store_mesh()
-{
-    std::string mesh = "InternetGatewayDevice.LANDevice.1.WLANMeshConfiguration.";
-    fake::platform().values[mesh + "MeshMode"] = "Master";
-    fake::platform().values[mesh + "Controller.Repeater.1.mac_br0"] = "00:11:22:aa:bb:cc";
-    fake::platform().values[mesh + "Controller.Repeater.1.connect_type"] = "wireless";
-}
-
 } // namespace
 
 void start_daemon(uint8_t profile)
 {
-    int carrier = profile % 4;
-    empty_tables();
-    fake::reset();
-    fake::platform().carrier = carrier;
-    if ((profile & 4) != 0) {
-        store_mesh();
+    while (g_host_table_ipv4.top != nullptr) {
+        ovani_host_node_delete(&g_host_table_ipv4, g_host_table_ipv4.top);
     }
-    std::string hosts = OVANI_HOSTS_NODE_PATH;
-    fake::platform().values[hosts + "HostNumberOfEntries"] = "0";
-    fake::platform().values[hosts + "LANHostMaxNumber"] = std::to_string(most_hosts);
-    store_wan_connection();
-    command_output.clear();
+    while (g_mac_table.top != nullptr) {
+        ovani_mac_node_delete_top(&g_mac_table);
+    }
+    fake::reset();
+    fake::platform().carrier = profile % 4;
+    fake::platform().objects = {WAN, WAN_IP};
+    for (const auto &[path, value] : stored) {
+        fake::platform().values[path] = value;
+    }
+    if ((profile & 4) != 0) {
+        fake::platform().values[MESH "MeshMode"] = "Master";
+    }
+    set_command_output({});
     s_hostnumberofentries = 0;
     s_hostmaxnumber = 0;
     g_slaveapnum = 0;
-    g_filtermode = 0;
     ovani_operator_type_init();
-    ovani_areacode_init();
     ovani_mac_table_init();
     ovani_presence_init();
     ovani_hostmgr_init();
-    start_ports(carrier);
+    start_ports(fake::platform().carrier);
     fake::platform().log.clear();
     fake::platform().calls.clear();
 }
 
+namespace {
+
+// The nodes of a table, each linked both ways.
+template <typename Node>
+int count_nodes(const Node *top)
+{
+    int count = 0;
+    for (const Node *node = top; node != nullptr; node = node->next) {
+        PROMISE(node->next == nullptr || node->next->prev == node);
+        ++count;
+    }
+    return count;
+}
+
+} // namespace
+
 void check_daemon()
 {
-    int hosts = 0;
-    for (const host_node *node = g_host_table_ipv4.top; node != nullptr; node = node->next) {
-        ++hosts;
-        PROMISE(node->next == nullptr || node->next->prev == node);
-        PROMISE(memchr(node->HostName, '\0', sizeof node->HostName) != nullptr);
-        PROMISE(memchr(node->DeviceType, '\0', sizeof node->DeviceType) != nullptr);
-        PROMISE(memchr(node->option60, '\0', sizeof node->option60) != nullptr);
-    }
+    int hosts = count_nodes(g_host_table_ipv4.top);
+    int stations = count_nodes(g_mac_table.top);
     PROMISE(hosts == g_host_table_ipv4.host_node_num && hosts == MemAllocCount[MTYPE_HOST_NODE]);
-    int stations = 0;
-    for (const mac_node *node = g_mac_table.top; node != nullptr; node = node->next) {
-        ++stations;
-        PROMISE(node->next == nullptr || node->next->prev == node);
-    }
-    PROMISE(s_hostnumberofentries <= most_hosts);
-    PROMISE(stations == g_mac_table.mac_node_num && stations <= OVANI_MAC_MAX_NUM);
-    for (const HostToIndexMap &row : tmpHostToIndex) {
-        PROMISE(memchr(row.hostHash, '\0', sizeof row.hostHash) != nullptr);
-    }
-    for (const LanEthIntfVlanBind &config : s_lan_vlan_bind) {
-        PROMISE(config.VLAN[LAN_PARAM_LEN - 1] == '\0' && config.Mode[LAN_PARAM_LEN - 1] == '\0');
-    }
+    PROMISE(stations == g_mac_table.mac_node_num && stations == MemAllocCount[MTYPE_MAC_NODE]);
+    PROMISE(stations <= OVANI_MAC_MAX_NUM && s_hostnumberofentries <= most_hosts);
 }
 
 // --- No shell
 
-void set_command_output(std::string text)
-{
-    command_output = std::move(text);
-}
-
 namespace {
 
-// The commands the daemon has, without the letters that an address may have.
+std::vector<char> command_output;
+
 constexpr const char *commands[] = {
     "brctl showmacs br0 |grep -i  | awk '{print $(NF-2),$(NF-1),$NF}'",
     "brctl showmacs br0 | grep -i  | awk '{print $NF}'",
@@ -176,6 +156,11 @@ FILE *open_output()
 
 } // namespace
 
+void set_command_output(Bytes output)
+{
+    command_output = copy_of(output);
+}
+
 extern "C" {
 
 int __wrap_system(const char *command)
@@ -198,9 +183,9 @@ int __wrap_pclose(FILE *pipe)
 FILE *__real_fopen(const char *path, const char *mode);
 FILE *__wrap_fopen(const char *path, const char *mode)
 {
-    constexpr std::string_view answered[] = {"/proc/net/arp", SPEEDLIMIT_MACLIST_FILE};
-    bool is_answered = std::ranges::find(answered, path) != std::end(answered);
-    return is_answered ? open_output() : __real_fopen(path, mode);
+    std::string_view file{path};
+    bool answered = file == "/proc/net/arp" || file == SPEEDLIMIT_MACLIST_FILE;
+    return answered ? open_output() : __real_fopen(path, mode);
 }
 
 } // extern "C"

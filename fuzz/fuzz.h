@@ -7,9 +7,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <span>
+#include <string>
 #include <vector>
-
-using Bytes = std::span<const uint8_t>;
 
 // What the code under test promises; the fuzzer keeps the input that breaks it.
 #define PROMISE(condition) ((condition) ? static_cast<void>(0) : broken_promise(#condition))
@@ -20,38 +19,46 @@ using Bytes = std::span<const uint8_t>;
     abort();
 }
 
-// Takes an input apart from the front. What is not there reads as 0, or as fewer bytes.
-class Input {
-public:
-    Input(const uint8_t *data, size_t size) : rest_(data, size) {}
+using Bytes = std::span<const uint8_t>;
 
-    bool empty() const { return rest_.empty(); }
+// Takes an input apart from the front. What is not there reads as 0, or as fewer bytes.
+struct Input {
+    Bytes rest;
+
     Bytes take(size_t size)
     {
-        Bytes taken = rest_.first(std::min(size, rest_.size()));
-        rest_ = rest_.subspan(taken.size());
+        Bytes taken = rest.first(std::min(size, rest.size()));
+        rest = rest.subspan(taken.size());
         return taken;
     }
-    uint8_t byte() { return empty() ? 0 : take(1)[0]; }
+    uint8_t byte() { return rest.empty() ? 0 : take(1)[0]; }
     Bytes block() { return take(byte()); } // behind a byte that tells its length
-    Bytes rest() { return take(rest_.size()); }
-
-private:
-    Bytes rest_;
 };
 
-// A copy in memory of exactly its size: the address sanitizer sees the first byte read beyond it.
-template <typename Byte = char>
-std::vector<Byte> copy_of(Bytes bytes)
+// Copies in memory of exactly their size: the address sanitizer sees the first byte read beyond it.
+inline std::vector<char> copy_of(Bytes bytes)
 {
     return {bytes.begin(), bytes.end()};
 }
 
-template <typename Byte = char>
-std::vector<Byte> text_of(Bytes bytes)
+inline std::vector<char> text_of(Bytes bytes)
 {
-    std::vector<Byte> text = copy_of<Byte>(bytes);
-    text.push_back('\0');
-    text.shrink_to_fit();
+    std::vector<char> text(bytes.size() + 1);
+    std::ranges::copy(bytes, text.begin());
     return text;
 }
+
+// --- The daemon in memory, for the targets that link it (daemon.cpp). It starts no command: what it would
+// run must be one that it has, with nothing put in but an address.
+
+// The daemon as after a restart, over a new platform with one WAN connection of VLAN 100, four ports and room
+// for eight host objects. `profile` is an operator's code (or 3, that of none), plus 4 for a mesh with one
+// repeater.
+void start_daemon(uint8_t profile);
+
+// What every command prints from now on, and what stands in the files the daemon reads: the kernel's ARP
+// cache, the list of limited devices.
+void set_command_output(Bytes output);
+
+// Ends the process when the daemon's tables contradict themselves.
+void check_daemon();

@@ -1,29 +1,26 @@
 // Host names: an output size, then a text.
-#include "fuzz/daemon.h"
 #include "fuzz/fuzz.h"
 #include "ovani/encoding_manager.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    fake::reset();
-    constexpr unsigned char untouched = 0xaa;
-    Input input{data, size};
-    unsigned room = input.byte();
-    auto text = text_of<unsigned char>(input.rest());
+    start_daemon(1);
+    Input input{{data, size}};
+    std::vector<char> utf8(input.byte(), 'x');
+    auto room = static_cast<unsigned>(utf8.size());
+    auto text = text_of(input.rest);
     auto length = static_cast<unsigned>(text.size() - 1);
-    is_text_utf_eight(reinterpret_cast<const char *>(text.data()), static_cast<long>(length));
-    ovani_convert_gbk_host_endian(text.data());
+    auto *gbk = reinterpret_cast<unsigned char *>(text.data());
+    is_text_utf_eight(text.data(), static_cast<long>(length));
+    ovani_convert_gbk_host_endian(gbk);
     PROMISE(text.back() == '\0');
-
-    std::vector<unsigned char> utf8(room, untouched);
     unsigned written = room;
-    if (gbk_to_utf_eight(text.data(), length, utf8.data(), &written) != 0) {
-        PROMISE(std::ranges::count(utf8, untouched) == room);
+    if (gbk_to_utf_eight(gbk, length, reinterpret_cast<unsigned char *>(utf8.data()), &written) != 0) {
+        PROMISE(std::ranges::count(utf8, 'x') == room);
         return 0;
     }
-    PROMISE(written < room);
-    PROMISE(std::all_of(utf8.begin() + written, utf8.end(), [](unsigned char c) { return c == 0; }));
-    bool ascii = std::all_of(utf8.begin(), utf8.begin() + written, [](unsigned char c) { return c < 0x80; });
-    PROMISE(ascii || is_text_utf_eight(reinterpret_cast<const char *>(utf8.data()), written) == 1);
+    PROMISE(written < room && std::count(utf8.begin() + written, utf8.end(), '\0') == room - written);
+    bool ascii = std::none_of(utf8.begin(), utf8.end(), [](char c) { return (c & 0x80) != 0; });
+    PROMISE(ascii || is_text_utf_eight(utf8.data(), written) == 1);
     return 0;
 }

@@ -1,10 +1,7 @@
 // A batch of routing netlink messages, as it is read from the kernel's socket.
-#include <cstring>
-
 #include <sanitizer/asan_interface.h>
 #include <unistd.h>
 
-#include "fuzz/daemon.h"
 #include "fuzz/fuzz.h"
 #include "ovani/ovani_neigh.h"
 
