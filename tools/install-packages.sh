@@ -8,7 +8,7 @@ set -euo pipefail
 
 declare -A groups=(
     [run]="g++ cmake ninja-build nlohmann-json3-dev libsqlite3-dev libmnl-dev libcli11-dev
-           iproute2 util-linux mawk udhcpc dnsmasq-base"
+           iproute2 net-tools util-linux mawk udhcpc dnsmasq-base"
     [test]="googletest python3 clang-format shellcheck
             g++-arm-linux-gnueabihf qemu-user
             clang libclang-rt-14-dev"

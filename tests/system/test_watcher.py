@@ -124,17 +124,24 @@ class Watching(unittest.TestCase):
     def test_a_daemon_that_comes_is_told_everything(self):
         gw = self.gateway
         gw("plug", "2", "device", "--mac", mac(2), "--silent", "static", "192.168.1.12")
+        gw("plug", "ra0", "station", "--mac", mac(3), "--silent", "static", "192.168.1.13")
         with gw.recording("1*") as recorder:
             self.settled(recorder)
-            for _ in range(2):
+            for ssid, wifi in ((0, "rai0"), (4, "ra0")):
                 gw("start", "daemon")
                 gw.host_with(mac(2), IPAddress="192.168.1.12", Port="2")
-                told = self.told(self.settled(recorder))
+                events = self.settled(recorder)
+                told = self.told(events)
+                self.assertEqual([(e["action"], e["ssid"]) for e in events if e["event"] == "111"], [("joined", ssid)])
                 self.assertEqual(told.count(("109", "learned", mac(2), "eth1")), 1)
                 self.assertEqual(told.count(("110", "added", mac(2), "192.168.1.12")), 1)
                 self.assertEqual(told.count(("106", "up", 2, 2)), 1)
                 gw("kill", "daemon")
-            self.assertEqual(self.settled(recorder), [])
+                self.assertEqual(self.settled(recorder), [])
+                gw("roam", "station", wifi)
+                self.assertEqual([(e["event"], e["action"], e.get("ssid", e.get("port")))
+                                  for e in self.settled(recorder) if e.get("mac") == mac(3)],
+                                 [("111", "left", ssid), ("109", "learned", wifi), ("111", "joined", 4 - ssid)])
 
     def test_brctl_lists_the_bridge(self):
         gw = self.gateway
