@@ -33,6 +33,13 @@ TEST_F(ConfigTest, ARefusedRowDoesNotStopTheBatch)
     tConfigMap long_map[] = {{long_name.c_str(), a}, {"C", c}, {}};
     EXPECT_EQ(write_multi_config_to_xml(long_map, url), 0);
     EXPECT_THAT(platform.written, testing::ElementsAre("C"));
+
+    // Nor is a value written that a later read would have no room for.
+    std::string longest(OVANI_VALUE_LEN - 1, 'x');
+    std::string too_long(OVANI_VALUE_LEN, 'x');
+    tConfigMap value_map[] = {{"A", longest.data()}, {"B", too_long.data()}, {"C", c}, {}};
+    EXPECT_EQ(write_multi_config_to_xml(value_map, url), 0);
+    EXPECT_THAT(platform.written, testing::ElementsAre("A", "C"));
 }
 
 TEST_F(ConfigTest, ANullInEitherColumnEndsTheTable)
