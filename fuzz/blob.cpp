@@ -40,6 +40,7 @@ void parse_bytes(Bytes input)
     }
     if (blobmsg_check_attr_len(attr, false, bytes.size())) {
         json_of(attr, true, 0);
+        json_of(attr, false);
     }
 }
 
