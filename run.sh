@@ -180,8 +180,12 @@ expect() {
 }
 
 retired() {
-    unset "expected[$1]"
-    eventually is_retired "$1" && all_right
+    local mac
+    for mac in "$@"; do
+        unset "expected[$mac]"
+        eventually is_retired "$mac" || return 1
+    done
+    all_right
 }
 
 check() {
@@ -205,9 +209,10 @@ check() {
     expect found_late
     all_right || return 1
 
-    say "the tablet leaves"
+    say "the tablet and the camera leave"
     tools/gateway unplug tablet
-    retired 02:00:00:00:01:05 || return 1
+    tools/gateway unplug camera
+    retired 02:00:00:00:01:0{5,6} || return 1
     say "who left is retired, the others are as they were"
 }
 
