@@ -163,7 +163,7 @@ class Front(unittest.TestCase):
     def test_export_and_import(self):
         gw = Gateway(without=["daemon", "dhcp", "watcher", "sysmgr"])
         self.addCleanup(gw.close)
-        odd = (b"", b" a ", b"\\x41", b"a=b#c", b"\x01\x7f\xff\r\n\t", "名\u202e".encode(), bytes(range(1, 32)))
+        odd = (b"", b"\\x41", b"a=b#c", b"\x01\x7f\xff\r\n\t", "名\u202e".encode(), bytes(range(1, 32)), b" a ")
         for number, value in enumerate(odd, 1):
             gw.ctl("set", ETHERNET + "1.X_CU_VLAN", value)
             gw.exec("sh", "-c", "ovanictl store export /var/1 && ovanictl set $1 x && ovanictl store import /var/1 &&"
@@ -173,6 +173,7 @@ class Front(unittest.TestCase):
         text = gw.exec("cat", "/var/1")
         lines = text.splitlines()
         self.assertEqual([line.split("=")[0] for line in lines], sorted(line.split("=")[0] for line in lines))
+        self.assertEqual(lines, [line.strip() for line in lines], "no editor strips anything")
         good = MESH_MODE + "=Master\n# for people\n\n"
         for wrong in ("x", "=", ".=", "None=1", MESH_MODE + "=" + "x" * 32, MESH_MODE + "=\\", MESH_MODE + "=\\x0",
                       MESH_MODE + "=\\x00", MESH_MODE + "=\tx", HOSTS + "HostNumberOfEntries=3", ETHERNET + "1.=2"):
