@@ -37,7 +37,7 @@ class Faults(unittest.TestCase):
             f"1 {mac(7)} no 0.0 ether-$(reboot)-net-999", f"{mac(9)} no 0.0 wlan0", "5 no no no ra0",
             f"fe80::5 dev br0 lladdr $(reboot);`id` {mac(9)}", "a b c d e f g h"))
         fakes = {"absent": None, "silent": "", "nonsense": f"printf '{nonsense}\n'",
-                 "long": f"awk 'BEGIN {{ printf \"{mac(9)} no \"; for (i = 0; i < 100000; i++) printf \"A\"; print \"\" }}'"}
+                 "long": f"printf '{mac(9)} no %0100000d\n' 7"}
         for kind, fake in fakes.items():
             with self.subTest(commands=kind):
                 path = os.path.join(gw.state, "path-" + kind)
@@ -51,7 +51,8 @@ class Faults(unittest.TestCase):
                 reports = gw.log("sysmgr").count("ovani is ready")
                 told = gw.log("watcher").count("announcing everything")
                 log = os.path.join(gw.state, "log", kind)
-                daemon = gw.start_inside("sh", "-c", f"echo $$ >{path}.pid; PATH={path} exec {BUILD}/bin/ovani >{log} 2>&1")
+                daemon = gw.start_inside(
+                    "sh", "-c", f"echo $$ >{path}.pid; PATH={path} exec {BUILD}/bin/ovani >{log} 2>&1")
                 gw.daemon_ready(reports + 1)
                 wait_for(lambda: gw.log("watcher").count("announcing everything") > told, "the watcher to tell")
                 gw.host_with(mac(1), Active="1", IPAddress="192.168.1.10", Port="1")
@@ -139,7 +140,8 @@ class Faults(unittest.TestCase):
         before = gw.host_with(mac(1), Active="1", IPv6Address="")
         daemon = gw.pid("daemon")
         gw.exec("kill", "-STOP", daemon)
-        gw.batch("ip", *(f"neigh add 2001:db8:1:1::{n:x} lladdr {mac(n)} dev br0 nud permanent" for n in range(2, 2002)))
+        gw.batch("ip", *(f"neigh add 2001:db8:1:1::{n:x} lladdr {mac(n)} dev br0 nud permanent"
+                         for n in range(2, 2002)))
         self.assertGreater(self.neighbours_queued()[1], 0, "an overrun")
         gw.exec("kill", "-CONT", daemon)
         wait_for(lambda: self.neighbours_queued()[0] == 0, "the daemon to have read them", 60)
@@ -190,7 +192,8 @@ class Storm(unittest.TestCase):
                 for event in recorder.settle():
                     balance.setdefault(event["mac"].lower(), []).append(event["action"])
             hosts = gw.hosts()
-            self.assertEqual({address: (host["IPAddress"], host["Port"], host["Active"]) for address, host in hosts.items()},
+            self.assertEqual({address: tuple(host[k] for k in ("IPAddress", "Port", "Active"))
+                              for address, host in hosts.items()},
                              {mac(n): (f"192.168.1.{n}", port, "1") for n, port in where.items()})
             self.assertEqual(gw.entries(), len(where))
             for address, told in balance.items():
@@ -199,9 +202,9 @@ class Storm(unittest.TestCase):
                 self.assertEqual(told[-1] == "Online", address in hosts)
             memory.append(resident())
         self.assertEqual(gw.pid("daemon"), daemon)
-        # A few pages come and go with the allocator; a leak of one byte an event would be 40 kB.
+        # Some pages come late; a station's node lost with each leave would be 200 kB a round.
         if "libasan" not in gw.exec("cat", f"/proc/{daemon}/maps"):
-            self.assertLess(memory[-1] - memory[0], 64, memory)
+            self.assertLess(memory[-1] - memory[0], 128, memory)
         for number in list(where):
             send_raw_events(gw, leave(number))
         gw.settle_daemon()

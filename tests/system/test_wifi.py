@@ -80,7 +80,8 @@ class Attached(unittest.TestCase):
                             gw("unplug", "v" + port)
                             recorder.wait(visit, mac=address.upper(), action="Offline")
                         gw.settle_daemon()
-                        self.assertEqual(self.presence(recorder), dict.fromkeys(visitors, ["Online", "Offline"] * visit))
+                        self.assertEqual(self.presence(recorder),
+                                         dict.fromkeys(visitors, ["Online", "Offline"] * visit))
                         gone = [host["Active"] for host in gw.hosts().values()]
                         self.assertEqual(gone, [] if operator == "ct" else ["0"] * 3)
 
