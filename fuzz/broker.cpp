@@ -1,6 +1,6 @@
-// What clients write to the broker: steps of a client's number, a length and so many bytes that it writes. A
-// number beyond the clients' sets how much their sockets take at a time, so that messages have to wait; its
-// bit 6 adds so many zeroes to the bytes that a few messages are more than the broker lets wait.
+// What clients write to the broker: steps of a client's number and the block it writes. The number behind the
+// last client's sets how much the clients' sockets take at a time, so that messages have to wait; bit 6 of a
+// client's adds so many zeroes that a few messages are more than the broker lets wait.
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -18,14 +18,13 @@
 namespace {
 
 constexpr int clients = 3;
+constexpr int turns = 8; // of the loop, enough for all that one message sets going
 constexpr unsigned filled = 0x40;
 constexpr uint8_t filling[0x10000] = {};
-constexpr int turns = 8; // of the loop, enough for all that one message sets going
-
 constexpr size_t unlimited = SIZE_MAX;
 
 uint32_t next_id;
-size_t room = unlimited;
+size_t room = unlimited; // what a client's socket takes at a time
 std::string path;
 bus::Broker *broker;
 
@@ -77,6 +76,7 @@ extern "C" ssize_t __wrap_getrandom(void *buffer, size_t size, unsigned)
     return static_cast<ssize_t>(size);
 }
 
+// What the broker sends, as far as there is room.
 extern "C" ssize_t __real_sendmsg(int fd, const msghdr *message, int flags);
 extern "C" ssize_t __wrap_sendmsg(int fd, const msghdr *message, int flags)
 {
