@@ -19,7 +19,9 @@ int ovani_operator_type_init()
     // A system manager that does not answer leaves the first code: China Mobile.
     zk_carr_type carrier = CARR_CM;
     zk_sys_mgr_get_carrier(&carrier);
-    g_ovani_operator = static_cast<unsigned int>(carrier);
+    // A code the enumeration does not have must not be read as one of its values.
+    static_assert(sizeof carrier == sizeof g_ovani_operator);
+    memcpy(&g_ovani_operator, &carrier, sizeof carrier);
     if (g_ovani_operator >= OPTYPE_MAX) {
         ovani_log(VELM_LOG_DEBUG, "Get Operator Type:%d err!\n", static_cast<int>(g_ovani_operator));
         return R_ERROR;

@@ -38,7 +38,7 @@ class Run(unittest.TestCase):
         wait_for(lambda: not traces(self.state), "everything to be gone")
 
     def test_once(self):
-        for operator, tables in (("ct", (5, 4, 4, 5, 4)), ("cm", (5, 5, 5, 6, 6))):
+        for operator, tables in (("ct", (5, 4, 4, 5, 3)), ("cm", (5, 5, 5, 6, 6))):
             with self.subTest(operator=operator):
                 run = self.start("--once", "--operator", operator)
                 output = run.communicate(timeout=120)[0]
