@@ -2,10 +2,12 @@
 #include <cstring>
 
 #include "ovani/ovani_br_mgr.h"
+#include "ovani/ovani_memory.h"
 #include "ovani/ovani_port_mgr.h"
 #include "tests/unit/daemon_test.h"
 
 using testing::ElementsAre;
+using testing::ElementsAreArray;
 using testing::IsEmpty;
 
 namespace {
@@ -186,5 +188,31 @@ TEST_F(PresenceTest, DiscoveryReadsTheBridge)
         restart(OPTYPE_CT);
         ovani_lanhost_info_init();
         EXPECT_EQ(ovani_mac_node_num_get(), c.found) << c.what;
+    }
+}
+
+TEST_F(PresenceTest, AStormOfVisitsLeavesNothingBehind)
+{
+    constexpr int population = 100;
+    constexpr int visits = 5;
+    std::vector<std::string> first_round;
+    std::vector<int32_t> blocks;
+    for (int round = 0; round < 4; ++round) {
+        for (int i = 0; i < population * visits; ++i) {
+            const Mac mac = mac_number(i % population);
+            learn(mac, "eth2");
+            arp(mac, pc_ip + static_cast<uint32_t>(i % population));
+            dhcp("#NB6ADD#LLA#fe80::" + std::to_string(1 + i % population) + "#02:00:00:00:00:01");
+            forget(mac);
+        }
+        std::vector<std::string> records = told();
+        EXPECT_EQ(records.size(), 2U * population * visits);
+        EXPECT_THAT(platform.objects, IsEmpty());
+        if (round == 0) {
+            first_round = records;
+            blocks.assign(std::begin(MemAllocCount), std::end(MemAllocCount));
+        }
+        EXPECT_EQ(records, first_round) << round;
+        EXPECT_THAT(MemAllocCount, ElementsAreArray(blocks)) << round;
     }
 }
