@@ -1,5 +1,6 @@
 """Wi-Fi stations, IPv6 hosts, presence, a daemon that starts late, and the ARP probe."""
 
+import time
 import unittest
 
 from gateway import Gateway, mac, setUpModule, wait_for  # noqa: F401
@@ -125,6 +126,7 @@ class Attached(unittest.TestCase):
             self.assertEqual({address: (host["port"], host["IPAddress"]) for address, host in gw.hosts().items()},
                              devices)
             self.assertEqual(self.presence(recorder), dict.fromkeys(devices, ["Online"]))
+            time.sleep(1.1)  # dnsmasq tells of a renewal only if the lease then ends at another second
             for number in range(1, 10, 2):
                 gw("renew", f"d{number}")
                 host = gw.host_with(mac(number), AddressSource="DHCP", HostName=f"host-{number}", DeviceType="phone")
