@@ -1,5 +1,6 @@
 #include "ovani/ovani_host_config.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <strings.h>
@@ -248,7 +249,7 @@ void handler_speedlimit_config(const char *new_mac)
     snprintf(command, sizeof command, "cat %s | awk '{print NF}'", SPEEDLIMIT_MACLIST_FILE);
     char words[GET_CMD_RES_LEN] = {};
     get_cmd_res(command, words, sizeof words);
-    int count = decimal_value(words);
+    int count = std::max(decimal_value(words), 0);
     if (count <= words_before_macs || count > most_words) {
         ovani_log(VELM_LOG_ERR, "mac count:%d error !!!", count - words_before_macs);
         return;
