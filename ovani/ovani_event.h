@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 #include "ovani/ovani_commdef.h"
 
@@ -79,6 +80,35 @@ static_assert(offsetof(ovani_port_status_event, status) + 1 == OVANI_PORT_STATUS
 static_assert(offsetof(ovani_wifi_event, action) + 1 == OVANI_WIFI_EVENT_WIRE_LEN);
 static_assert(sizeof(ovani_device_status_event) == 488);
 static_assert(offsetof(ovani_device_status_event, port) == 484);
+
+// One row for each event of the gateway: those the daemon listens to, in the order of its subscriptions, then
+// those it sends.
+struct EventKind {
+    std::string_view name;
+    const char *attribute; // that carries the payload; null where nobody reads one
+    size_t wire_length;    // of a raw record, to the end of its last field; 0 for a text or a number
+};
+inline constexpr EventKind OVANI_EVENTS[] = {
+    {UBUS_EVENT_ARP_INFO, "arp_struct", OVANI_ARP_EVENT_WIRE_LEN},
+    {UBUS_EVENT_MAC_ADDR_INFO, "mac_struct", OVANI_MAC_EVENT_WIRE_LEN},
+    {UBUS_EVENT_UNI_PORT_LINK_STATE, "port_status_struct", OVANI_PORT_STATUS_EVENT_WIRE_LEN},
+    {UBUS_EVENT_WIFI_ON_OFF, "wifi_user_struct", OVANI_WIFI_EVENT_WIRE_LEN},
+    {UBUS_EVENT_DHCP_USER_CONN, "dhcp_user_string", 0},
+    {UBUS_EVENT_WAN_VLAN_INFO, nullptr, 0},
+    {UBUS_EVENT_LANHOST_UP_DOWN, "lanhost_struct", sizeof(ovani_device_status_event)},
+    {UBUS_EVENT_LANHOST_PARAM_CHANGE, "objnum", 0},
+};
+
+// The row of an event's name, null for any other event.
+constexpr const EventKind *find_event(std::string_view name)
+{
+    for (const EventKind &kind : OVANI_EVENTS) {
+        if (kind.name == name) {
+            return &kind;
+        }
+    }
+    return nullptr;
+}
 
 // A host as an event describes it: a set of texts, most of them inside the event's own text or the handler's
 // buffers. A null pointer means absent. The record is used during the event and never kept.
