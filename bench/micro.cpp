@@ -10,8 +10,11 @@
 
 #include "bench/common.h"
 #include "ovani/ovani_config.h"
-#include "ovani/ovani_host_mgr.h"
-#include "ovani/ovani_mac_table.h"
+#include "ovani/ovani_event_arp.h"
+#include "ovani/ovani_event_dhcp.h"
+#include "ovani/ovani_event_mac.h"
+#include "ovani/ovani_host_object.h"
+#include "ovani/ovani_start.h"
 #include "platform/host/store.h"
 #include "platform/zkcfgif.h"
 
@@ -49,8 +52,7 @@ void have_hosts(unsigned hosts)
     present = hosts;
     store_close();
     setenv("OVANI_STORE", directory->file(std::to_string(hosts) + ".db").c_str(), 1);
-    ovani_mac_table_init();
-    ovani_hostmgr_init();
+    ovani_start(0, nullptr, [](void *(*)(void *)) { return 0; });
     for (unsigned number = 0; number < hosts; number++) {
         for (auto *handle : {handle_mac, handle_arp, handle_dhcp}) {
             handle({number, 0});

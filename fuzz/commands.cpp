@@ -2,7 +2,8 @@
 // what begins with a line "5" tells the number of the bridge listing's columns, and has a line that passes
 // for its head.
 #include "fuzz/fuzz.h"
-#include "ovani/ovani_event.h"
+#include "ovani/ovani_event_discovery.h"
+#include "ovani/ovani_event_mac.h"
 #include "ovani/ovani_host_config.h"
 #include "ovani/ovani_shell.h"
 

@@ -2,15 +2,12 @@
 #include <string_view>
 
 #include "fuzz/fuzz.h"
-#include "ovani/ovani_br_mgr.h"
 #include "ovani/ovani_host_config.h"
-#include "ovani/ovani_host_mgr.h"
+#include "ovani/ovani_host_index.h"
 #include "ovani/ovani_host_table.h"
-#include "ovani/ovani_lan_port_config.h"
 #include "ovani/ovani_mac_table.h"
 #include "ovani/ovani_memory.h"
-#include "ovani/ovani_port_mgr.h"
-#include "ovani/ovani_presence.h"
+#include "ovani/ovani_start.h"
 #include "tests/fake/fake_platform.h"
 
 namespace {
@@ -39,33 +36,10 @@ constexpr const char *stored[][2] = {
     {MESH "Controller.Repeater.1.connect_type", "wireless"},
 };
 
-// Reading every port takes longer than most inputs: it is done anew for another operator only.
-void start_ports(int carrier)
-{
-    static int started = -1;
-    if (carrier != started) {
-        vlan_bind_init();
-        ovani_port_mgr_init();
-        started = carrier;
-    }
-    std::ranges::fill(s_lan_vlan_bind, LanEthIntfVlanBind{});
-    for (auto &port : s_vlan_bind_control) {
-        std::ranges::fill(port, LanVlanBindControl{});
-    }
-    std::ranges::fill(s_vlanbind_wan_param, qv_wan_param{});
-    std::ranges::fill(g_LanWorkMode, LanEthIntfWorkMode{});
-}
-
 } // namespace
 
 void start_daemon(uint8_t profile)
 {
-    while (g_host_table_ipv4.top != nullptr) {
-        ovani_host_node_delete(&g_host_table_ipv4, g_host_table_ipv4.top);
-    }
-    while (g_mac_table.top != nullptr) {
-        ovani_mac_node_delete_top(&g_mac_table);
-    }
     fake::reset();
     fake::platform().carrier = profile % 4;
     fake::platform().objects = {WAN, WAN_IP};
@@ -76,14 +50,7 @@ void start_daemon(uint8_t profile)
         fake::platform().values[MESH "MeshMode"] = "Master";
     }
     set_command_output({});
-    s_hostnumberofentries = 0;
-    s_hostmaxnumber = 0;
-    g_slaveapnum = 0;
-    ovani_operator_type_init();
-    ovani_mac_table_init();
-    ovani_presence_init();
-    ovani_hostmgr_init();
-    start_ports(fake::platform().carrier);
+    ovani_start(0, nullptr, [](void *(*)(void *)) { return 0; });
     fake::platform().log.clear();
     fake::platform().calls.clear();
 }

@@ -3,7 +3,8 @@
 #include <string_view>
 
 #include "fuzz/fuzz.h"
-#include "ovani/ovani_event.h"
+#include "ovani/ovani_event_dhcp.h"
+#include "ovani/ovani_event_mac.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {

@@ -103,7 +103,7 @@ int enc_gbk_to_unicode_one(unsigned short gbk, unsigned int *ucs)
 
 namespace {
 
-constexpr size_t utf8_max_bytes = 6;
+constexpr size_t UTF8_MAX_BYTES = 6;
 
 // The six-byte scheme of RFC 2279. Returns the length written, 0 for a value of 0x80000000 or above.
 int enc_unicode_to_utf8_one(unsigned int ucs, unsigned char *out)
@@ -146,7 +146,7 @@ int gbk_to_utf_eight(const unsigned char *inbuf, unsigned int inlen, unsigned ch
         ovani_log(VELM_LOG_DEBUG, "param err, buf length 0\n");
         return -1;
     }
-    std::unique_ptr<unsigned char, Freed> utf8{static_cast<unsigned char *>(calloc(inlen, utf8_max_bytes))};
+    std::unique_ptr<unsigned char, Freed> utf8{static_cast<unsigned char *>(calloc(inlen, UTF8_MAX_BYTES))};
     if (utf8 == nullptr) {
         return -1;
     }

@@ -12,18 +12,16 @@
 #include <sys/socket.h>
 
 #include "ovani/ovani_commdef.h"
-#include "ovani/ovani_event.h"
 #include "ovani/ovani_fd.h"
 #include "ovani/ovani_log.h"
 #include "ovani/ovani_shell.h"
 
 namespace {
 
-constexpr char function[] = "ovani_arp_ping";
-constexpr int64_t budget_ms = 2000;
-constexpr uint16_t hardware_ethernet = 1;
-constexpr uint16_t operation_request = 1;
-constexpr uint16_t operation_reply = 2;
+constexpr int64_t BUDGET_MS = 2000;
+constexpr uint16_t HARDWARE_ETHERNET = 1;
+constexpr uint16_t OPERATION_REQUEST = 1;
+constexpr uint16_t OPERATION_REPLY = 2;
 
 int64_t monotonic_ms()
 {
@@ -44,11 +42,11 @@ arpMsg make_request(uint32_t test_ip, uint32_t from_ip, const unsigned char *fro
     memset(request.h_dest, 0xff, sizeof request.h_dest);
     memcpy(request.h_source, from_mac, sizeof request.h_source);
     request.h_proto = htons(ETH_P_ARP);
-    request.htype = htons(hardware_ethernet);
+    request.htype = htons(HARDWARE_ETHERNET);
     request.ptype = htons(ETH_P_IP);
     request.hlen = sizeof request.sHaddr;
     request.plen = sizeof request.sInaddr;
-    request.operation = htons(operation_request);
+    request.operation = htons(OPERATION_REQUEST);
     memcpy(request.sHaddr, from_mac, sizeof request.sHaddr);
     put_address(request.sInaddr, from_ip);
     put_address(request.tInaddr, test_ip);
@@ -67,15 +65,15 @@ bool is_reply_from(const arpMsg &frame, ssize_t length, uint32_t test_ip)
 {
     uint8_t wanted[4];
     put_address(wanted, test_ip);
-    return length >= static_cast<ssize_t>(ARP_MSG_SIZE) && frame.operation == htons(operation_reply) &&
+    return length >= static_cast<ssize_t>(ARP_MSG_SIZE) && frame.operation == htons(OPERATION_REPLY) &&
            memcmp(frame.sInaddr, wanted, sizeof wanted) == 0;
 }
 
 // Waits for the reply until the budget is spent; other frames are passed over.
-bool await_reply(int fd, uint32_t test_ip)
+bool await_reply(int fd, uint32_t test_ip, const char *function = __builtin_FUNCTION())
 {
-    const int64_t deadline = monotonic_ms() + budget_ms;
-    for (int64_t left = budget_ms; left > 0; left = deadline - monotonic_ms()) {
+    const int64_t deadline = monotonic_ms() + BUDGET_MS;
+    for (int64_t left = BUDGET_MS; left > 0; left = deadline - monotonic_ms()) {
         pollfd socket{.fd = fd, .events = POLLIN, .revents = 0};
         int ready = poll(&socket, 1, static_cast<int>(left));
         if (ready < 0) {
@@ -100,7 +98,7 @@ bool await_reply(int fd, uint32_t test_ip)
     return false;
 }
 
-bool enable_broadcast(int fd)
+bool enable_broadcast(int fd, const char *function = __builtin_FUNCTION())
 {
     int on = 1;
     if (setsockopt(fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof on) != 0) {
@@ -116,14 +114,14 @@ bool is_interface_name(const char *name)
            strspn(name, "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789._-") == strlen(name);
 }
 
-void forget_station(const char *mac)
+void forget_station(const char *mac, const char *function)
 {
     del_item_from_arp(mac);
     ovani_log_as(function, VELM_LOG_DEBUG, "del_item_from_arp mac_str = %s\r\n", mac);
 }
 
 // Whether a silent Wi-Fi host is still associated decides whether it keeps its ARP entry.
-void check_association(uint32_t test_ip)
+void check_association(uint32_t test_ip, const char *function = __builtin_FUNCTION())
 {
     char command[256];
     char mac[32] = {};
@@ -135,20 +133,20 @@ void check_association(uint32_t test_ip)
     }
     char interface[16] = {};
     snprintf(command, sizeof command, "brctl showmacs br0 | grep -i %s | awk '{ print $NF }'", mac);
-    get_cmd_res(command, interface, sizeof interface);
     ovani_log_as(function, VELM_LOG_DEBUG, "tmp_mac_str = <%s>\r\n", command);
+    get_cmd_res(command, interface, sizeof interface);
     if (!is_interface_name(interface)) {
         ovani_log_as(function, VELM_LOG_DEBUG, "vapinfo = NULL\r\n");
-        forget_station(mac);
+        forget_station(mac, function);
         return;
     }
     char association[256] = {};
     snprintf(command, sizeof command, "wl -i %s assoclist| grep -i %s", interface, mac);
-    get_cmd_res(command, association, sizeof association);
     ovani_log_as(function, VELM_LOG_DEBUG, "RET = <%s>\r\n", command);
+    get_cmd_res(command, association, sizeof association);
     if (association[0] == '\0') {
         ovani_log_as(function, VELM_LOG_DEBUG, "result = NULL\r\n");
-        forget_station(mac);
+        forget_station(mac, function);
     }
 }
 

@@ -1,4 +1,4 @@
-// Asks by ARP (RFC 826) whether an IPv4 address still answers on a LAN interface.
+// Asks by ARP (RFC 826) whether an IPv4 address still answers on a LAN interface. UNUSED
 #pragma once
 
 #include <cstdint>

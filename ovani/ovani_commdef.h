@@ -1,5 +1,5 @@
-// Constants and small utilities shared by the whole daemon: result codes, addresses and their texts, time,
-// interface facts. None of them keeps state or allocates.
+// Constants and small utilities shared by the whole daemon: result codes, texts, time, addresses. None of
+// them keeps state or allocates.
 #pragma once
 
 #include <array>
@@ -9,8 +9,7 @@
 
 #include <unistd.h>
 
-// Most functions return R_OK or R_ERROR. R_OK is the C library's own (4), which this daemon has always
-// shared.
+// Most functions return R_OK or R_ERROR. R_OK is the C library's own (4).
 static_assert(R_OK == 4);
 inline constexpr int R_ERROR = -1;
 
@@ -52,8 +51,14 @@ inline const char *text_or_empty(const char *text)
     return text == nullptr ? "" : text;
 }
 
-// The decimal number at the beginning of a text, as atoi gives it, cut to the range of int. Null gives 0.
+// The decimal number at the beginning of a text, as atoi gives it on the gateway, where long is 32 bits: cut
+// to the range of int. Null gives 0.
 int decimal_value(const char *text);
+
+// Whether `text` is non-empty, no longer than an IPv6 address can be, and holds nothing but hexadecimal
+// digits,
+// ':' and '.': what may be put into a command as an address.
+bool is_address_text(const char *text);
 
 // Null is logged and ignored.
 void ovani_strToLower(char *string);
@@ -108,21 +113,3 @@ int mac_form_translate(const char *frommac, int type, char *tomac);
 
 // Whether `text` is exactly 12 hexadecimal digits.
 bool is_bare_mac(const char *text);
-
-// --- Interfaces and ports
-
-// Whether the kernel reports the interface running (IFF_RUNNING): 1, 0, or -1 when it cannot be asked.
-int ovani_get_ifc_status(const char *ifname);
-
-// The interface's hardware address. Returns 0, or -1 when it has none or does not exist. The second asks over
-// the caller's own socket (any AF_INET one), for those who ask often.
-int ovani_get_mac_by_ifname(const char *ifname, unsigned char *macAddr);
-int ovani_get_mac_by_ifname(int sockfd, const char *ifname, unsigned char *macAddr);
-
-// LAN port of an interface name: "eth…" is wired (type 0), numbered by the switch driver; "ra<n>" and
-// "rai<n>" are Wi-Fi (type 1), numbered by their WLANConfiguration instance. Returns R_OK, or 0 with both
-// outputs untouched when the name is not a LAN port's.
-int eth_num2lanport_no_type(const char *eth_num, char *lanport_no, char *lanport_type);
-
-// 1 to 4 for a text containing "eth0" to "eth3", else -1.
-int ovani_wanstr2index(const char *wan_ifc);

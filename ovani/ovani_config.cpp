@@ -61,7 +61,7 @@ int multi_config_process(tConfigMap *configmap, const char *url, OBJ_OP op_type)
     return ret;
 }
 
-// All it has ever told is that there is no table.
+// KEPT: all it tells is that there is no table, which is then reported twice.
 void printf_tconfigmap(const tConfigMap *configmap)
 {
     if (configmap == nullptr) {

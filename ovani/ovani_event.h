@@ -1,4 +1,4 @@
-// What the bus tells the daemon, record by record, and what the daemon makes of it.
+// What goes over the bus between the daemon and the gateway's other daemons, record by record.
 //
 // The raw records travel as the bytes of one bus attribute, little-endian, at natural alignment. The bus
 // intake hands each one over as a local copy whose texts are terminated, in host byte order.
@@ -9,8 +9,6 @@
 #include <string_view>
 
 #include "ovani/ovani_commdef.h"
-
-struct host_node;
 
 // Events the daemon listens to.
 inline constexpr char UBUS_EVENT_ARP_INFO[] = "110";
@@ -134,99 +132,3 @@ struct ovani_dhcpd_host_event {
 inline constexpr char OVANI_MSG_SEPARATOR = '#';
 inline constexpr char OVANI_IPV6ADDR_GUA[] = "GUA";
 inline constexpr char OVANI_IPV6ADDR_LLA[] = "LLA";
-
-// --- Bridge MAC events
-//
-// Unless said otherwise the functions of this header return R_OK, or R_ERROR for a null or impossible record;
-// a failure is logged and ends the handling of that event.
-
-// Entry for an event: dispatches on its action. Events of other bridges and of the gateway's own interfaces
-// are passed over.
-int ovani_mac_event_process(const ovani_mac_event *event);
-
-// A MAC was learned: refreshes its node and its host's port, and brings back the object of a host that is
-// attached to no port.
-int ovani_mac_event_add(const ovani_mac_event *event);
-
-// A MAC aged out: drops its node and retires its host's object. The second variant also purges the kernel's
-// ARP cache, and passes over a MAC without a node; no event uses it.
-int ovani_mac_event_del_static(const ovani_mac_event *event);
-int ovani_mac_event_del(const ovani_mac_event *event);
-
-// Removes the kernel's ARP entries of a MAC given as text.
-int del_item_from_arp(const char *mac_str);
-
-// Learns a MAC given as colon text from the bridge's own table, when it sits behind a port that is a LAN
-// port; the first only when that is a Wi-Fi interface.
-void ovani_lanhost_wifi_add_mac(const unsigned char *mac_str);
-void ovani_lanhost_resolve_mac(const unsigned char *mac_str);
-
-// Writes an event as a line of JSON, at most OVANI_MAC_INFO_LEN bytes.
-inline constexpr size_t OVANI_MAC_INFO_LEN = 80;
-int ovani_get_mac_info(const ovani_mac_event *event, char *povani_mac_info);
-
-// --- ARP events
-
-// Entry for an event. Removals do not remove hosts: those leave when their MAC ages or their lease ends.
-int ovani_arp_event_process(const ovani_arp_event *event);
-
-// An IPv4 address was seen: finds or creates its host, which is static unless its lease is for this very
-// address, and writes its object. R_ERROR also when the object cannot be written.
-int ovani_arp_event_add(const ovani_arp_event *event);
-
-// Retires and forgets the host of an address; no event uses it.
-int ovani_arp_event_del(const ovani_arp_event *event);
-
-// Writes a host object's "LatestActiveTime".
-int ovani_update_active_time(const char *macaddr);
-
-// --- DHCP and IPv6 events
-
-// Parses the text of a "dhcp_user_event", cutting it in place, and applies it.
-void ovani_dhcpd_user_event_process(char *eventBuf);
-
-// A lease was given: fills in a host already known and writes its object. Leases never create hosts.
-int ovani_udhcpd_event_add(ovani_dhcpd_host_event *hostinfo);
-
-// A lease ended: retires the host's object.
-int ovani_udhcpd_event_del(ovani_dhcpd_host_event *hostinfo);
-
-// An IPv6 address was seen: adds it to a host's object. Withdrawals are ignored.
-int ovani_dhcp6s_event_add6(ovani_dhcpd_host_event *hostinfo);
-int ovani_dhcp6s_event_del6(ovani_dhcpd_host_event *hostinfo);
-
-// --- Wi-Fi and port link events
-
-// Entry for a station's event: dispatches on its action. R_ERROR also for an unknown one.
-int ovani_wifi_user_event_process(const ovani_wifi_event *event);
-
-// A station joined: moves the object of one that is known already, else learns it from the bridge's table.
-int ovani_wifi_user_event_add(const ovani_wifi_event *event);
-
-// A station left: retires its host's object and drops its node, whichever SSID it left. Returns the
-// deletion's result when there was a node.
-int ovani_wifi_user_event_del(const ovani_wifi_event *event);
-
-// Entry for a link change: dispatches on its status. R_ERROR also for a port that cannot be and an unknown
-// status.
-int ovani_port_status_event_process(const ovani_port_status_event *event);
-
-// The port's link state goes to the port manager; a link that went down retires the port's wired hosts.
-int ovani_port_status_event_up(unsigned char port);
-int ovani_port_status_event_down(unsigned char port);
-
-// --- Start-up discovery
-
-// Finds the devices that were attached before the daemon started. Once, before events are subscribed.
-void ovani_lanhost_info_init();
-
-// --- Announcements to the bus
-
-// Fills a zeroed device status record from a host; brand and os stay as they are.
-int ovani_get_lanhost_device_struct(const host_node *pnode, ovani_device_status_event *povani_device_struct);
-
-// Sends "lanhost_event". Returns R_OK whatever the bus says.
-int ovani_device_status_ubus_send(const ovani_device_status_event *povani_device_struct);
-
-// Sends "lanhost_param_change" for a host object's instance. Returns R_OK whatever the bus says.
-int ovani_host_status_ubus_send(int objnum);

@@ -1,13 +1,11 @@
-// "110": an IPv4 neighbour entry of the bridge appeared or went.
-#include <cstdio>
-#include <cstring>
-#include <strings.h>
+#include "ovani/ovani_event_arp.h"
 
-#include "ovani/ovani_event.h"
+#include <string_view>
+
 #include "ovani/ovani_event_host.h"
+#include "ovani/ovani_event_mac.h"
 #include "ovani/ovani_host_mgr.h"
 #include "ovani/ovani_log.h"
-#include "platform/zkcfgif.h"
 
 int ovani_arp_event_process(const ovani_arp_event *event)
 {
@@ -36,11 +34,12 @@ int ovani_arp_event_process(const ovani_arp_event *event)
 namespace {
 
 // A host keeps its DHCP source only while ARP confirms the leased address.
-void update_address_source(host_node &host, uint32_t ip, const char *ip_text)
+void update_address_source(host_node &host, uint32_t ip, const char *ip_text,
+                           const char *function = __builtin_FUNCTION())
 {
     if (host.AddressSource == HOST_TYPE_DHCP && host.ip == ip) {
         ovani_log_as(
-            "ovani_arp_event_add", VELM_LOG_DEBUG,
+            function, VELM_LOG_DEBUG,
             " host table=%s (with DHCP type )already in host table,do not overwrite AddressSource!\r\n",
             ip_text);
         return;
@@ -51,8 +50,8 @@ void update_address_source(host_node &host, uint32_t ip, const char *ip_text)
 
 bool is_mesh_satellite(const host_node &host)
 {
-    return strncmp(host.HostName, OVANI_MESH_SLAVE_PREFIX, strlen(OVANI_MESH_SLAVE_PREFIX)) == 0 ||
-           strstr(host.HostName, "Gleifala_") != nullptr;
+    std::string_view name{host.HostName};
+    return name.starts_with("SlaveAP_") || name.find("Gleifala_") != std::string_view::npos;
 }
 
 } // namespace
@@ -105,7 +104,7 @@ int ovani_arp_event_add(const ovani_arp_event *event)
     refresh_port(*host, *station);
     ovani_log(VELM_LOG_DEBUG, "ovani_arp_event_add::pnode->LeaseTimeRemaining = 0 \n");
 
-    host_description description;
+    HostDescription description;
     describe_host(*host, description);
     describe_address(*host, description);
     description.record.AssociatedDeviceType = host->AddressSource == HOST_TYPE_DHCP ? "" : "PC";
@@ -144,22 +143,4 @@ int ovani_arp_event_del(const ovani_arp_event *event)
     ovani_del_host_info_by_node(host);
     ovani_host_node_delete(&g_host_table_ipv4, host);
     return R_OK;
-}
-
-int ovani_update_active_time(const char *macaddr)
-{
-    long uptime = ovani_get_system_uptime();
-    int index = ovani_get_host_associatedev_info(macaddr);
-    char path[OVANI_URL_LEN];
-    snprintf(path, sizeof path, "%s%d.", OVANI_HOST_NODE_PATH, index);
-    int ret = index > 0 ? zkapi_obj_checkexist(path, OVANI_STORE_WAIT_MS) : 0;
-    ovani_log(VELM_LOG_DEBUG, "url=%s index=%d ret=%d uptime=%d\n", path, index, ret,
-              static_cast<int>(uptime));
-    if (ret == 0) {
-        ovani_log(VELM_LOG_DEBUG, "index not exist!! mac=%s\r\n", text_or_empty(macaddr));
-        return R_OK;
-    }
-    char text[32];
-    snprintf(text, sizeof text, "%d", static_cast<int>(uptime));
-    return zkcfg_setsingleparamval(path, "LatestActiveTime", text, OVANI_STORE_WAIT_MS) == 0 ? R_OK : R_ERROR;
 }

@@ -1,26 +1,25 @@
-// "dhcp_user_event": what the DHCP servers and the IPv6 neighbour watcher report, as one '#'-separated text.
-#include <cstdlib>
-#include <cstring>
+#include "ovani/ovani_event_dhcp.h"
 
-#include "ovani/encoding_manager.h"
+#include <cstring>
+#include <string_view>
+
 #include "ovani/ovani_device_type.h"
-#include "ovani/ovani_event.h"
 #include "ovani/ovani_event_host.h"
+#include "ovani/ovani_event_mac.h"
 #include "ovani/ovani_host_mgr.h"
+#include "ovani/ovani_host_object.h"
 #include "ovani/ovani_log.h"
-#include "ovani/ovani_presence.h"
 #include "ovani/ovani_shell.h"
 
 // --- Parsing
 
 namespace {
 
-constexpr char process_function[] = "ovani_dhcpd_user_event_process";
-constexpr size_t longest_refused_text = 20;
+constexpr size_t LONGEST_REFUSED_TEXT = 20;
 
 // An event's text cut into a record. Most texts lie in the event's own; those that parsing rewrites, which
 // may need more room than their field had, lie here.
-struct parsed_event {
+struct ParsedEvent {
     ovani_dhcpd_host_event record;
     char mac[OVANI_MAC_STR_LEN];
     char device_class[DEVICE_CLASS_LEN];
@@ -64,21 +63,18 @@ bool has_action(const char *text, std::string_view add, std::string_view del)
     return action == add || action == del;
 }
 
-// The MAC becomes bare upper-case text, or empty when it has no such form.
-void set_mac(parsed_event &event, const char *mac)
+// The MAC becomes bare upper-case text, or absent when it has no such form.
+void set_mac(ParsedEvent &event, const char *mac)
 {
-    memset(event.mac, 0, sizeof event.mac);
-    if (mac_form_translate(mac, MAC_FORM_BARE_UPPER, event.mac) == -1) {
-        event.mac[0] = '\0';
-    }
-    event.record.MACAddress = event.mac;
+    bool has_form = mac_form_translate(mac, MAC_FORM_BARE_UPPER, event.mac) == 0;
+    event.record.MACAddress = has_form ? event.mac : nullptr;
 }
 
 // first # action # IPv6Address # MACAddress # IPv6LLAddress
-bool parse_dhcpv6(char *text, parsed_event &event)
+bool parse_dhcpv6(char *text, ParsedEvent &event, const char *function)
 {
     if (!has_action(text, "ADD6", "DEL6")) {
-        ovani_log_as(process_function, VELM_LOG_DEBUG, "not for ipv6\n");
+        ovani_log_as(function, VELM_LOG_DEBUG, "not for ipv6\n");
         return false;
     }
     char *fields[4];
@@ -93,18 +89,18 @@ bool parse_dhcpv6(char *text, parsed_event &event)
     char neighbour_mac[NEIGHBOUR_MAC_LEN] = {};
     if (ovani_get_mac_by_ipv6(record.IPv6LLAddress, neighbour_mac, sizeof neighbour_mac) == 0) {
         set_mac(event, neighbour_mac);
-        ovani_log_as(process_function, VELM_LOG_DEBUG, "realmac = %s\n", record.MACAddress);
+        ovani_log_as(function, VELM_LOG_DEBUG, "realmac = %s\n", text_or_empty(record.MACAddress));
     }
-    ovani_log_as(process_function, VELM_LOG_DEBUG, "action:%s,IPaddress:%s,mac=%s,\n", record.action,
-                 record.IPv6Address, record.MACAddress);
+    ovani_log_as(function, VELM_LOG_DEBUG, "action:%s,IPaddress:%s,mac=%s,\n", record.action,
+                 record.IPv6Address, text_or_empty(record.MACAddress));
     return true;
 }
 
 // first # action # address type # address # MACAddress
-bool parse_neighbour(char *text, parsed_event &event)
+bool parse_neighbour(char *text, ParsedEvent &event, const char *function)
 {
     if (!has_action(text, "NB6ADD", "NB6DEL")) {
-        ovani_log_as(process_function, VELM_LOG_DEBUG, "not for ipv6\n");
+        ovani_log_as(function, VELM_LOG_DEBUG, "not for ipv6\n");
         return false;
     }
     char *fields[4];
@@ -118,28 +114,27 @@ bool parse_neighbour(char *text, parsed_event &event)
     } else if (strcmp(fields[2], OVANI_IPV6ADDR_LLA) == 0) {
         record.IPv6LLAddress = fields[3];
     } else {
-        ovani_log_as(process_function, VELM_LOG_ERR, "Unknown IPv6 addr type\n");
+        ovani_log_as(function, VELM_LOG_ERR, "Unknown IPv6 addr type\n");
         return false;
     }
     set_mac(event, text);
-    ovani_log_as(process_function, VELM_LOG_DEBUG, "action:%s,IPv6address:%s,IPv6lladdress:%s,mac=%s,\n",
+    ovani_log_as(function, VELM_LOG_DEBUG, "action:%s,IPv6address:%s,IPv6lladdress:%s,mac=%s,\n",
                  record.action, text_or_empty(record.IPv6Address), text_or_empty(record.IPv6LLAddress),
-                 record.MACAddress);
+                 text_or_empty(record.MACAddress));
     return true;
 }
 
 // first # action # IPAddress # AddressSource # AckTime # LeaseTimeRemaining # HostName # AssociatedDeviceType
 // # X_QV_Option60 # MACAddress
-bool parse_dhcpv4(char *text, parsed_event &event)
+bool parse_dhcpv4(char *text, ParsedEvent &event, const char *function)
 {
     char *fields[9];
-    if (!cut_fields(text, fields, std::size(fields))) {
-        ovani_log_as(process_function, VELM_LOG_ERR, "parse_udhcpd_info error\n");
-        return false;
+    bool complete = cut_fields(text, fields, std::size(fields));
+    if (complete) {
+        set_mac(event, text);
     }
-    set_mac(event, text);
-    if (!is_bare_mac(event.mac)) {
-        ovani_log_as(process_function, VELM_LOG_ERR, "parse_udhcpd_info error\n");
+    if (!complete || !is_bare_mac(event.record.MACAddress)) {
+        ovani_log_as(function, VELM_LOG_ERR, "parse_udhcpd_info error\n");
         return false;
     }
     DevType_translate(fields[7], event.device_class);
@@ -152,48 +147,48 @@ bool parse_dhcpv4(char *text, parsed_event &event)
     record.HostName = fields[6];
     record.AssociatedDeviceType = event.device_class;
     record.X_QV_Option60 = fields[8];
-    ovani_log_as(process_function, VELM_LOG_DEBUG, "action:%s,IPaddress:%s,%s,%s,%s,%s,%s,%s\n",
-                 record.action, record.IPAddress, record.AddressSource, record.AckTime,
-                 record.LeaseTimeRemaining, record.HostName, record.AssociatedDeviceType,
-                 record.X_QV_Option60);
+    ovani_log_as(function, VELM_LOG_DEBUG, "action:%s,IPaddress:%s,%s,%s,%s,%s,%s,%s\n", record.action,
+                 record.IPAddress, record.AddressSource, record.AckTime, record.LeaseTimeRemaining,
+                 record.HostName, record.AssociatedDeviceType, record.X_QV_Option60);
     return true;
 }
 
 // The three formats, in the order in which they are tried on the same text. A parser that does not apply or
 // runs out of separators passes on.
-constexpr bool (*parsers[])(char *, parsed_event &) = {parse_dhcpv6, parse_neighbour, parse_dhcpv4};
+constexpr bool (*PARSERS[])(char *, ParsedEvent &, const char *) = {parse_dhcpv6, parse_neighbour,
+                                                                    parse_dhcpv4};
 
-bool parse(char *text, parsed_event &event)
+bool parse(char *text, ParsedEvent &event, const char *function = __builtin_FUNCTION())
 {
-    for (auto *parser : parsers) {
+    for (auto *parser : PARSERS) {
         event = {};
-        if (parser(text, event)) {
+        if (parser(text, event, function)) {
             return true;
         }
     }
     return false;
 }
 
-struct action_handler {
+struct ActionHandler {
     const char *action;
     int (*handle)(ovani_dhcpd_host_event *);
 };
 
-constexpr action_handler handlers[] = {
+constexpr ActionHandler HANDLERS[] = {
     {"ADD", ovani_udhcpd_event_add},   {"DEL", ovani_udhcpd_event_del},
     {"ADD6", ovani_dhcp6s_event_add6}, {"NB6ADD", ovani_dhcp6s_event_add6},
     {"DEL6", ovani_dhcp6s_event_del6}, {"NB6DEL", ovani_dhcp6s_event_del6},
 };
 
-void dispatch(ovani_dhcpd_host_event &record)
+void dispatch(ovani_dhcpd_host_event &record, const char *function = __builtin_FUNCTION())
 {
-    for (const action_handler &handler : handlers) {
+    for (const ActionHandler &handler : HANDLERS) {
         if (strcmp(record.action, handler.action) == 0) {
             handler.handle(&record);
             return;
         }
     }
-    ovani_log_as(process_function, VELM_LOG_ERR, "rev_udhcpd_info receive udhcpd error\n");
+    ovani_log_as(function, VELM_LOG_ERR, "rev_udhcpd_info receive udhcpd error\n");
 }
 
 } // namespace
@@ -205,13 +200,13 @@ void ovani_dhcpd_user_event_process(char *eventBuf)
         return;
     }
     size_t length = strlen(eventBuf);
-    if (length <= longest_refused_text) {
+    if (length <= LONGEST_REFUSED_TEXT) {
         ovani_log(VELM_LOG_ERR, "rev_udhcpd_info msg len = %d, too short error!r\n",
                   static_cast<int>(length));
         return;
     }
     ovani_log(VELM_LOG_DEBUG, "**********dhcpd process parse ubus msg**********");
-    parsed_event event;
+    ParsedEvent event;
     if (!parse(eventBuf, event)) {
         return;
     }
@@ -224,37 +219,15 @@ void ovani_dhcpd_user_event_process(char *eventBuf)
 
 namespace {
 
-constexpr char lease_function[] = "ovani_udhcpd_event_add";
+constexpr NameLines LEASE_NAME_LINES{
+    .is_utf8 = "***is_utf8 != 0   is  utf8*****\r\n",
+    .is_not_utf8 = "***is_utf8 = 0   is not utf8*****\r\n",
+    .converted = "***ret_convert = 0   convert succ*****\r\n",
+    .failed = "***ret_convert != 0   convert fail*****\r\n",
+};
 
-// The host's name as UTF-8, cut at the buffer's size. A name that cannot be converted stays in the record
-// byte-swapped, and is taken so.
-void convert_host_name(ovani_dhcpd_host_event &hostinfo, char (&host_name)[HOST_NAME_LEN])
-{
-    copy_text(host_name, hostinfo.HostName);
-    if (host_name[0] == '\0') {
-        return;
-    }
-    size_t length = strlen(hostinfo.HostName);
-    if (is_text_utf_eight(hostinfo.HostName, static_cast<long>(length)) != 0) {
-        ovani_log_as(lease_function, VELM_LOG_DEBUG, "***is_utf8 != 0   is  utf8*****\r\n");
-        return;
-    }
-    ovani_log_as(lease_function, VELM_LOG_DEBUG, "***is_utf8 = 0   is not utf8*****\r\n");
-    auto *gbk = reinterpret_cast<unsigned char *>(hostinfo.HostName);
-    ovani_convert_gbk_host_endian(gbk);
-    unsigned char converted[64] = {};
-    unsigned int converted_length = sizeof converted;
-    if (gbk_to_utf_eight(gbk, static_cast<unsigned int>(length), converted, &converted_length) == 0) {
-        ovani_log_as(lease_function, VELM_LOG_DEBUG, "***ret_convert = 0   convert succ*****\r\n");
-        copy_text(host_name, reinterpret_cast<const char *>(converted));
-        hostinfo.HostName = host_name;
-    } else {
-        ovani_log_as(lease_function, VELM_LOG_DEBUG, "***ret_convert != 0   convert fail*****\r\n");
-        copy_text(host_name, hostinfo.HostName);
-    }
-}
-
-void apply_lease(host_node &host, const ovani_dhcpd_host_event &hostinfo, const char *host_name)
+void apply_lease(host_node &host, const ovani_dhcpd_host_event &hostinfo, const char *host_name,
+                 const char *function = __builtin_FUNCTION())
 {
     host.ip = static_cast<uint32_t>(ovani_ipv4_strtol(hostinfo.IPAddress));
     stamp_online_clock(host.onlineclock);
@@ -265,7 +238,7 @@ void apply_lease(host_node &host, const ovani_dhcpd_host_event &hostinfo, const 
     if (hostinfo.X_QV_Option60 != nullptr) {
         copy_text(host.option60, hostinfo.X_QV_Option60);
     }
-    ovani_log_as(lease_function, VELM_LOG_DEBUG, "update/add host node: mac:%s, hostname:%s, option60:%s\r\n",
+    ovani_log_as(function, VELM_LOG_DEBUG, "update/add host node: mac:%s, hostname:%s, option60:%s\r\n",
                  text_or_empty(hostinfo.MACAddress), host.HostName, host.option60);
     host.Active = OVANI_HOST_ONLINE;
 }
@@ -283,7 +256,7 @@ int ovani_udhcpd_event_add(ovani_dhcpd_host_event *hostinfo)
     ovani_log(VELM_LOG_DEBUG, "+++++[ovani_udhcpd_event_add]::entry  mac = %s , ip = %s !+++++++\n", mac_bare,
               ip);
     char host_name[HOST_NAME_LEN];
-    convert_host_name(*hostinfo, host_name);
+    convert_host_name(hostinfo->HostName, host_name, LEASE_NAME_LINES);
     unsigned char mac[OVANI_MAC_LEN] = {};
     ovani_str2mac2(mac_bare, reinterpret_cast<char *>(mac));
 
@@ -294,7 +267,8 @@ int ovani_udhcpd_event_add(ovani_dhcpd_host_event *hostinfo)
     }
     ovani_log(VELM_LOG_DEBUG, "ovani_arp_event_add::ovani_host_node_get_by_ip_and_mac OK\n");
     apply_lease(*host, *hostinfo, host_name);
-    char active[] = "1";
+    static char active[2]; // outlives the record, and may be overwritten by the MAC filter
+    copy_text(active, "1");
     hostinfo->Active = active;
 
     mac_node *station = ovani_mac_node_match(&g_mac_table, mac);
@@ -334,21 +308,12 @@ int ovani_udhcpd_event_del(ovani_dhcpd_host_event *hostinfo)
     if (!found) {
         ovani_log(VELM_LOG_ERR, "ovani_udhcpd_event_del:: host not find!!");
     }
-    // The object goes by its MAC, whether or not the table knows the host.
-    bool retired = false;
-    int index = ovani_del_host_info(hostinfo, retired);
-    if (index > 0) {
-        ovani_host_status_ubus_send(index);
-    }
-    if (retired && leaving != nullptr) {
-        ovani_presence_offline(*leaving);
-    }
+    // The object goes by its MAC, whether or not the table knows the host. Its port stays: it may still be
+    // there.
+    int index = retire_and_announce(leaving, *hostinfo);
     ovani_log(VELM_LOG_DEBUG, "delete host index %d\n", index);
     if (found) {
         ovani_log(VELM_LOG_DEBUG, "device_status ubus send finish\n");
-    }
-    if (leaving != nullptr) {
-        leaving->lanPortNo = OVANI_INVALID_VALUE;
     }
     return R_OK;
 }
@@ -362,9 +327,9 @@ int ovani_dhcp6s_event_add6(ovani_dhcpd_host_event *hostinfo)
         ovani_log(VELM_LOG_ERR, "ovani_dhcp6s_event_add6::event NULLP error!!\n");
         return R_ERROR;
     }
-    // The table is asked for the first six characters of the MAC's text, not for its bytes. No host has that
-    // address, so a node of its own stands for it, one for each such beginning; the object is found by the
-    // text.
+    // KEPT: the table is asked for the first six characters of the MAC's text, not for its bytes. No host has
+    // that address, so a node of its own stands for it, one for each such beginning; the object is found by
+    // the text.
     unsigned char key[OVANI_MAC_LEN] = {};
     memcpy(key, hostinfo->MACAddress, strnlen(hostinfo->MACAddress, sizeof key));
     if (ovani_host_node_get_by_mac(&g_host_table_ipv4, key) == nullptr) {

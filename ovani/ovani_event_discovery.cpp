@@ -1,18 +1,22 @@
 // Devices attached before the daemon started produce no events: they are found in the kernel's ARP cache and
 // the bridge's forwarding table, and take the ordinary road from there.
+#include "ovani/ovani_event_discovery.h"
+
 #include <cstdio>
 #include <cstring>
 
-#include "ovani/ovani_event.h"
+#include "ovani/ovani_event_arp.h"
+#include "ovani/ovani_event_mac.h"
+#include "ovani/ovani_event_port.h"
 #include "ovani/ovani_fd.h"
-#include "ovani/ovani_host_mgr.h"
+#include "ovani/ovani_host_index.h"
+#include "ovani/ovani_interface.h"
 #include "ovani/ovani_log.h"
 #include "ovani/ovani_shell.h"
 
 namespace {
 
-constexpr char function[] = "ovani_lanhost_info_init";
-constexpr char arp_cache[] = "/proc/net/arp";
+constexpr char ARP_CACHE[] = "/proc/net/arp";
 
 // Reads a line, cut at the buffer's size: what is longer is read over, so that it cannot pass for a line of
 // its own.
@@ -39,7 +43,7 @@ bool parse_colon_mac(const char *text, uint8_t (&mac)[OVANI_MAC_LEN])
            ovani_str2mac(text, reinterpret_cast<char *>(mac)) == 1;
 }
 
-void handle_arp_line(const char *line)
+void handle_arp_line(const char *line, const char *function)
 {
     char ip[64] = {};
     char flags[64] = {};
@@ -64,9 +68,9 @@ void handle_arp_line(const char *line)
     ovani_log_as(function, VELM_LOG_DEBUG, "[ovani_lanhost_info_init]-- DEALING arp ends \n");
 }
 
-void read_arp_cache()
+void read_arp_cache(const char *function = __builtin_FUNCTION())
 {
-    UniqueFile file{fopen(arp_cache, "re")};
+    UniqueFile file{fopen(ARP_CACHE, "re")};
     if (file == nullptr) {
         ovani_log_as(function, VELM_LOG_ERR, "[ovani_lanhost_info_init] fopen /proc/net/arp failed \n");
         return;
@@ -75,18 +79,18 @@ void read_arp_cache()
     read_line(file.get(), line); // the column headers
     while (read_line(file.get(), line)) {
         ovani_log_as(function, VELM_LOG_DEBUG, "[ovani_lanhost_info_init] fgets line is %s\n", line);
-        handle_arp_line(line);
+        handle_arp_line(line, function);
     }
 }
 
-struct bridge_row {
+struct BridgeRow {
     char mac[64];
     char islocal[64];
     char interface[64];
 };
 
 // Takes MAC, is-local and interface out of a line of 5 or 6 columns.
-void scan_bridge_line(const char *line, int columns, bridge_row &row)
+void scan_bridge_line(const char *line, int columns, BridgeRow &row)
 {
     if (columns == 5) {
         sscanf(line, "%*s%63s%63s%*s%63s", row.mac, row.islocal, row.interface);
@@ -96,7 +100,7 @@ void scan_bridge_line(const char *line, int columns, bridge_row &row)
 }
 
 // Returns whether the row was a device behind an Ethernet port, and was handled.
-bool handle_bridge_row(const bridge_row &row)
+bool handle_bridge_row(const BridgeRow &row, const char *function)
 {
     if (strcmp(row.islocal, "no") != 0 ||
         (strstr(row.interface, "eth") == nullptr && strstr(row.interface, "ra") == nullptr)) {
@@ -136,7 +140,7 @@ int bridge_columns()
     return decimal_value(columns);
 }
 
-void read_bridge_table()
+void read_bridge_table(const char *function = __builtin_FUNCTION())
 {
     ovani_log_as(function, VELM_LOG_DEBUG, "[ovani_lanhost_info_init] ----------mac---------- \n");
     int columns = bridge_columns();
@@ -156,11 +160,11 @@ void read_bridge_table()
         if (columns != 5 && columns != 6) {
             return;
         }
-        bridge_row row{};
+        BridgeRow row{};
         scan_bridge_line(line, columns, row);
         ovani_log_as(function, VELM_LOG_DEBUG, "[ovani_lanhost_info_init] mac %s, local? %s, interface %s\n",
                      row.mac, row.islocal, row.interface);
-        if (handled < OVANI_MAX_HOST_ENTRIES && handle_bridge_row(row)) {
+        if (handled < OVANI_MAX_HOST_ENTRIES && handle_bridge_row(row, function)) {
             ++handled;
         }
     }

@@ -4,15 +4,12 @@
 #include <cstring>
 #include <strings.h>
 
-#include "ovani/ovani_host_mgr.h"
-#include "ovani/ovani_presence.h"
-
 bool is_lan_bridge(const char *brname)
 {
     return strcasecmp(brname, OVANI_BR_NAME) == 0;
 }
 
-void describe_host(host_node &host, host_description &description)
+void describe_host(host_node &host, HostDescription &description)
 {
     snprintf(description.lease, sizeof description.lease, "%d", static_cast<int>(host.LeaseTimeRemaining));
     copy_text(description.ack_time, "");
@@ -29,7 +26,7 @@ void describe_host(host_node &host, host_description &description)
     };
 }
 
-void describe_address(const host_node &host, host_description &description)
+void describe_address(const host_node &host, HostDescription &description)
 {
     copy_text(description.ip, ovani_ipv4_ltostr(host.ip));
     description.record.IPAddress = description.ip;
@@ -54,26 +51,9 @@ void refresh_port(host_node &host, const mac_node &station)
     host.lanPortType = station.lanPortType;
 }
 
-mac_node *learn_from_bridge(const unsigned char *mac)
-{
-    mac_text text = mac_colon_text(mac);
-    ovani_lanhost_resolve_mac(reinterpret_cast<const unsigned char *>(text.data()));
-    return ovani_mac_node_match(&g_mac_table, mac);
-}
-
 void stamp_online_clock(char (&onlineclock)[OVANI_TIME_BUFF_LEN])
 {
     ovani_get_curr_time(onlineclock, sizeof onlineclock);
-}
-
-int add_and_announce(host_node &host, ovani_dhcpd_host_event &record)
-{
-    int index = ovani_add_host_info(&record);
-    if (index > 0) {
-        ovani_host_status_ubus_send(index);
-        ovani_presence_online(host);
-    }
-    return index;
 }
 
 void clear_default_host_name(host_node &host)

@@ -1,4 +1,4 @@
-// Steps that the event handlers share: describing a host to the host manager, placing it, announcing it.
+// Steps that the event handlers share: describing a host to the host manager, and placing it.
 #pragma once
 
 #include "ovani/ovani_commdef.h"
@@ -6,10 +6,8 @@
 #include "ovani/ovani_host_table.h"
 #include "ovani/ovani_mac_table.h"
 
-inline constexpr char OVANI_MESH_SLAVE_PREFIX[] = "SlaveAP_";
-
 // A host's description for an add, with the texts it points to. Not to be copied: the record points into it.
-struct host_description {
+struct HostDescription {
     char ip[32];
     char lease[16];
     char ack_time[1];
@@ -23,10 +21,10 @@ bool is_lan_bridge(const char *brname);
 
 // Fills in what the host node tells: lease, name, MAC, vendor class, and that it is active. The address, its
 // source and the device type are left null.
-void describe_host(host_node &host, host_description &description);
+void describe_host(host_node &host, HostDescription &description);
 
 // Adds the host's address and its source.
-void describe_address(const host_node &host, host_description &description);
+void describe_address(const host_node &host, HostDescription &description);
 
 // Finds the interface behind which a host sits and keeps its path and type in both record and host. False
 // when the MAC is not in the MAC table.
@@ -35,15 +33,8 @@ bool place_host(host_node &host, ovani_dhcpd_host_event &record);
 // Takes over the port that the bridge has learned.
 void refresh_port(host_node &host, const mac_node &station);
 
-// Learns a MAC from the bridge's own table; null when it is not there either.
-mac_node *learn_from_bridge(const unsigned char *mac);
-
 // Stamps the current time.
 void stamp_online_clock(char (&onlineclock)[OVANI_TIME_BUFF_LEN]);
-
-// Creates or updates a host's object and announces the change, and the host when it came on line with it.
-// Returns what ovani_add_host_info returns.
-int add_and_announce(host_node &host, ovani_dhcpd_host_event &record);
 
 // "unknown" stands in for a missing name; in the store such a host has none.
 void clear_default_host_name(host_node &host);

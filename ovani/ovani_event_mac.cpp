@@ -1,16 +1,16 @@
-// "109": the bridge learned a MAC, or forgot it.
+#include "ovani/ovani_event_mac.h"
+
+#include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <iterator>
-#include <utility>
+#include <initializer_list>
 
 #include <sys/socket.h>
 
-#include "ovani/ovani_event.h"
 #include "ovani/ovani_event_host.h"
 #include "ovani/ovani_fd.h"
 #include "ovani/ovani_host_mgr.h"
+#include "ovani/ovani_interface.h"
 #include "ovani/ovani_log.h"
 #include "ovani/ovani_shell.h"
 
@@ -53,7 +53,7 @@ int ovani_mac_event_process(const ovani_mac_event *event)
         ovani_mac_event_add(event);
         break;
     default:
-        // The text is that of a missing event.
+        // KEPT: the text is that of a missing event.
         ovani_log(VELM_LOG_ERR, "ovani_mac_event_process::pMacEvent NULLP error!!");
         break;
     }
@@ -65,10 +65,10 @@ int ovani_mac_event_process(const ovani_mac_event *event)
 namespace {
 
 // Makes room in a full MAC table; the MAC learned longest ago goes, even when the one to come is known.
-void evict_eldest_when_full()
+void evict_eldest_when_full(const char *function = __builtin_FUNCTION())
 {
     if (ovani_mac_node_num_get() >= OVANI_MAC_MAX_NUM) {
-        ovani_log_as("ovani_mac_event_add", VELM_LOG_ERR, "ovani_mac_event_add::table full!! %d",
+        ovani_log_as(function, VELM_LOG_ERR, "ovani_mac_event_add::table full!! %d",
                      ovani_mac_node_num_get());
         ovani_mac_node_delete_top(&g_mac_table);
     }
@@ -76,11 +76,10 @@ void evict_eldest_when_full()
 
 // Writes the object of a host that is attached to no port: a new one, or one that had left. R_ERROR when the
 // MAC table has lost the host's node.
-int bring_back_host(host_node &host, const mac_node &station)
+int bring_back_host(host_node &host, const mac_node &station, const char *function = __builtin_FUNCTION())
 {
-    constexpr char function[] = "ovani_mac_event_add";
     ovani_log_as(function, VELM_LOG_DEBUG, "goto add host info\n");
-    host_description description;
+    HostDescription description;
     describe_host(host, description);
     if (host.ip != 0) {
         describe_address(host, description);
@@ -143,9 +142,8 @@ int ovani_mac_event_add(const ovani_mac_event *event)
 
 namespace {
 
-void retire_host_of(const unsigned char *mac)
+void retire_host_of(const unsigned char *mac, const char *function = __builtin_FUNCTION())
 {
-    constexpr char function[] = "ovani_mac_event_del";
     host_node *host = ovani_host_node_match_by_mac(&g_host_table_ipv4, mac);
     if (host == nullptr) {
         ovani_log_as(function, VELM_LOG_DEBUG, "delete node_host fail !!!\n ");
@@ -157,9 +155,8 @@ void retire_host_of(const unsigned char *mac)
 }
 
 // What both variants of the removal begin with. True when there is something to remove.
-bool begin_removal(const ovani_mac_event *event, int &result)
+bool begin_removal(const ovani_mac_event *event, int &result, const char *function = __builtin_FUNCTION())
 {
-    constexpr char function[] = "ovani_mac_event_del";
     if (event == nullptr) {
         ovani_log_as(function, VELM_LOG_ERR, "ovani_mac_event_del::event NULLP error!!");
         result = R_ERROR;
@@ -210,20 +207,6 @@ int ovani_mac_event_del(const ovani_mac_event *event)
     return ovani_mac_node_delete(&g_mac_table, station);
 }
 
-int del_item_from_arp(const char *mac_str)
-{
-    if (!is_address_text(mac_str)) {
-        ovani_log(VELM_LOG_ERR, "del_item_from_arp. Invalid param. \n ");
-        return R_ERROR;
-    }
-    char command[256];
-    snprintf(command, sizeof command, "/sbin/arp -d `cat /proc/net/arp | grep -i %s | awk '{ print $1 }'`",
-             mac_str);
-    ovani_log(VELM_LOG_DEBUG, "del_item_from_arp. CMD is %s .\n ", command);
-    [[maybe_unused]] int status = system(command);
-    return R_OK;
-}
-
 namespace {
 
 // The learned event that the bridge would have sent for a MAC behind one of its ports.
@@ -238,56 +221,52 @@ void replay_learned_event(const char *mac_str, const char *interface)
     ovani_mac_event_add(&event);
 }
 
-bool contains_any(const char *text, std::initializer_list<const char *> words)
+// Learns a MAC from the bridge's table when it sits behind a port with one of these words in its name.
+void learn_behind(std::initializer_list<const char *> words, bool wifi_only, const unsigned char *mac_str,
+                  const char *function = __builtin_FUNCTION())
 {
-    for (const char *word : words) {
-        if (strstr(text, word) != nullptr) {
-            return true;
-        }
+    const char *mac = reinterpret_cast<const char *>(mac_str);
+    BRCTL_MACS_INFO info{};
+    if (get_brctl_info_from_mac(mac, &info) != 1) {
+        ovani_log_as(function, VELM_LOG_ERR, "[%s] popen brctl showmacs br0 failed \n", function);
+        return;
     }
-    return false;
+    if (strcmp(info.islocal, "no") != 0 ||
+        std::ranges::none_of(words, [&](const char *word) { return strstr(info.intf, word) != nullptr; })) {
+        return;
+    }
+    char port_number = 0;
+    char port_type = static_cast<char>(255);
+    if (wifi_only) {
+        eth_num2lanport_no_type(info.intf, &port_number, &port_type);
+    }
+    if (wifi_only && port_type != 1) {
+        ovani_log_as(function, VELM_LOG_DEBUG, "[%s]  the lanport_type of mac (%s) is not 1???\n", function,
+                     mac);
+        return;
+    }
+    ovani_log_as(function, VELM_LOG_DEBUG, "[%s]-- DEALING  mac starts. ", function);
+    replay_learned_event(mac, info.intf);
+    ovani_log_as(function, VELM_LOG_DEBUG, "[%s]-- DEALING  mac ends. ", function);
 }
 
 } // namespace
 
 void ovani_lanhost_wifi_add_mac(const unsigned char *mac_str)
 {
-    const char *mac = reinterpret_cast<const char *>(mac_str);
-    BRCTL_MACS_INFO info{};
-    if (get_brctl_info_from_mac(mac, &info) != 1) {
-        ovani_log(VELM_LOG_ERR, "[ovani_lanhost_wifi_add_mac] popen brctl showmacs br0 failed \n");
-        return;
-    }
-    if (strcmp(info.islocal, "no") != 0 || !contains_any(info.intf, {"ra"})) {
-        return;
-    }
-    char port_number = 0;
-    char port_type = static_cast<char>(255);
-    eth_num2lanport_no_type(info.intf, &port_number, &port_type);
-    if (port_type != 1) {
-        ovani_log(VELM_LOG_DEBUG, "[ovani_lanhost_wifi_add_mac]  the lanport_type of mac (%s) is not 1???\n",
-                  mac);
-        return;
-    }
-    ovani_log(VELM_LOG_DEBUG, "[ovani_lanhost_wifi_add_mac]-- DEALING  mac starts. ");
-    replay_learned_event(mac, info.intf);
-    ovani_log(VELM_LOG_DEBUG, "[ovani_lanhost_wifi_add_mac]-- DEALING  mac ends. ");
+    learn_behind({"ra"}, true, mac_str);
 }
 
 void ovani_lanhost_resolve_mac(const unsigned char *mac_str)
 {
-    const char *mac = reinterpret_cast<const char *>(mac_str);
-    BRCTL_MACS_INFO info{};
-    if (get_brctl_info_from_mac(mac, &info) != 1) {
-        ovani_log(VELM_LOG_ERR, "[ovani_lanhost_resolve_mac] popen brctl showmacs br0 failed \n");
-        return;
-    }
-    if (strcmp(info.islocal, "no") != 0 || !contains_any(info.intf, {"eth", "ra", "wds"})) {
-        return;
-    }
-    ovani_log(VELM_LOG_DEBUG, "[ovani_lanhost_resolve_mac]-- DEALING  mac starts. ");
-    replay_learned_event(mac, info.intf);
-    ovani_log(VELM_LOG_DEBUG, "[ovani_lanhost_resolve_mac]-- DEALING  mac ends. ");
+    learn_behind({"eth", "ra", "wds"}, false, mac_str);
+}
+
+mac_node *learn_from_bridge(const unsigned char *mac)
+{
+    mac_text text = mac_colon_text(mac);
+    ovani_lanhost_resolve_mac(reinterpret_cast<const unsigned char *>(text.data()));
+    return ovani_mac_node_match(&g_mac_table, mac);
 }
 
 int ovani_get_mac_info(const ovani_mac_event *event, char *povani_mac_info)

@@ -1,6 +1,6 @@
-// "106": a LAN Ethernet port's link changed.
-#include "ovani/ovani_event.h"
-#include "ovani/ovani_host_table.h"
+#include "ovani/ovani_event_port.h"
+
+#include "ovani/ovani_host_mgr.h"
 #include "ovani/ovani_log.h"
 #include "ovani/ovani_port_mgr.h"
 
@@ -10,7 +10,7 @@ int ovani_port_status_event_process(const ovani_port_status_event *event)
         ovani_log(VELM_LOG_ERR, "ovani_port_status_event_process::pArpEvent NULLP error!!");
         return R_ERROR;
     }
-    if (event->port < 1 || event->port > MAX_LAN_PORT) {
+    if (event->port > MAX_LAN_PORT) {
         ovani_log(VELM_LOG_ERR, "ovani_port_status_event_process::port=%d is out of range!!", event->port);
         return R_ERROR;
     }
@@ -31,7 +31,7 @@ int ovani_port_status_event_process(const ovani_port_status_event *event)
 int ovani_port_status_event_up(unsigned char port)
 {
     ovani_log(VELM_LOG_DEBUG, "++++++[ovani_port_status_event_up]::entry  port = %d!!+++++++\n", port);
-    ovani_port_up_down_set(port, '1'); // the character, not the number
+    ovani_port_up_down_set(port, '1'); // KEPT: the character, not the number
     return R_OK;
 }
 

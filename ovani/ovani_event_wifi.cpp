@@ -1,6 +1,6 @@
-// "111": a Wi-Fi station joined or left.
-#include "ovani/ovani_event.h"
-#include "ovani/ovani_event_host.h"
+#include "ovani/ovani_event_wifi.h"
+
+#include "ovani/ovani_event_mac.h"
 #include "ovani/ovani_host_mgr.h"
 #include "ovani/ovani_log.h"
 
@@ -29,13 +29,12 @@ int ovani_wifi_user_event_process(const ovani_wifi_event *event)
 namespace {
 
 // A station that roamed or associated again: its object moves to the SSID and is active now.
-void move_to_ssid(const char *colon_mac, int port)
+void move_to_ssid(const char *colon_mac, int port, const char *function = __builtin_FUNCTION())
 {
     char mac[OVANI_MAC_STR_LEN] = {};
     mac_form_translate(colon_mac, MAC_FORM_BARE_UPPER, mac);
     ovani_dhcpd_host_event record{.MACAddress = mac};
-    ovani_log_as("ovani_wifi_user_event_add", VELM_LOG_DEBUG, "device:%s change port id to new value:%d", mac,
-                 port);
+    ovani_log_as(function, VELM_LOG_DEBUG, "device:%s change port id to new value:%d", mac, port);
     ovani_update_host_lanport(&record, port);
     ovani_update_active_time(mac);
 }
@@ -51,7 +50,7 @@ int ovani_wifi_user_event_add(const ovani_wifi_event *event)
     mac_text mac = mac_colon_text(event->mac);
     ovani_log(VELM_LOG_DEBUG, "+++++[ovani_wifi_user_event_add]::entry  mac = %s !!++++++\n", mac.data());
     if (ovani_mac_node_num_get() >= OVANI_MAC_MAX_NUM) {
-        // The text names the other handler that makes room.
+        // KEPT: the text names the other handler that makes room.
         ovani_log(VELM_LOG_ERR, "ovani_mac_event_add::table full!!");
         ovani_mac_node_delete_top(&g_mac_table);
     }

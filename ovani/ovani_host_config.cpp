@@ -5,11 +5,11 @@
 #include <cstring>
 #include <strings.h>
 
+#include "ovani/ovani_announce.h"
 #include "ovani/ovani_commdef.h"
 #include "ovani/ovani_config.h"
-#include "ovani/ovani_event.h"
 #include "ovani/ovani_fd.h"
-#include "ovani/ovani_host_mgr.h"
+#include "ovani/ovani_host_index.h"
 #include "ovani/ovani_log.h"
 #include "ovani/ovani_shell.h"
 #include "platform/qvdrv_net_api.h"
@@ -25,12 +25,8 @@ bool mac_of_host_object(const char *url, char (&mac)[OVANI_MAC_STR_LEN])
 {
     InstIdStack ids{};
     zkapi_getobjidbyobjpath(url, &ids);
-    if (ids.currentDepth != 2 || ids.instance[1] < 1 || ids.instance[1] > OVANI_MAX_HOST_ENTRIES) {
-        return false;
-    }
-    const HostToIndexMap &row = tmpHostToIndex[ids.instance[1] - 1];
-    memset(mac, 0, sizeof mac);
-    return row.hostHash[0] != '\0' && mac_form_translate(row.hostHash, MAC_FORM_COLON_UPPER, mac) == 0;
+    const HostToIndexMap *row = ids.currentDepth == 2 ? row_of_instance(ids.instance[1]) : nullptr;
+    return row != nullptr && mac_form_translate(row->hostHash, MAC_FORM_COLON_UPPER, mac) == 0;
 }
 
 unsigned bandwidth(const char *value)
@@ -40,7 +36,7 @@ unsigned bandwidth(const char *value)
 
 } // namespace
 
-// This step logs less than its downstream twin; it always has.
+// KEPT: this step logs less than its downstream twin.
 void set_maxusbandwidth_process(const char *value, const char *tempurl)
 {
     unsigned maxuswidth = bandwidth(value);
@@ -78,13 +74,13 @@ void set_maxdsbandwidth_process(const char *value, const char *tempurl)
 
 namespace {
 
-constexpr int alias_objects_searched = 64;
-constexpr size_t alias_mac_length = 32;
+constexpr int ALIAS_OBJECTS_SEARCHED = 64;
+constexpr size_t ALIAS_MAC_LENGTH = 32;
 
 // The alias object of a MAC among the first 64, or 0.
 int find_alias_object(const char *mac)
 {
-    for (int i = 1; i <= alias_objects_searched; ++i) {
+    for (int i = 1; i <= ALIAS_OBJECTS_SEARCHED; ++i) {
         char path[OVANI_URL_LEN];
         snprintf(path, sizeof path, "%s%d.", OVANI_HOSTALIAS_OBJ_URL, i);
         if (zkapi_obj_checkexist(path, OVANI_STORE_WAIT_MS) != 1) {
@@ -104,17 +100,19 @@ int find_alias_object(const char *mac)
 
 int set_hostalias_process(const char *hostalias, const char *tmpurl)
 {
-    ovani_log(VELM_LOG_DEBUG, "set_hostalias_process start,hostalias is %s\n", text_or_empty(hostalias));
+    char alias[OVANI_VALUE_LEN]; // what the store has room for, whichever way it goes there
+    copy_text(alias, hostalias);
+    ovani_log(VELM_LOG_DEBUG, "set_hostalias_process start,hostalias is %s\n", alias);
     char value[OVANI_VALUE_LEN] = {};
     zkcfg_getsingleparamval(tmpurl, "MACAddress", value, OVANI_STORE_WAIT_MS);
-    char mac[alias_mac_length];
+    char mac[ALIAS_MAC_LENGTH];
     copy_text(mac, value);
 
     int index = find_alias_object(mac);
     char url[OVANI_URL_LEN];
     if (index > 0) {
         snprintf(url, sizeof url, "%s%d.HostAlias", OVANI_HOSTALIAS_OBJ_URL, index);
-        zkapi_singlevalue_set(url, text_or_empty(hostalias), DEVFUNC_NOCALL, OVANI_STORE_WAIT_MS);
+        zkapi_singlevalue_set(url, alias, DEVFUNC_NOCALL, OVANI_STORE_WAIT_MS);
         return R_OK;
     }
     index = -1;
@@ -125,7 +123,7 @@ int set_hostalias_process(const char *hostalias, const char *tmpurl)
     }
     tConfigMap map[] = {
         {"MACAddress", mac},
-        {"HostAlias", const_cast<char *>(text_or_empty(hostalias))},
+        {"HostAlias", alias},
         {},
     };
     snprintf(url, sizeof url, "%s%d.", OVANI_HOSTALIAS_OBJ_URL, index);
@@ -142,9 +140,8 @@ int set_hostalias_process(const char *hostalias, const char *tmpurl)
 namespace {
 
 // The instance in a host object's path, 0 for any other path.
-int host_number(const char *url)
+int host_number(const char *url, const char *function = __builtin_FUNCTION())
 {
-    constexpr char function[] = "system_set_lanhost_config_param";
     if (strstr(url, OVANI_HOST_NODE_PATH) == nullptr) {
         ovani_log_as(function, VELM_LOG_DEBUG, "obj_p=null\n");
         return 0;
@@ -161,13 +158,13 @@ void apply_alias(const char *value, const char *url)
     set_hostalias_process(value, url);
 }
 
-struct host_param {
+struct HostParam {
     const char *key;
     void (*apply)(const char *value, const char *url); // null: known, but nothing is done with it here
 };
 
-// The last key is spelt as management spells it.
-constexpr host_param host_params[] = {
+// KEPT: the last key is spelt as management spells it.
+constexpr HostParam HOST_PARAMS[] = {
     {"MaxUSBandwidth", set_maxusbandwidth_process},
     {"MaxDSBandwidth", set_maxdsbandwidth_process},
     {"HostAlias", apply_alias},
@@ -179,10 +176,10 @@ constexpr host_param host_params[] = {
     {"DeviceOnlineNofication", nullptr},
 };
 
-bool apply_host_param(const char *key, const char *value, const char *url)
+bool apply_host_param(const char *key, const char *value, const char *url,
+                      const char *function = __builtin_FUNCTION())
 {
-    constexpr char function[] = "system_set_lanhost_config_param";
-    for (const host_param &param : host_params) {
+    for (const HostParam &param : HOST_PARAMS) {
         if (strcmp(key, param.key) != 0) {
             continue;
         }
@@ -219,21 +216,22 @@ bool system_set_lanhost_config_param(const char *keystr, const char *value, void
 
 namespace {
 
-constexpr int words_before_macs = 2;
-constexpr int most_words = 12;
+constexpr int WORDS_BEFORE_MACS = 2;
+constexpr int MOST_WORDS = 12;
 
-struct speedlimit_list {
-    char words[most_words][32];
+struct SpeedlimitList {
+    char words[MOST_WORDS][32];
 };
 
-bool read_list(speedlimit_list &list)
+// Words that are too long are cut, each by itself.
+bool read_list(SpeedlimitList &list)
 {
     UniqueFile file{fopen(SPEEDLIMIT_MACLIST_FILE, "re")};
     if (file == nullptr) {
         return false;
     }
     for (char(&word)[32] : list.words) {
-        if (fscanf(file.get(), "%31s", word) != 1) {
+        if (fscanf(file.get(), "%31s%*[^ \t\r\n\v\f]", word) != 1) {
             break;
         }
     }
@@ -250,23 +248,23 @@ void handler_speedlimit_config(const char *new_mac)
     char words[GET_CMD_RES_LEN] = {};
     get_cmd_res(command, words, sizeof words);
     int count = std::max(decimal_value(words), 0);
-    if (count <= words_before_macs || count > most_words) {
-        ovani_log(VELM_LOG_ERR, "mac count:%d error !!!", count - words_before_macs);
+    if (count <= WORDS_BEFORE_MACS || count > MOST_WORDS) {
+        ovani_log(VELM_LOG_ERR, "mac count:%d error !!!", count - WORDS_BEFORE_MACS);
         return;
     }
     ovani_log(VELM_LOG_DEBUG, "count=%d", count);
-    speedlimit_list list{};
+    SpeedlimitList list{};
     if (!read_list(list)) {
         return;
     }
     int txlimit = decimal_value(list.words[0]);
     int rxlimit = decimal_value(list.words[1]);
-    auto mac = [&](int slot) { return list.words[words_before_macs + slot]; };
+    auto mac = [&](int slot) { return list.words[WORDS_BEFORE_MACS + slot]; };
     ovani_log(VELM_LOG_DEBUG,
               "txlimit%d, rxlimit:%d, maclist (1)%s (2)%s (3)%s (4)%s (5)%s (6)%s (7)%s (8)%s (9)%s (10)%s",
               txlimit, rxlimit, mac(0), mac(1), mac(2), mac(3), mac(4), mac(5), mac(6), mac(7), mac(8),
               mac(9));
-    for (int slot = 0; slot < count - words_before_macs; ++slot) {
+    for (int slot = 0; slot < count - WORDS_BEFORE_MACS; ++slot) {
         if (mac(slot)[0] != '\0' && strcasecmp(mac(slot), text_or_empty(new_mac)) == 0) {
             int ret = qvdrv_net_set_dev_maxbandwidth(mac(slot), static_cast<unsigned>(txlimit),
                                                      static_cast<unsigned>(rxlimit));
@@ -290,8 +288,8 @@ constexpr tSpecialMac SpecialMac[] = {
 };
 static_assert(sizeof SpecialMac / sizeof SpecialMac[0] == 19);
 
-constexpr unsigned default_up = 70000;
-constexpr unsigned default_down = 360000;
+constexpr unsigned DEFAULT_UP = 70000;
+constexpr unsigned DEFAULT_DOWN = 360000;
 
 // A limit from the store; empty or "NULL" stands for the default.
 unsigned speed_limit(const char *text, unsigned by_default)
@@ -324,7 +322,7 @@ void ovani_speedlimit_all()
     read_value(OVANI_DOWN_SPEEDLIMIT_PATH, down);
     ovani_log(VELM_LOG_DEBUG, "ovani_speedlimit_all config up_speed_str:%s down_speed_str:%s\n", up, down);
     for (const tSpecialMac &device : SpecialMac) {
-        qvdrv_net_set_dev_total_bandwidth(device.mac, speed_limit(up, default_up),
-                                          speed_limit(down, default_down));
+        qvdrv_net_set_dev_total_bandwidth(device.mac, speed_limit(up, DEFAULT_UP),
+                                          speed_limit(down, DEFAULT_DOWN));
     }
 }

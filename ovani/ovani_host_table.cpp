@@ -3,7 +3,6 @@
 #include <cstring>
 #include <new>
 
-#include "ovani/ovani_host_mgr.h"
 #include "ovani/ovani_log.h"
 #include "ovani/ovani_memory.h"
 
@@ -11,6 +10,9 @@ host_table g_host_table_ipv4;
 
 int ovani_host_table_init()
 {
+    while (g_host_table_ipv4.top != nullptr) {
+        ovani_host_node_delete(&g_host_table_ipv4, g_host_table_ipv4.top);
+    }
     g_host_table_ipv4 = {};
     return R_OK;
 }
@@ -49,14 +51,7 @@ int ovani_host_node_add(host_table *table, host_node *node)
         ovani_log(VELM_LOG_ERR, "ovani_host_node_add:the input parameters table or node is NULL!\r\n");
         return R_ERROR;
     }
-    host_node *last = nullptr;
-    host_node **link = &table->top;
-    while (*link != nullptr) {
-        last = *link;
-        link = &last->next;
-    }
-    *link = node;
-    node->prev = last;
+    table->append(node);
     ++table->host_node_num;
     return R_OK;
 }
@@ -64,39 +59,17 @@ int ovani_host_node_add(host_table *table, host_node *node)
 int ovani_host_node_delete(host_table *table, host_node *node)
 {
     if (table == nullptr || node == nullptr) {
-        // The text is older than this table.
+        // KEPT: the text names no function of this table.
         ovani_log(VELM_LOG_ERR, "hal_route_node_delete:the input parameters table or node is NULL!\r\n");
         return R_ERROR;
     }
-    if (node->next != nullptr) {
-        node->next->prev = node->prev;
-    }
-    if (node->prev != nullptr) {
-        node->prev->next = node->next;
-    } else {
-        table->top = node->next;
-    }
-    node->next = nullptr;
-    node->prev = nullptr;
+    table->unlink(node);
     ovani_host_node_free(node);
     --table->host_node_num;
-    if (table->host_node_num == 0) {
-        table->top = nullptr;
-    }
     return R_OK;
 }
 
 namespace {
-
-template <typename Predicate>
-host_node *first_node(const host_table &table, Predicate matches)
-{
-    host_node *node = table.top;
-    while (node != nullptr && !matches(*node)) {
-        node = node->next;
-    }
-    return node;
-}
 
 bool has_mac(const host_node &node, const unsigned char *mac)
 {
@@ -131,7 +104,7 @@ host_node *ovani_host_node_match(const host_table *table, unsigned long ipv4)
         ovani_log(VELM_LOG_ERR, "ovani_host_node_match:table is NULL!\r\n");
         return nullptr;
     }
-    return first_node(*table, [=](const host_node &node) { return node.ip == ipv4; });
+    return table->find([=](const host_node &node) { return node.ip == ipv4; });
 }
 
 host_node *ovani_host_node_match_by_mac(const host_table *table, const unsigned char *mac)
@@ -144,7 +117,7 @@ host_node *ovani_host_node_match_by_mac(const host_table *table, const unsigned 
         ovani_log(VELM_LOG_ERR, "ovani_host_node_match_by_mac:mac is NULL!\r\n");
         return nullptr;
     }
-    return first_node(*table, [=](const host_node &node) { return has_mac(node, mac); });
+    return table->find([=](const host_node &node) { return has_mac(node, mac); });
 }
 
 host_node *ovani_host_node_match_by_ip_and_mac(const host_table *table, unsigned long ipv4,
@@ -158,7 +131,7 @@ host_node *ovani_host_node_match_by_ip_and_mac(const host_table *table, unsigned
         ovani_log(VELM_LOG_ERR, "ovani_host_node_match_by_ip_and_mac:mac is NULL!\r\n");
         return nullptr;
     }
-    return first_node(*table, [=](const host_node &node) { return node.ip == ipv4 && has_mac(node, mac); });
+    return table->find([=](const host_node &node) { return node.ip == ipv4 && has_mac(node, mac); });
 }
 
 host_node *ovani_host_node_get(host_table *table, unsigned long ipv4)
@@ -191,47 +164,20 @@ host_node *ovani_host_node_get_by_ip_and_mac(host_table *table, unsigned long ip
     return node != nullptr ? node : append_new_host(table, ipv4, mac);
 }
 
-namespace {
-
-// Calls `visit` for every wired node of a port; it may delete the node.
-template <typename Visit>
-void for_each_wired_host_of_port(const host_table &table, int port, Visit visit)
-{
-    host_node *next = nullptr;
-    for (host_node *node = table.top; node != nullptr; node = next) {
-        next = node->next;
-        if (node->lanPortType == 0 && node->lanPortNo == port) {
-            visit(node);
-        }
-    }
-}
-
-} // namespace
-
 int ovani_host_node_delete_by_port(host_table *table, int port)
 {
     if (table == nullptr) {
         ovani_log(VELM_LOG_ERR, "ovani_host_node_delete_by_port:table is NULL!\r\n");
         return 0;
     }
-    for_each_wired_host_of_port(*table, port, [=](host_node *node) { ovani_host_node_delete(table, node); });
-    return 0;
-}
-
-int ovani_host_info_delete_by_port(host_table *table, int port)
-{
-    if (table == nullptr) {
-        ovani_log(VELM_LOG_ERR, "ovani_host_info_delete_by_port:table is NULL!\r\n");
-        return 0;
+    host_node *next = nullptr;
+    for (host_node *node = table->top; node != nullptr; node = next) {
+        next = node->next;
+        if (is_wired_to(*node, port)) {
+            ovani_host_node_delete(table, node);
+        }
     }
-    constexpr char function[] = "ovani_host_info_delete_by_port";
-    for_each_wired_host_of_port(*table, port, [=](host_node *node) {
-        ovani_log_as(function, VELM_LOG_DEBUG, "goto ovani_del_host_info_by_node!!!\n");
-        ovani_del_host_info_by_node(node);
-        node->lanPortNo = OVANI_INVALID_VALUE;
-    });
-    ovani_log(VELM_LOG_DEBUG, "host_table  find finish ,no leaved matched port !!!\n");
-    return R_OK;
+    return 0;
 }
 
 static void ovani_host_node_show(const host_node &node)

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "ovani/node_list.h"
 #include "ovani/ovani_commdef.h"
 
 inline constexpr size_t HOST_NAME_LEN = 128;
@@ -57,14 +58,13 @@ inline const char *address_source_text(const host_node &host)
     return host.AddressSource == OVANI_ADDR_TYPE_DHCP ? "DHCP" : "STATIC";
 }
 
-struct host_table {
-    host_node *top;
+struct host_table : NodeList<host_node> {
     int host_node_num;
 };
 
 extern host_table g_host_table_ipv4;
 
-// Empties the table head, without freeing nodes. R_OK.
+// Deletes all nodes. R_OK.
 int ovani_host_table_init();
 int ovani_host_node_num_get();
 
@@ -83,17 +83,19 @@ host_node *ovani_host_node_match_by_ip_and_mac(const host_table *table, unsigned
                                                const unsigned char *mac);
 
 // The same, created with the defaults above, active and attached to no port, when there is none. Null only
-// for a null argument or when memory has run out.
+// for a null argument or when memory has run out. Those that take an IPv4 address are UNUSED.
 host_node *ovani_host_node_get(host_table *table, unsigned long ipv4);
 host_node *ovani_host_node_get_by_mac(host_table *table, const unsigned char *mac);
 host_node *ovani_host_node_get_by_ip_and_mac(host_table *table, unsigned long ipv4, const unsigned char *mac);
 
-// Deletes the wired nodes of a port. Returns 0.
-int ovani_host_node_delete_by_port(host_table *table, int port);
+// Whether a host sits behind this Ethernet port.
+inline bool is_wired_to(const host_node &host, int port)
+{
+    return host.lanPortType == 0 && host.lanPortNo == port;
+}
 
-// Retires the store objects of the wired hosts of a port; their nodes stay, attached to no port. R_OK, or 0
-// for a null table.
-int ovani_host_info_delete_by_port(host_table *table, int port);
+// Deletes the wired nodes of a port. Returns 0. UNUSED
+int ovani_host_node_delete_by_port(host_table *table, int port);
 
 // Lists the table to the log while OVANI_DEBUG_FILE exists.
 void ovani_host_table_show();

@@ -3,198 +3,22 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <span>
 #include <string_view>
-#include <strings.h>
 
+#include <strings.h>
 #include <unistd.h>
 
 #include "ovani/ovani_br_mgr.h"
 #include "ovani/ovani_commdef.h"
 #include "ovani/ovani_log.h"
+#include "ovani/ovani_operator.h"
 #include "ovani/ovani_port_mgr.h"
+#include "ovani/ovani_wan_config.h"
 #include "platform/zkcfgif.h"
 
 LanEthIntfVlanBind s_lan_vlan_bind[MAX_LAN_BIND_PORT + 1];
 LanVlanBindControl s_vlan_bind_control[MAX_LAN_PORT_NUMBER][MAX_VLAN_PAIRS];
-READ_LANETH_VLANBIND_CFG g_read_laneth_vlan_bind_cfg = read_laneth_vlan_bind_cfg_ct;
-
-// --- Parameters by the operator's names
-
-namespace {
-
-struct lan_param_name {
-    const char *key;
-    char (LanEthInterfaceParam::*field)[LAN_PARAM_LEN];
-};
-
-// China Mobile's "MACAddress" has always landed in Status.
-constexpr lan_param_name lan_params_cm[] = {
-    {"MaxBitRate", &LanEthInterfaceParam::MaxBitRate},
-    {"DuplexMode", &LanEthInterfaceParam::DuplexMode},
-    {"X_CMCC_Mode", &LanEthInterfaceParam::Mode},
-    {"X_CMCC_VLAN", &LanEthInterfaceParam::VLAN},
-    {"X_CMCC_MACAddressNum", &LanEthInterfaceParam::MacAddrNum},
-    {"Enable", &LanEthInterfaceParam::Enable},
-    {"Status", &LanEthInterfaceParam::Status},
-    {"MACAddress", &LanEthInterfaceParam::Status},
-};
-
-constexpr lan_param_name lan_params_ct[] = {
-    {"MaxBitRate", &LanEthInterfaceParam::MaxBitRate},
-    {"DuplexMode", &LanEthInterfaceParam::DuplexMode},
-    {"X_CT-COM_Mode", &LanEthInterfaceParam::Mode},
-    {"X_CT-COM_VLAN", &LanEthInterfaceParam::VLAN},
-};
-
-constexpr lan_param_name lan_params_cu[] = {
-    {"MaxBitRate", &LanEthInterfaceParam::MaxBitRate},
-    {"DuplexMode", &LanEthInterfaceParam::DuplexMode},
-    {"X_CU_Mode", &LanEthInterfaceParam::Mode},
-    {"X_CU_VLAN", &LanEthInterfaceParam::VLAN},
-};
-
-bool parse_lan_param(std::span<const lan_param_name> names, const char *key, const char *value, void *param)
-{
-    for (const lan_param_name &name : names) {
-        if (key != nullptr && param != nullptr && strcmp(key, name.key) == 0) {
-            copy_text(static_cast<LanEthInterfaceParam *>(param)->*name.field, value);
-        }
-    }
-    return true;
-}
-
-} // namespace
-
-bool system_parse_ovani_config_cm(const char *key, const char *value, void *param)
-{
-    return parse_lan_param(lan_params_cm, key, value, param);
-}
-
-bool system_parse_ovani_config_ct(const char *key, const char *value, void *param)
-{
-    ovani_log(VELM_LOG_DEBUG, "system_parse_ovani_config_ct keystr:%s value:%s\n", text_or_empty(key),
-              text_or_empty(value));
-    return parse_lan_param(lan_params_ct, key, value, param);
-}
-
-bool system_parse_ovani_config_cu(const char *key, const char *value, void *param)
-{
-    return parse_lan_param(lan_params_cu, key, value, param);
-}
-
-bool take_lan_param(char (&stored)[LAN_PARAM_LEN], const char *value)
-{
-    if (value[0] == '\0' || strcmp(stored, value) == 0) {
-        return false;
-    }
-    copy_text(stored, value);
-    return true;
-}
-
-// --- Binding configuration from the store
-
-namespace {
-
-constexpr char LAN_INTERFACES_ETHERNET[] = "InternetGatewayDevice.LANInterfaces.LANEthernetInterfaceConfig.";
-constexpr char LAN_INTERFACES_WLAN[] = "InternetGatewayDevice.LANInterfaces.WLANConfiguration.";
-
-// Where an operator keeps a port's binding, and how it logs the reading.
-struct bind_profile {
-    const char *function;
-    const char *ethernet;
-    const char *wlan; // null: SSIDs are read like Ethernet ports
-    const char *vlan;
-    const char *mode;
-    const char *mac_limit; // null: there is none
-    int failure_level;
-    bool log_urls;
-};
-
-constexpr bind_profile bind_cm{
-    .function = "read_laneth_vlan_bind_cfg_cm",
-    .ethernet = LAN_INTERFACES_ETHERNET,
-    .wlan = LAN_INTERFACES_WLAN,
-    .vlan = "X_CMCC_VLAN",
-    .mode = "X_CMCC_Mode",
-    .mac_limit = "X_CMCC_MACAddressNum",
-    .failure_level = VELM_LOG_ERR,
-    .log_urls = false,
-};
-
-constexpr bind_profile bind_ct{
-    .function = "read_laneth_vlan_bind_cfg_ct",
-    .ethernet = OVANI_LAN_ETHERNET_PATH,
-    .wlan = OVANI_WLAN_PATH,
-    .vlan = "X_CT-COM_VLAN",
-    .mode = "X_CT-COM_Mode",
-    .mac_limit = nullptr,
-    .failure_level = VELM_LOG_DEBUG,
-    .log_urls = true,
-};
-
-constexpr bind_profile bind_cu{
-    .function = "read_laneth_vlan_bind_cfg_cu",
-    .ethernet = OVANI_LAN_ETHERNET_PATH,
-    .wlan = nullptr,
-    .vlan = "X_CU_VLAN",
-    .mode = "X_CU_Mode",
-    .mac_limit = nullptr,
-    .failure_level = VELM_LOG_ERR,
-    .log_urls = false,
-};
-
-void read_bind_param(const bind_profile &profile, const char *object, const char *name, int lan_eth_id,
-                     char (&field)[LAN_PARAM_LEN])
-{
-    char path[OVANI_URL_LEN];
-    snprintf(path, sizeof path, "%s%s", object, name);
-    if (profile.log_urls) {
-        ovani_log_as(profile.function, VELM_LOG_DEBUG, "url:%s!\n", path);
-    }
-    char value[OVANI_VALUE_LEN] = {};
-    if (zkapi_singlevalue_get(path, value, DEVFUNC_NOCALL_NOFLASH, OVANI_STORE_WAIT_MS) != 0) {
-        ovani_log_as(profile.function, profile.failure_level, "get Lan%d %s fail!\n", lan_eth_id, name);
-        return;
-    }
-    copy_text(field, value);
-    ovani_log_as(profile.function, VELM_LOG_DEBUG, "get Lan%d %s=%s!\n", lan_eth_id, name, field);
-}
-
-int read_bind_config(const bind_profile &profile, int lan_eth_id, LanEthIntfVlanBind *lanvlanbind)
-{
-    if (lanvlanbind == nullptr) {
-        ovani_log_as(profile.function, VELM_LOG_ERR, "Param is NULL!\n");
-        return 0;
-    }
-    bool wireless = profile.wlan != nullptr && lan_eth_id > ovani_lan_port_count();
-    int instance = wireless ? lan_eth_id - ovani_lan_port_count() : lan_eth_id;
-    char object[OVANI_URL_LEN];
-    snprintf(object, sizeof object, "%s%d.", wireless ? profile.wlan : profile.ethernet, instance);
-    read_bind_param(profile, object, profile.vlan, lan_eth_id, lanvlanbind->VLAN);
-    read_bind_param(profile, object, profile.mode, lan_eth_id, lanvlanbind->Mode);
-    if (profile.mac_limit != nullptr && !wireless) {
-        read_bind_param(profile, object, profile.mac_limit, lan_eth_id, lanvlanbind->MacAddrNum);
-    }
-    return 0;
-}
-
-} // namespace
-
-int read_laneth_vlan_bind_cfg_cm(int lan_eth_id, LanEthIntfVlanBind *lanvlanbind)
-{
-    return read_bind_config(bind_cm, lan_eth_id, lanvlanbind);
-}
-
-int read_laneth_vlan_bind_cfg_ct(int lan_eth_id, LanEthIntfVlanBind *lanvlanbind)
-{
-    return read_bind_config(bind_ct, lan_eth_id, lanvlanbind);
-}
-
-int read_laneth_vlan_bind_cfg_cu(int lan_eth_id, LanEthIntfVlanBind *lanvlanbind)
-{
-    return read_bind_config(bind_cu, lan_eth_id, lanvlanbind);
-}
+unsigned (*g_wait_for_wifi)(unsigned seconds) = sleep;
 
 // --- Binding a port
 
@@ -230,8 +54,6 @@ int parse_lan_vlan_str(const char *text, int (&lan_vlans)[MAX_VLAN_PAIRS], int (
 
 namespace {
 
-constexpr char bind_function[] = "ovani_port_vlan_bind";
-
 bool is_bound(const LanEthIntfVlanBind &config)
 {
     return config.VLAN[0] != '\0' && config.Mode[0] != '\0' && strcasecmp(config.VLAN, "NULL") != 0 &&
@@ -248,22 +70,21 @@ const qv_wan_param *find_wan(int wan_vlan)
     return nullptr;
 }
 
-void bind_pair(int port, int i, int lan_vlan, int wan_vlan)
+void bind_pair(int port, int i, int lan_vlan, int wan_vlan, const char *function = __builtin_FUNCTION())
 {
-    ovani_log_as(bind_function, VELM_LOG_DEBUG, "*begin*:i=%d lan_vlan=%d wan_vlan=%d!\n", i, lan_vlan,
-                 wan_vlan);
+    ovani_log_as(function, VELM_LOG_DEBUG, "*begin*:i=%d lan_vlan=%d wan_vlan=%d!\n", i, lan_vlan, wan_vlan);
     if (lan_vlan == 0 || wan_vlan == 0) {
-        ovani_log_as(bind_function, VELM_LOG_DEBUG, "i=%d no cfg!\n", i);
+        ovani_log_as(function, VELM_LOG_DEBUG, "i=%d no cfg!\n", i);
         return;
     }
     const qv_wan_param *wan = find_wan(wan_vlan);
     if (wan == nullptr) {
-        ovani_log_as(bind_function, VELM_LOG_DEBUG, "i=%d wan_vlan(%d) find no wan!\n", i, wan_vlan);
+        ovani_log_as(function, VELM_LOG_DEBUG, "i=%d wan_vlan(%d) find no wan!\n", i, wan_vlan);
         return;
     }
     LanVlanBindControl &applied = s_vlan_bind_control[port - 1][i];
     applied = {.lan_vlan = lan_vlan, .wan_vlan = wan_vlan, .wp = *wan};
-    ovani_log_as(bind_function, VELM_LOG_DEBUG, "port=%d lan_vlan=%d!\n", port, lan_vlan);
+    ovani_log_as(function, VELM_LOG_DEBUG, "port=%d lan_vlan=%d!\n", port, lan_vlan);
     ovani_wan_param_print(&applied.wp);
     qvdrv_net_set_vlan_bind(static_cast<unsigned>(port), static_cast<unsigned short>(lan_vlan), &applied.wp);
 }
@@ -283,7 +104,7 @@ int ovani_port_vlan_bind(int lan_eth_intf_id, const LanEthIntfVlanBind *lanvlanb
     if (lanvlanbind->MacAddrNum[0] != '\0') {
         // Kept, so that a WAN change sets it again; no change of the binding.
         take_lan_param(stored.MacAddrNum, lanvlanbind->MacAddrNum);
-        auto limit = static_cast<unsigned>(std::max(decimal_value(lanvlanbind->MacAddrNum), 0));
+        auto limit = static_cast<unsigned>(decimal_value(lanvlanbind->MacAddrNum)); // wraps
         if (qvdrv_net_set_port_mac_limit(static_cast<unsigned>(port), limit) != 0) {
             ovani_log(VELM_LOG_ERR, "Set Mac Address Limit Error!\n");
         }
@@ -337,49 +158,17 @@ int ovani_port_vlan_unbind(int port)
 
 namespace {
 
-struct bind_readers {
-    READ_ALL_WAN_CFG wan_table;
-    READ_WANCON_CFG_BY_INDEX wan_connection;
-    READ_LANETH_VLANBIND_CFG lan_binding;
-};
-
-constexpr bind_readers readers_by_operator[OPTYPE_MAX] = {
-    {read_wan_param_cfg_cm, read_wan_conn_cfg_by_index_cm, read_laneth_vlan_bind_cfg_cm},
-    {read_wan_param_cfg, read_wan_conn_cfg_by_index_ct, read_laneth_vlan_bind_cfg_ct},
-    {read_wan_param_cfg, read_wan_conn_cfg_by_index_cu, read_laneth_vlan_bind_cfg_cu},
-};
-
-void choose_readers()
-{
-    unsigned code = ovani_operator_type_code_get();
-    if (code >= OPTYPE_MAX) {
-        ovani_log_as("vlan_bind_init", VELM_LOG_ERR, "Error: Unknow operator %d.\n", static_cast<int>(code));
-        code = OPTYPE_CT;
-    }
-    const bind_readers &readers = readers_by_operator[code];
-    g_read_wan_param_cfg = readers.wan_table;
-    g_read_wan_conn_cfg_by_index = readers.wan_connection;
-    g_read_laneth_vlan_bind_cfg = readers.lan_binding;
-}
-
 void clear_bindings()
 {
-    for (LanEthIntfVlanBind &config : s_lan_vlan_bind) {
-        config = {};
-    }
+    std::ranges::fill(s_lan_vlan_bind, LanEthIntfVlanBind{});
     for (auto &row : s_vlan_bind_control) {
-        for (LanVlanBindControl &applied : row) {
-            applied = {};
-        }
+        std::ranges::fill(row, LanVlanBindControl{});
     }
-    for (qv_wan_param &slot : s_vlanbind_wan_param) {
-        slot = {};
-    }
+    clear_wan_table();
 }
 
-void write_port_mac(int port, const char *mac)
+void write_port_mac(int port, const char *mac, const char *function = __builtin_FUNCTION())
 {
-    constexpr char function[] = "vlan_bind_init";
     char path[OVANI_URL_LEN];
     snprintf(path, sizeof path, "%s%d.MACAddress", OVANI_LAN_ETHERNET_PATH, port);
     ovani_log_as(function, VELM_LOG_DEBUG, "write Lan%d macAddr=%s!\n", port, mac);
@@ -399,8 +188,13 @@ int vlan_bind_init()
     ovani_br_mac_get(mac);
     mac_text brmac = mac_colon_text(reinterpret_cast<const unsigned char *>(mac));
     ovani_log(VELM_LOG_DEBUG, "brmac=%s\n", brmac.data());
-    choose_readers();
-    ovani_lan_port_count_init();
+    const OperatorProfile &profile = operator_profile_or_default();
+    g_read_wan_param_cfg = profile.read_wan_table;
+    g_read_wan_conn_cfg_by_index = profile.read_wan_connection;
+    g_read_laneth_vlan_bind_cfg = profile.read_lan_binding;
+    if (ovani_lan_port_count() == 0) { // the port manager asks later
+        read_lan_port_count();
+    }
     for (int port = 1; port <= MAX_LAN_BIND_PORT; ++port) {
         if (port <= ovani_lan_port_count()) {
             write_port_mac(port, brmac.data());
@@ -416,7 +210,7 @@ void *vlan_bind_init_wifi(void *)
 {
     constexpr unsigned wifi_start_s = 90;
     ovani_log(VELM_LOG_DEBUG, "entry vlan_bind_init_wifi wait 90s\n");
-    sleep(wifi_start_s);
+    g_wait_for_wifi(wifi_start_s);
     ovani_log(VELM_LOG_DEBUG, " vlan_bind_init_wifi goto vlan_bind_init\n");
     vlan_bind_init();
     ovani_log(VELM_LOG_DEBUG, "vlan_bind_init_wifi over\n");
@@ -441,21 +235,21 @@ int ovani_rebind_port_vlan()
 
 namespace {
 
-// SSIDs follow four Ethernet ports here, however many there are.
-constexpr int wifi_port_offset = 4;
+// KEPT: SSIDs follow four Ethernet ports here, however many there are.
+constexpr int WIFI_PORT_OFFSET = 4;
 
 // The port an object path names, or -1.
 int system_get_lan_eth_obj_index(const char *obj_url)
 {
     bool under_lan_interfaces = false;
-    int index = lan_interface_of_path(__func__, obj_url, MAX_LAN_BIND_PORT, under_lan_interfaces);
+    int index = lan_interface_of_path(obj_url, MAX_LAN_BIND_PORT, under_lan_interfaces);
     if (index == -1) {
         return -1;
     }
     const char *wlan =
         under_lan_interfaces ? "InternetGatewayDevice.LANInterfaces.WLANConfiguration" : "WLANConfiguration";
     if (strstr(obj_url, wlan) != nullptr) {
-        index += wifi_port_offset;
+        index += WIFI_PORT_OFFSET;
     }
     if (under_lan_interfaces) {
         ovani_log(VELM_LOG_DEBUG, "return lan_eth_inf_idx is %d.\n", index);
@@ -466,29 +260,6 @@ int system_get_lan_eth_obj_index(const char *obj_url)
 }
 
 } // namespace
-
-int lan_interface_of_path(const char *function, const char *obj_url, int last_of_device,
-                          bool &under_lan_interfaces)
-{
-    if (obj_url == nullptr) {
-        ovani_log_as(function, VELM_LOG_ERR, "Get lan_eth_inf_idx Error:Param is NULL.\n");
-        return -1;
-    }
-    InstIdStack ids{};
-    zkapi_getobjidbyobjpath(obj_url, &ids);
-    under_lan_interfaces = ids.currentDepth < 2;
-    if (under_lan_interfaces && strstr(obj_url, "InternetGatewayDevice.LANInterfaces.") == nullptr) {
-        ovani_log_as(function, VELM_LOG_ERR, "Get lan_eth_inf_idx Error:%s.\n", obj_url);
-        return -1;
-    }
-    int index = under_lan_interfaces ? (ids.currentDepth == 1 ? ids.instance[0] : 0) : ids.instance[1];
-    int last = under_lan_interfaces ? MAX_LAN_PORT : last_of_device;
-    if (index < 1 || index > last) {
-        ovani_log_as(function, VELM_LOG_ERR, "lan_eth_inf_idx Error:%d.\n", index);
-        return -1;
-    }
-    return index;
-}
 
 int ovani_set_eth_cfg_process(const char *obj_url, const LanEthInterfaceParam *params)
 {

@@ -3,6 +3,9 @@
 //
 // Message texts are a contract with the people who read and search gateway logs: they stay as they are,
 // misspellings included, also where a text names another function than the one that logs it.
+//
+// Two marks can be searched for in the sources: KEPT beside a surprise that others rely on, UNUSED beside
+// what nothing in this daemon calls and its interface has all the same.
 #pragma once
 
 #include "platform/zk_log.h"
@@ -15,7 +18,8 @@ inline constexpr char OVANI_BAK_LOG_FILE_PATH[] = "/var/ovanilogbak.txt";
 
 #define ovani_log(level, fmt, ...) ovani_log_as(__func__, level, fmt __VA_OPT__(, ) __VA_ARGS__)
 
-// The same under another function's name, for shared code that logs on behalf of its caller.
+// The same under another function's name. A step that logs for its caller takes that name as its last
+// argument, `const char *function = __builtin_FUNCTION()`, so that the compiler fills it in.
 #define ovani_log_as(function, level, fmt, ...)                                                              \
     zk_mod_log_printf(OVANI_LOG_MODULE, (level), "[%s][%d]" fmt, (function),                                 \
                       __LINE__ __VA_OPT__(, ) __VA_ARGS__)

@@ -13,6 +13,9 @@ char g_ovani_layer2_interface_str[128];
 
 int ovani_mac_table_init()
 {
+    while (g_mac_table.top != nullptr) {
+        ovani_mac_node_delete_top(&g_mac_table);
+    }
     g_mac_table = {};
     return R_OK;
 }
@@ -26,11 +29,7 @@ namespace {
 
 mac_node *find(const mac_table &table, const unsigned char *mac)
 {
-    mac_node *node = table.top;
-    while (node != nullptr && memcmp(node->mac, mac, OVANI_MAC_LEN) != 0) {
-        node = node->next;
-    }
-    return node;
+    return table.find([=](const mac_node &node) { return memcmp(node.mac, mac, OVANI_MAC_LEN) == 0; });
 }
 
 } // namespace
@@ -66,14 +65,7 @@ static int ovani_mac_node_add(mac_table *table, mac_node *node)
         return R_ERROR;
     }
     ovani_log(VELM_LOG_DEBUG, "ovani_mac_node_add!\r\n");
-    mac_node *last = nullptr;
-    mac_node **link = &table->top;
-    while (*link != nullptr) {
-        last = *link;
-        link = &last->next;
-    }
-    *link = node;
-    node->prev = last;
+    table->append(node);
     ++table->mac_node_num;
     return R_OK;
 }
@@ -101,28 +93,16 @@ mac_node *ovani_mac_node_get(mac_table *table, const unsigned char *mac)
 
 int ovani_mac_node_delete(mac_table *table, mac_node *node)
 {
-    // These texts are older than this table.
+    // KEPT: these texts name no function of this table.
     if (table == nullptr || node == nullptr) {
         ovani_log(VELM_LOG_ERR, "hal_route_node_delete:the input parameters table or node is NULL!\r\n");
         return R_ERROR;
     }
     ovani_log(VELM_LOG_DEBUG, "hal_route_node_delete!\r\n");
-    if (node->next != nullptr) {
-        node->next->prev = node->prev;
-    }
-    if (node->prev != nullptr) {
-        node->prev->next = node->next;
-    } else {
-        table->top = node->next;
-    }
-    node->next = nullptr;
-    node->prev = nullptr;
+    table->unlink(node);
     ovani_log(VELM_LOG_DEBUG, "ovani_mac_node_free.\r\n");
     ovani_free(MTYPE_MAC_NODE, node);
     --table->mac_node_num;
-    if (table->mac_node_num == 0) {
-        table->top = nullptr;
-    }
     return R_OK;
 }
 

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "ovani/node_list.h"
 #include "ovani/ovani_commdef.h"
 
 // The callers keep to this limit: before adding to a full table they evict its oldest node.
@@ -18,8 +19,7 @@ struct mac_node {
     char onlineclock[OVANI_TIME_BUFF_LEN]; // when it was last learned
 };
 
-struct mac_table {
-    mac_node *top;
+struct mac_table : NodeList<mac_node> {
     int32_t mac_node_num;
 };
 
@@ -27,7 +27,7 @@ extern mac_table g_mac_table;
 extern const char *const g_ovani_interfaceType[2]; // by lanPortType
 extern char g_ovani_layer2_interface_str[128];     // the last path built
 
-// Empties the table head, without freeing nodes. R_OK.
+// Deletes all nodes. R_OK.
 int ovani_mac_table_init();
 int ovani_mac_node_num_get();
 

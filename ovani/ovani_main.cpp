@@ -1,18 +1,24 @@
-// Start-up, in its fixed order: the tables and facts are in place before the first event can arrive.
+// The process: its signals, its threads, its end.
 #include <csignal>
 #include <cstdlib>
+#include <initializer_list>
 
 #include <pthread.h>
 
-#include "ovani/ovani_br_mgr.h"
-#include "ovani/ovani_host_config.h"
-#include "ovani/ovani_host_mgr.h"
-#include "ovani/ovani_lan_port_config.h"
 #include "ovani/ovani_log.h"
-#include "ovani/ovani_mac_table.h"
-#include "ovani/ovani_neigh.h"
-#include "ovani/ovani_port_mgr.h"
+#include "ovani/ovani_start.h"
 #include "ovani/ovani_ubus.h"
+
+namespace {
+
+// Neither joined nor detached: the threads live as long as the process.
+int start_thread(void *(*body)(void *))
+{
+    pthread_t thread;
+    return pthread_create(&thread, nullptr, body, nullptr);
+}
+
+} // namespace
 
 int main(int argc, char **argv)
 {
@@ -20,30 +26,7 @@ int main(int argc, char **argv)
     for (int ignored : {SIGCHLD, SIGPIPE, SIGHUP}) {
         signal(ignored, SIG_IGN);
     }
-    ovani_log_init(argc, argv);
-    ovani_log(VELM_LOG_DEBUG, "ovani_log_init finish\n");
-    ovani_operator_type_init();
-    ovani_log(VELM_LOG_DEBUG, "ovani_operator_type_init finish\n");
-    ovani_areacode_init();
-    ovani_log(VELM_LOG_DEBUG, "ovani_areacode_init finish\n");
-    ovani_mac_table_init();
-    ovani_hostmgr_init();
-    ovani_log(VELM_LOG_DEBUG, "ovani_hostmgr_init finish\n");
-    vlan_bind_init();
-    ovani_log(VELM_LOG_DEBUG, "vlan_bind_init finish\n");
-    ovani_port_mgr_init();
-    ovani_log(VELM_LOG_DEBUG, "ovani_port_mgr_init finish\n");
-    // Neither joined nor detached: the threads live as long as the process.
-    pthread_t wifi_binder;
-    if (pthread_create(&wifi_binder, nullptr, vlan_bind_init_wifi, nullptr) != 0) {
-        ovani_log(VELM_LOG_ERR, "Create vlan_bind_init thread error\n!");
-    }
-    pthread_t neighbour_watcher;
-    if (pthread_create(&neighbour_watcher, nullptr, ovani_host_neigh_poll, nullptr) != 0) {
-        ovani_log(VELM_LOG_ERR, "Create ovani_host_neigh_poll thread error\n!");
-    }
-    ovani_log(VELM_LOG_DEBUG, "ovani_host_neigh_poll pthread_create\n");
-    ovani_speedlimit_all();
+    ovani_start(argc, argv, start_thread);
     int status = ovani_ubus_init();
     if (status != 0) {
         ovani_log(VELM_LOG_ERR, "ovani_ubus_init() fail!\n");

@@ -24,14 +24,14 @@ unsigned int ifidx_lan;
 
 namespace {
 
-constexpr int receive_buffer_size = 0x20000;
-constexpr int highest_attribute = 10;
+constexpr int RECEIVE_BUFFER_SIZE = 0x20000;
+constexpr int HIGHEST_ATTRIBUTE = 10;
 // Link, neighbour, traffic control and IPv4 address messages; only the second are of interest.
-constexpr unsigned multicast_groups = 0x1d;
+constexpr unsigned MULTICAST_GROUPS = 0x1d;
 // The addresses that a text of 32 bytes can show.
-constexpr size_t longest_link_address = 10;
+constexpr size_t LONGEST_LINK_ADDRESS = 10;
 
-struct neighbour {
+struct Neighbour {
     char address[INET6_ADDRSTRLEN];
     char mac[OVANI_MAC_STR_LEN];
 };
@@ -44,7 +44,7 @@ size_t payload_length(const rtattr *attribute)
 bool format_link_address(const rtattr *attribute, char (&mac)[OVANI_MAC_STR_LEN])
 {
     size_t length = payload_length(attribute);
-    if (length == 0 || length > longest_link_address) {
+    if (length == 0 || length > LONGEST_LINK_ADDRESS) {
         return false;
     }
     const auto *bytes = static_cast<const uint8_t *>(RTA_DATA(attribute));
@@ -58,7 +58,7 @@ bool format_link_address(const rtattr *attribute, char (&mac)[OVANI_MAC_STR_LEN]
 
 // Takes a neighbour out of a message of `length` bytes; false when it is none of br0's IPv6 neighbours, or
 // not to be told of.
-bool parse_neighbour(nlmsghdr *message, neighbour &found)
+bool parse_neighbour(nlmsghdr *message, Neighbour &found)
 {
     constexpr size_t header_length = NLMSG_LENGTH(sizeof(ndmsg));
     if (message->nlmsg_len < header_length) {
@@ -72,9 +72,9 @@ bool parse_neighbour(nlmsghdr *message, neighbour &found)
     if (is_new && (header->ndm_state & (NUD_REACHABLE | NUD_PERMANENT)) == 0) {
         return false;
     }
-    rtattr *attributes[highest_attribute + 1];
+    rtattr *attributes[HIGHEST_ATTRIBUTE + 1];
     auto *first = reinterpret_cast<rtattr *>(reinterpret_cast<char *>(header) + NLMSG_ALIGN(sizeof *header));
-    neigh_parse_rattr(attributes, highest_attribute, first,
+    neigh_parse_rattr(attributes, HIGHEST_ATTRIBUTE, first,
                       static_cast<int>(message->nlmsg_len - header_length));
     const rtattr *address = attributes[NDA_DST];
     const rtattr *link_address = attributes[NDA_LLADDR];
@@ -87,21 +87,14 @@ bool parse_neighbour(nlmsghdr *message, neighbour &found)
 }
 
 // Everything in the command was formatted here, from numbers.
-void send_event(bool is_new, const neighbour &found)
+void send_event(bool is_new, const Neighbour &found, const char *function = __builtin_FUNCTION())
 {
     const char *type = strncmp(found.address, "fe80", 4) == 0 ? OVANI_IPV6ADDR_LLA : OVANI_IPV6ADDR_GUA;
     char command[256];
-    if (is_new) {
-        snprintf(command, sizeof command,
-                 "ubus send dhcp_user_event '{\"dhcp_user_string\":\"#NB6ADD#%s#%s#%s\"}'", type,
-                 found.address, found.mac);
-    } else {
-        snprintf(command, sizeof command,
-                 "ubus send dhcp_user_event '{\"dhcp_user_string\":\"#NB6DEL#%s#%s#%s\"}'", type,
-                 found.address, found.mac);
-    }
+    snprintf(command, sizeof command, "ubus send dhcp_user_event '{\"dhcp_user_string\":\"#%s#%s#%s#%s\"}'",
+             is_new ? "NB6ADD" : "NB6DEL", type, found.address, found.mac);
     [[maybe_unused]] int status = system(command);
-    ovani_log_as("read_netlink_message", VELM_LOG_DEBUG, "read_netlink_message cmd = %s\n", command);
+    ovani_log_as(function, VELM_LOG_DEBUG, "read_netlink_message cmd = %s\n", command);
 }
 
 } // namespace
@@ -129,7 +122,7 @@ void neigh_parse_rattr(rtattr **tb, int max, rtattr *rta, int len)
 
 void read_netlink_message(int fd)
 {
-    alignas(nlmsghdr) char buffer[receive_buffer_size] = {};
+    alignas(nlmsghdr) char buffer[RECEIVE_BUFFER_SIZE] = {};
     // An overrun of the socket's buffer shows here as a failed read; what it cost is not asked for again.
     ssize_t received = read(fd, buffer, sizeof buffer);
     if (received < 0) {
@@ -143,7 +136,7 @@ void read_netlink_message(int fd)
             return;
         }
         bool is_new = message->nlmsg_type == RTM_NEWNEIGH;
-        neighbour found{};
+        Neighbour found{};
         if ((is_new || message->nlmsg_type == RTM_DELNEIGH) && parse_neighbour(message, found)) {
             send_event(is_new, found);
         }
@@ -160,7 +153,7 @@ void *ovani_host_neigh_poll(void *)
     UniqueFd fd{socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE)};
     sockaddr_nl address{};
     address.nl_family = AF_NETLINK;
-    address.nl_groups = multicast_groups;
+    address.nl_groups = MULTICAST_GROUPS;
     if (bind(fd.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) {
         perror("bind");
         return nullptr;

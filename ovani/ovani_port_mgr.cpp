@@ -5,83 +5,30 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "ovani/ovani_br_mgr.h"
 #include "ovani/ovani_commdef.h"
 #include "ovani/ovani_log.h"
-#include "platform/zk_sys_mgr.h"
+#include "ovani/ovani_operator.h"
 #include "platform/zkcfgif.h"
 
 LanEthIntfWorkMode g_LanWorkMode[MAX_LAN_PORT + 1];
 PON_ETH_PORT_LINK_STATUS_T g_port_link_status[MAX_LAN_PORT + 1];
-unsigned int g_lan_inf_num;
-SYSTEM_PARSE_OVANI_CONFIG_PARAM g_system_set_lan_config = system_parse_ovani_config_ct;
 
 // --- Start-up
 
-int ovani_lan_port_count()
-{
-    return static_cast<int>(g_lan_inf_num);
-}
-
-namespace {
-
-void read_port_count()
-{
-    devinfo info{};
-    if (zk_sys_mgr_get_devinfo(&info) == 0) {
-        g_lan_inf_num = std::min<unsigned>(info.port_num, MAX_LAN_PORT);
-    }
-}
-
-constexpr SYSTEM_PARSE_OVANI_CONFIG_PARAM parsers_by_operator[OPTYPE_MAX] = {
-    system_parse_ovani_config_cm, system_parse_ovani_config_ct, system_parse_ovani_config_cu};
-
-void choose_parser()
-{
-    unsigned code = ovani_operator_type_code_get();
-    if (code >= OPTYPE_MAX) {
-        ovani_log_as("ovani_port_mgr_init", VELM_LOG_ERR, "Error: Unknow operator %d.\n",
-                     static_cast<int>(code));
-        code = OPTYPE_CT;
-    }
-    g_system_set_lan_config = parsers_by_operator[code];
-}
-
-void read_mode_param(int port, const char *name, char (&field)[LAN_PARAM_LEN])
-{
-    constexpr char function[] = "ovani_port_mgr_init";
-    char path[OVANI_URL_LEN];
-    snprintf(path, sizeof path, "%s%d.%s", OVANI_LAN_ETHERNET_PATH, port, name);
-    char value[OVANI_VALUE_LEN] = {};
-    if (zkapi_singlevalue_get(path, value, DEVFUNC_NOCALL_NOFLASH, OVANI_STORE_WAIT_MS) != 0) {
-        ovani_log_as(function, VELM_LOG_ERR, "get Lan%d %s fail!\n", port, name);
-        return;
-    }
-    copy_text(field, value);
-    ovani_log_as(function, VELM_LOG_DEBUG, "get Lan%d %s=%s!\n", port, name, field);
-}
-
-} // namespace
-
-void ovani_lan_port_count_init()
-{
-    if (g_lan_inf_num == 0) {
-        read_port_count();
-    }
-}
-
 int ovani_port_mgr_init()
 {
-    for (LanEthIntfWorkMode &mode : g_LanWorkMode) {
-        mode = {};
-    }
-    choose_parser();
-    read_port_count();
+    std::ranges::fill(g_LanWorkMode, LanEthIntfWorkMode{});
+    std::ranges::fill(g_port_link_status, PON_ETH_PORT_LINK_STATUS_T{});
+    g_system_set_lan_config = operator_profile_or_default().parse_lan_config;
+    read_lan_port_count();
     ovani_log(VELM_LOG_DEBUG, "g_lan_inf_num is %d\n", ovani_lan_port_count());
     for (int port = 1; port <= ovani_lan_port_count(); ++port) {
         LanEthIntfWorkMode mode{};
-        read_mode_param(port, "DuplexMode", mode.DuplexMode);
-        read_mode_param(port, "MaxBitRate", mode.MaxBitRate);
+        char path[OVANI_URL_LEN];
+        snprintf(path, sizeof path, "%s%d.DuplexMode", OVANI_LAN_ETHERNET_PATH, port);
+        read_port_param(path, port, mode.DuplexMode, VELM_LOG_ERR);
+        snprintf(path, sizeof path, "%s%d.MaxBitRate", OVANI_LAN_ETHERNET_PATH, port);
+        read_port_param(path, port, mode.MaxBitRate, VELM_LOG_ERR);
         ovani_lan_eth_workmode_set(port, &mode);
     }
     return ovani_node_port_status_init();
@@ -94,9 +41,8 @@ int ovani_node_port_status_init()
         status.port_index = static_cast<uint32_t>(port);
         qvdrv_pon_get_eth_port_link_status(&status);
         char path[OVANI_URL_LEN];
-        snprintf(path, sizeof path, "%s%d.Status", OVANI_LAN_ETHERNET_PATH, port);
-        zkapi_singlevalue_set(path, status.link_up == 1 ? "Up" : "NoLink", DEVFUNC_NOCALL_NOFLASH,
-                              OVANI_STORE_WAIT_MS);
+        snprintf(path, sizeof path, "%s%d.", OVANI_LAN_ETHERNET_PATH, port);
+        zkcfg_setsingleparamval(path, "Status", status.link_up == 1 ? "Up" : "NoLink", OVANI_STORE_WAIT_MS);
     }
     ovani_log(VELM_LOG_DEBUG, "ovani_node_port_status_init finish\n");
     return R_OK;
@@ -106,10 +52,10 @@ int ovani_node_port_status_init()
 
 namespace {
 
-// Takes over what differs from a port's last work mode. Null, with the reason logged as `function`, when
-// there is nothing to apply; `complete` then tells whether the port has a configuration.
-const LanEthIntfWorkMode *changed_work_mode(const char *function, int port, const char *max_bit_rate,
-                                            const char *duplex_mode, bool &complete)
+// Takes over what differs from a port's last work mode. Null, with the reason logged, when there is nothing
+// to apply; `complete` then tells whether the port has a configuration.
+const LanEthIntfWorkMode *changed_work_mode(int port, const char *max_bit_rate, const char *duplex_mode,
+                                            bool &complete, const char *function = __builtin_FUNCTION())
 {
     complete = false;
     if (port < 1 || port > MAX_LAN_PORT) {
@@ -145,9 +91,9 @@ uint32_t rate_of(const char *text, std::initializer_list<uint32_t> rates)
     return 0;
 }
 
-constexpr std::initializer_list<uint32_t> full_duplex_rates = {PON_PORT_RATE_10M, PON_PORT_RATE_100M,
+constexpr std::initializer_list<uint32_t> FULL_DUPLEX_RATES = {PON_PORT_RATE_10M, PON_PORT_RATE_100M,
                                                                PON_PORT_RATE_1000M, PON_PORT_RATE_2500M};
-constexpr std::initializer_list<uint32_t> half_duplex_rates = {PON_PORT_RATE_10M, PON_PORT_RATE_100M};
+constexpr std::initializer_list<uint32_t> HALF_DUPLEX_RATES = {PON_PORT_RATE_10M, PON_PORT_RATE_100M};
 
 } // namespace
 
@@ -157,14 +103,14 @@ int ovani_lan_eth_workmode_set(int lan_eth_id, const LanEthIntfWorkMode *lanwork
               lanworkmode->MaxBitRate, lanworkmode->DuplexMode);
     bool complete = false;
     const LanEthIntfWorkMode *mode =
-        changed_work_mode(__func__, lan_eth_id, lanworkmode->MaxBitRate, lanworkmode->DuplexMode, complete);
+        changed_work_mode(lan_eth_id, lanworkmode->MaxBitRate, lanworkmode->DuplexMode, complete);
     if (mode == nullptr) {
         return complete ? 0 : -1;
     }
     PON_ETH_PORT_WORK_MODE_T record{
         .port_index = static_cast<uint32_t>(lan_eth_id), .auto_neg_enable = 1, .rate = 0, .duplex_mode = 0};
     record.rate = strcmp(mode->MaxBitRate, "Auto") == 0 ? static_cast<uint32_t>(PON_PORT_RATE_1000M)
-                                                        : rate_of(mode->MaxBitRate, full_duplex_rates);
+                                                        : rate_of(mode->MaxBitRate, FULL_DUPLEX_RATES);
     if (strcmp(mode->DuplexMode, "Auto") == 0) {
         record.duplex_mode = PON_PORT_DUPLEX_HALF;
     } else if (strcmp(mode->DuplexMode, "Full") == 0) {
@@ -188,25 +134,24 @@ int ovani_lan_eth_workmode_set(int lan_eth_id, const LanEthIntfWorkMode *lanwork
 namespace {
 
 // The port an object path names, or -1. No offset for Wi-Fi here.
-int lan_port_of_path(const char *obj_url)
+int lan_port_of_path(const char *obj_url, const char *function = __builtin_FUNCTION())
 {
-    constexpr char function[] = "ovani_set_lanport_cfg_process";
     bool under_lan_interfaces = false;
-    int index = lan_interface_of_path(function, obj_url, ovani_lan_port_count(), under_lan_interfaces);
+    int index = lan_interface_of_path(obj_url, ovani_lan_port_count(), under_lan_interfaces, function);
     if (index != -1 && !under_lan_interfaces) {
         ovani_log_as(function, VELM_LOG_DEBUG, "lan_eth_inf_idx is %d.\n", index);
     }
     return index;
 }
 
-// Any text but "1" and "0" asks to disable port 0, which the driver does not have.
-void set_port_state(int port, const char *enable)
+// KEPT: any text but "1" and "0" asks to disable port 0, which the driver does not have.
+void set_port_state(int port, const char *enable, const char *function = __builtin_FUNCTION())
 {
     PON_ETH_PORT_STATE_T state{};
     if (strcmp(enable, "1") == 0 || strcmp(enable, "0") == 0) {
         state.port_index = static_cast<uint32_t>(port);
         state.enable = enable[0] == '1' ? 1 : 0;
-        ovani_log_as("ovani_set_lanport_cfg_process", VELM_LOG_DEBUG, "LAN port Enable is %s\n", enable);
+        ovani_log_as(function, VELM_LOG_DEBUG, "LAN port Enable is %s\n", enable);
     }
     qvdrv_pon_set_eth_port_state(&state);
 }
@@ -216,8 +161,7 @@ void ovani_lan_port_workmode_set(int port, const LanEthInterfaceParam &params)
     ovani_log(VELM_LOG_DEBUG, "lan_eth_id=%d ,MaxBitRate=%s, DuplexMode=%s\n", port, params.MaxBitRate,
               params.DuplexMode);
     bool complete = false;
-    const LanEthIntfWorkMode *mode =
-        changed_work_mode(__func__, port, params.MaxBitRate, params.DuplexMode, complete);
+    const LanEthIntfWorkMode *mode = changed_work_mode(port, params.MaxBitRate, params.DuplexMode, complete);
     if (mode == nullptr) {
         return;
     }
@@ -226,10 +170,10 @@ void ovani_lan_port_workmode_set(int port, const LanEthInterfaceParam &params)
         record.auto_neg_enable = 1;
     } else if (strcmp(mode->DuplexMode, "Full") == 0) {
         record.duplex_mode = PON_PORT_DUPLEX_FULL;
-        record.rate = rate_of(mode->MaxBitRate, full_duplex_rates);
+        record.rate = rate_of(mode->MaxBitRate, FULL_DUPLEX_RATES);
     } else if (strcmp(mode->DuplexMode, "Half") == 0) {
         record.duplex_mode = PON_PORT_DUPLEX_HALF;
-        record.rate = rate_of(mode->MaxBitRate, half_duplex_rates);
+        record.rate = rate_of(mode->MaxBitRate, HALF_DUPLEX_RATES);
     }
     ovani_log(VELM_LOG_DEBUG, "auto_neg_enable=%d ,duplex_mode=%d,port_index=%d,rate=%d\n",
               static_cast<int>(record.auto_neg_enable), static_cast<int>(record.duplex_mode), port,
@@ -262,7 +206,7 @@ int ovani_set_lanport_cfg_process(const char *obj_url, const LanEthInterfacePara
 
 void ovani_port_up_down_set(unsigned char port_index, unsigned char status)
 {
-    bool in_range = port_index >= 1 && port_index <= MAX_LAN_PORT;
+    bool in_range = port_index <= MAX_LAN_PORT;
     if (in_range && status == 1) {
         g_port_link_status[port_index].link_up = 1;
         ovani_log(VELM_LOG_DEBUG, "g_port_link_status port Status change Up\n");

@@ -1,32 +1,17 @@
 // LAN Ethernet ports: work mode, enable, link state.
 #pragma once
 
-#include <cstddef>
-
-#include "ovani/ovani_lan_port_config.h"
+#include "ovani/ovani_lan_port.h"
 #include "platform/qvdrv_pon_api.h"
-
-inline constexpr char OVANI_LAN_ETHERNET_PATH[] =
-    "InternetGatewayDevice.LANDevice.1.LANEthernetInterfaceConfig.";
-inline constexpr char OVANI_WLAN_PATH[] = "InternetGatewayDevice.LANDevice.1.WLANConfiguration.";
-
-// Ports are numbered from 1; row 0 of the tables stays empty.
-inline constexpr int MAX_LAN_PORT = 24;
 
 struct LanEthIntfWorkMode {
     char MaxBitRate[LAN_PARAM_LEN]; // "Auto" or Mbit/s
     char DuplexMode[LAN_PARAM_LEN]; // "Auto", "Full" or "Half"
 };
 
+// By port number; row 0 is that of hosts behind an interface that is no port.
 extern LanEthIntfWorkMode g_LanWorkMode[MAX_LAN_PORT + 1]; // the last values applied
 extern PON_ETH_PORT_LINK_STATUS_T g_port_link_status[MAX_LAN_PORT + 1];
-extern unsigned int g_lan_inf_num; // LAN Ethernet ports of the device, at most MAX_LAN_PORT
-
-// The same as a number to compare ports with.
-int ovani_lan_port_count();
-
-// Asks the system manager for the port count, if nobody has yet.
-void ovani_lan_port_count_init();
 
 // Chooses the operator's parser, applies every port's work mode from the store and publishes the link states.
 // R_OK.
@@ -43,7 +28,6 @@ int ovani_lan_eth_workmode_set(int lan_eth_id, const LanEthIntfWorkMode *lanwork
 // when the path and the parameters could be used, else 0.
 int ovani_set_lanport_cfg_process(const char *obj_url, const LanEthInterfaceParam *params);
 
-// Notes a link change: status 1 is up, 0 is down. Any other status is only logged. The link events pass the
-// characters '1' and '0', so that in operation the table keeps the states of start-up; that has always been
-// so.
+// Notes a link change: status 1 is up, 0 is down. Any other status is only logged. KEPT: the link events pass
+// the characters '1' and '0', so that in operation the table keeps the states of start-up.
 void ovani_port_up_down_set(unsigned char port_index, unsigned char status);

@@ -1,12 +1,10 @@
 #include "ovani/ovani_shell.h"
 
-#include <algorithm>
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
-#include <netinet/in.h>
 #include <strings.h>
 
 #include "ovani/ovani_commdef.h"
@@ -14,32 +12,24 @@
 #include "ovani/ovani_log.h"
 #include "platform/zkcfgif.h"
 
-bool is_address_text(const char *text)
-{
-    std::string_view address{text_or_empty(text)};
-    return !address.empty() && address.size() < INET6_ADDRSTRLEN &&
-           std::ranges::all_of(address,
-                               [](unsigned char c) { return isxdigit(c) != 0 || c == ':' || c == '.'; });
-}
-
 namespace {
 
 // The first line of a command's output, cut at the buffer's size; false when there is none.
 template <size_t N>
 bool first_line(const char *command, char (&line)[N])
 {
-    UniquePipe pipe{popen(command, "r")};
+    UniquePipe pipe{popen(command, "re")};
     return pipe != nullptr && fgets(line, N, pipe.get()) != nullptr;
 }
 
-constexpr size_t command_length = 256;
-constexpr size_t line_length = 128;
+constexpr size_t COMMAND_LENGTH = 256;
+constexpr size_t LINE_LENGTH = 128;
 
 } // namespace
 
 void get_cmd_res(const char *cmd, char *res_string, size_t size)
 {
-    UniquePipe pipe{popen(cmd, "r")};
+    UniquePipe pipe{popen(cmd, "re")};
     if (pipe == nullptr || res_string == nullptr || size == 0) {
         return;
     }
@@ -68,14 +58,14 @@ int ovani_get_mac_by_ipv6(const char *v6_addr, char *mac, size_t size)
     if (mac == nullptr || size == 0 || !is_address_text(v6_addr)) {
         return -1;
     }
-    char command[command_length];
-    char line[line_length];
+    char command[COMMAND_LENGTH];
+    char line[LINE_LENGTH];
     snprintf(command, sizeof command, "ip -6 neigh|grep -i %s|grep lladdr", v6_addr);
     if (!first_line(command, line)) {
         return -1;
     }
     // "<address> dev <device> lladdr <link-layer address> ..."
-    char device[line_length];
+    char device[LINE_LENGTH];
     char lladdr[NEIGHBOUR_MAC_LEN];
     if (sscanf(line, "%*s%*s%127s%*s%31s", device, lladdr) != 2 || strcmp(device, OVANI_BR_NAME) != 0) {
         return -1;
@@ -92,8 +82,8 @@ int ovani_get_mac_by_ipv6(const char *v6_addr, char *mac)
 int get_brctl_info_from_mac(const char *macaddr, BRCTL_MACS_INFO *info)
 {
     if (is_address_text(macaddr)) {
-        char command[command_length];
-        char line[line_length];
+        char command[COMMAND_LENGTH];
+        char line[LINE_LENGTH];
         snprintf(command, sizeof command,
                  "brctl showmacs br0 |grep -i %s | awk '{print $(NF-2),$(NF-1),$NF}'", macaddr);
         static_assert(sizeof info->islocal == 8 && sizeof info->agetime == 16 && sizeof info->intf == 16);
@@ -112,36 +102,33 @@ int get_brctl_info_from_mac(const char *macaddr, BRCTL_MACS_INFO *info)
 
 namespace {
 
-// The log lines below name the public function, whichever step they come from.
-constexpr char mesh_function[] = "ovani_meshhost_connect_type_get";
-
-constexpr int mesh_repeaters = 4;
+constexpr int MESH_REPEATERS = 4;
 constexpr char OVANI_MESH_REPEATER_PATH[] =
     "InternetGatewayDevice.LANDevice.1.WLANMeshConfiguration.Controller.Repeater.";
 
-int bridged_host_connect_type(const char *host_mac, char *type, size_t size)
+int bridged_host_connect_type(const char *host_mac, char *type, size_t size, const char *function)
 {
     char main_ifname[GET_CMD_RES_LEN] = {};
     if (is_address_text(host_mac)) {
-        char command[command_length];
+        char command[COMMAND_LENGTH];
         snprintf(command, sizeof command, "brctl showmacs br0 | grep -i %s | awk '{print $NF}'", host_mac);
         get_cmd_res(command, main_ifname, sizeof main_ifname);
     }
-    ovani_log_as(mesh_function, VELM_LOG_DEBUG, "%s:%d host_mac=%s main_ifname=%s\n", mesh_function, __LINE__,
-                 host_mac, main_ifname);
+    ovani_log_as(function, VELM_LOG_DEBUG, "%s:%d host_mac=%s main_ifname=%s\n", function, __LINE__, host_mac,
+                 main_ifname);
     snprintf(type, size, "%s", strstr(main_ifname, "ra") != nullptr ? "wireless" : "wired");
     return 0;
 }
 
-int mesh_repeater_connect_type(const char *host_mac, char *type, size_t size)
+int mesh_repeater_connect_type(const char *host_mac, char *type, size_t size, const char *function)
 {
-    for (int i = 1; i <= mesh_repeaters; ++i) {
+    for (int i = 1; i <= MESH_REPEATERS; ++i) {
         char url[OVANI_URL_LEN];
         snprintf(url, sizeof url, "%s%d.", OVANI_MESH_REPEATER_PATH, i);
         char mac_br0[OVANI_VALUE_LEN] = {};
         if (zkcfg_getsingleparamval(url, "mac_br0", mac_br0, OVANI_STORE_WAIT_MS) != 0) {
-            ovani_log_as(mesh_function, VELM_LOG_DEBUG, "%s:%d zkcfg_getsingleparamval error\n",
-                         mesh_function, __LINE__);
+            ovani_log_as(function, VELM_LOG_DEBUG, "%s:%d zkcfg_getsingleparamval error\n", function,
+                         __LINE__);
         }
         if (strcasecmp(mac_br0, host_mac) != 0) {
             continue;
@@ -149,12 +136,11 @@ int mesh_repeater_connect_type(const char *host_mac, char *type, size_t size)
         [[maybe_unused]] int status = system("meshinfo repeater_update");
         char connect_type[OVANI_VALUE_LEN] = {};
         if (zkcfg_getsingleparamval(url, "connect_type", connect_type, OVANI_STORE_WAIT_MS) != 0) {
-            ovani_log_as(mesh_function, VELM_LOG_DEBUG, "%s:%d zkapi_singlevalue_get error\n", mesh_function,
-                         __LINE__);
+            ovani_log_as(function, VELM_LOG_DEBUG, "%s:%d zkapi_singlevalue_get error\n", function, __LINE__);
         }
         snprintf(type, size, "%s", connect_type);
-        ovani_log_as(mesh_function, VELM_LOG_DEBUG, "%s:%d host_mac=%s connect_type=%s, url=%s\n",
-                     mesh_function, __LINE__, host_mac, type, url);
+        ovani_log_as(function, VELM_LOG_DEBUG, "%s:%d host_mac=%s connect_type=%s, url=%s\n", function,
+                     __LINE__, host_mac, type, url);
         return 0;
     }
     return -1;
@@ -167,11 +153,25 @@ int ovani_meshhost_connect_type_get(const char *host_mac, char *type, size_t siz
     if (host_mac == nullptr || type == nullptr) {
         return -1;
     }
-    return isMeshSlave == 0 ? bridged_host_connect_type(host_mac, type, size)
-                            : mesh_repeater_connect_type(host_mac, type, size);
+    return isMeshSlave == 0 ? bridged_host_connect_type(host_mac, type, size, __func__)
+                            : mesh_repeater_connect_type(host_mac, type, size, __func__);
 }
 
 int ovani_meshhost_connect_type_get(const char *host_mac, char *type, int isMeshSlave)
 {
     return ovani_meshhost_connect_type_get(host_mac, type, CONNECT_TYPE_LEN, isMeshSlave);
+}
+
+int del_item_from_arp(const char *mac_str)
+{
+    if (!is_address_text(mac_str)) {
+        ovani_log(VELM_LOG_ERR, "del_item_from_arp. Invalid param. \n ");
+        return R_ERROR;
+    }
+    char command[COMMAND_LENGTH];
+    snprintf(command, sizeof command, "/sbin/arp -d `cat /proc/net/arp | grep -i %s | awk '{ print $1 }'`",
+             mac_str);
+    ovani_log(VELM_LOG_DEBUG, "del_item_from_arp. CMD is %s .\n ", command);
+    [[maybe_unused]] int status = system(command);
+    return R_OK;
 }

@@ -19,11 +19,6 @@ inline constexpr size_t GET_CMD_RES_LEN = 32;
 inline constexpr size_t NEIGHBOUR_MAC_LEN = 32;
 inline constexpr size_t CONNECT_TYPE_LEN = 16;
 
-// Whether `text` is non-empty, no longer than an IPv6 address can be, and holds nothing but hexadecimal
-// digits,
-// ':' and '.'.
-bool is_address_text(const char *text);
-
 // Runs a command and gives the first word of its output, cut at the buffer's size. Null discards the output.
 // An output without any word, or a command that cannot be run, leaves the buffer alone.
 void get_cmd_res(const char *cmd, char *res_string);
@@ -42,3 +37,6 @@ int get_brctl_info_from_mac(const char *macaddr, BRCTL_MACS_INFO *info);
 // known or an argument is null.
 int ovani_meshhost_connect_type_get(const char *host_mac, char *type, int isMeshSlave);
 int ovani_meshhost_connect_type_get(const char *host_mac, char *type, size_t size, int isMeshSlave);
+
+// Removes the kernel's ARP entries of a MAC given as text. R_OK, or R_ERROR for what is no address.
+int del_item_from_arp(const char *mac_str);

@@ -1,5 +1,4 @@
-// The external LAN speed tool. Nothing starts it at start-up; whoever does gives the monitor a thread of its
-// own.
+// The external LAN speed tool. UNUSED: whoever starts it gives the monitor a thread of its own.
 #pragma once
 
 inline constexpr char LANSPEED_BIN_PATH[] = "/qvrom/bin/lanspeed";

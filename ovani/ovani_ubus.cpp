@@ -1,18 +1,24 @@
 #include "ovani/ovani_ubus.h"
 
+#include <algorithm>
 #include <cstring>
 #include <iterator>
 
 #include <arpa/inet.h>
 
+#include "ovani/ovani_announce.h"
 #include "ovani/ovani_commdef.h"
-#include "ovani/ovani_event.h"
+#include "ovani/ovani_event_arp.h"
+#include "ovani/ovani_event_dhcp.h"
+#include "ovani/ovani_event_discovery.h"
+#include "ovani/ovani_event_mac.h"
+#include "ovani/ovani_event_port.h"
+#include "ovani/ovani_event_wifi.h"
 #include "ovani/ovani_host_config.h"
 #include "ovani/ovani_lan_port_config.h"
 #include "ovani/ovani_log.h"
+#include "ovani/ovani_operator.h"
 #include "ovani/ovani_port_mgr.h"
-
-ubus_context *s_ovani_ctx;
 
 namespace {
 
@@ -26,7 +32,7 @@ int ovani_devfuc_lanhost_cfg_handle(ubus_context *ctx, ubus_object *obj, ubus_re
 
 // The path of the object that changed, and its changed parameters.
 enum { CONFIG_PORT_SET_URL_STRING, CONFIG_PORT_SET_PARAM_TABLE, __CONFIG_PORT_SET_MAX };
-constexpr blobmsg_policy config_port_policy[__CONFIG_PORT_SET_MAX] = {
+constexpr blobmsg_policy CONFIG_PORT_POLICY[__CONFIG_PORT_SET_MAX] = {
     {"url", BLOBMSG_TYPE_STRING},
     {"data", BLOBMSG_TYPE_TABLE},
 };
@@ -36,12 +42,12 @@ constexpr ubus_method make_method(const char *name, ubus_handler_t handler)
     ubus_method method{};
     method.name = name;
     method.handler = handler;
-    method.policy = config_port_policy;
+    method.policy = CONFIG_PORT_POLICY;
     method.n_policy = __CONFIG_PORT_SET_MAX;
     return method;
 }
 
-constexpr ubus_method ovani_methods[] = {
+constexpr ubus_method OVANI_METHODS[] = {
     make_method("ovani_devfuc_port_cfg", ovani_devfuc_port_cfg_handle),
     make_method("set_lanhost_config", ovani_devfuc_lanhost_cfg_handle),
 };
@@ -50,8 +56,8 @@ ubus_object_type make_object_type()
 {
     ubus_object_type type{};
     type.name = "ovani";
-    type.methods = ovani_methods;
-    type.n_methods = std::size(ovani_methods);
+    type.methods = OVANI_METHODS;
+    type.n_methods = std::size(OVANI_METHODS);
     return type;
 }
 
@@ -60,8 +66,8 @@ ubus_object make_object(ubus_object_type *type)
     ubus_object object{};
     object.name = "ovani";
     object.type = type;
-    object.methods = ovani_methods;
-    object.n_methods = std::size(ovani_methods);
+    object.methods = OVANI_METHODS;
+    object.n_methods = std::size(OVANI_METHODS);
     return object;
 }
 
@@ -74,19 +80,14 @@ ubus_object ovani_object = make_object(&s_ovani_object_type);
 
 namespace {
 
-constexpr blobmsg_policy arp_struct_policy[] = {{"arp_struct", BLOBMSG_TYPE_UNSPEC}};
-constexpr blobmsg_policy mac_struct_policy[] = {{"mac_struct", BLOBMSG_TYPE_UNSPEC}};
-constexpr blobmsg_policy port_status_struct_policy[] = {{"port_status_struct", BLOBMSG_TYPE_UNSPEC}};
-constexpr blobmsg_policy wifi_user_struct_policy[] = {{"wifi_user_struct", BLOBMSG_TYPE_UNSPEC}};
-constexpr blobmsg_policy dhcp_user_struct_policy[] = {{"dhcp_user_string", BLOBMSG_TYPE_STRING}};
-
-// The attribute a policy names; null, with `missing` logged as `function`, when the message lacks it.
-blob_attr *take_attribute(const char *function, const blobmsg_policy *policy, const char *missing,
-                          blob_attr *msg)
+// The attribute that an event's row names; null, with `missing` logged, when the message lacks it.
+blob_attr *take_attribute(const EventKind &kind, enum blobmsg_type type, const char *missing, blob_attr *msg,
+                          const char *function)
 {
+    const blobmsg_policy policy{kind.attribute, type};
     blob_attr *attribute = nullptr;
     if (msg != nullptr) {
-        blobmsg_parse(policy, 1, &attribute, blob_data(msg), static_cast<unsigned>(blob_len(msg)));
+        blobmsg_parse(&policy, 1, &attribute, blob_data(msg), static_cast<unsigned>(blob_len(msg)));
     }
     if (attribute == nullptr) {
         ovani_log_as(function, VELM_LOG_ERR, "%s", missing);
@@ -94,23 +95,23 @@ blob_attr *take_attribute(const char *function, const blobmsg_policy *policy, co
     return attribute;
 }
 
-// Copies the raw record of an event, whose fields end `wire_length` bytes into it. False, with the reason
-// logged as `function`, when the message lacks it or it is cut short. A copy, because an attribute need not
-// hold the padding behind the last field and its texts need not be terminated.
+// Copies the raw record of an event. False, with the reason logged, when the message lacks it or it is cut
+// short. A copy, because an attribute need not hold the padding behind the last field and its texts need not
+// be terminated.
 template <typename Record>
-bool take_record(const char *function, const blobmsg_policy *policy, const char *missing, size_t wire_length,
-                 blob_attr *msg, Record &record)
+bool take_record(const EventKind &kind, const char *missing, blob_attr *msg, Record &record,
+                 const char *function = __builtin_FUNCTION())
 {
-    blob_attr *attribute = take_attribute(function, policy, missing, msg);
+    blob_attr *attribute = take_attribute(kind, BLOBMSG_TYPE_UNSPEC, missing, msg, function);
     if (attribute == nullptr) {
         return false;
     }
     const void *data = lib_zk_blobmsg_get_struct(attribute);
-    if (data == nullptr || blobmsg_data_len(attribute) < wire_length) {
+    if (data == nullptr || blobmsg_data_len(attribute) < kind.wire_length) {
         ovani_log_as(function, VELM_LOG_DEBUG, "bd is NULL\n");
         return false;
     }
-    memcpy(&record, data, wire_length);
+    memcpy(&record, data, std::min(kind.wire_length, sizeof record));
     return true;
 }
 
@@ -120,12 +121,11 @@ void terminate(char (&text)[N])
     text[N - 1] = '\0';
 }
 
-void ovani_arp_ubus_handle_event(blob_attr *msg)
+void ovani_arp_ubus_handle_event(const EventKind &kind, blob_attr *msg)
 {
     ovani_log(VELM_LOG_DEBUG, "Receive arp event message.\n");
     ovani_arp_event event{};
-    if (!take_record(__func__, arp_struct_policy, "ovani_arp_ubus_handle_event,data=0 error.\n",
-                     OVANI_ARP_EVENT_WIRE_LEN, msg, event)) {
+    if (!take_record(kind, "ovani_arp_ubus_handle_event,data=0 error.\n", msg, event)) {
         return;
     }
     terminate(event.brname);
@@ -138,12 +138,11 @@ void ovani_arp_ubus_handle_event(blob_attr *msg)
     ovani_arp_event_process(&event);
 }
 
-void ovani_mac_ubus_handle_event(blob_attr *msg)
+void ovani_mac_ubus_handle_event(const EventKind &kind, blob_attr *msg)
 {
     ovani_log(VELM_LOG_DEBUG, "Receive mac event message.\n");
     ovani_mac_event event{};
-    if (!take_record(__func__, mac_struct_policy, "ovani_mac_ubus_handle_event,data=0 error.\n",
-                     OVANI_MAC_EVENT_WIRE_LEN, msg, event)) {
+    if (!take_record(kind, "ovani_mac_ubus_handle_event,data=0 error.\n", msg, event)) {
         return;
     }
     terminate(event.eth_num);
@@ -156,12 +155,11 @@ void ovani_mac_ubus_handle_event(blob_attr *msg)
     }
 }
 
-void ovani_port_status_ubus_handle_event(blob_attr *msg)
+void ovani_port_status_ubus_handle_event(const EventKind &kind, blob_attr *msg)
 {
     ovani_log(VELM_LOG_DEBUG, "Receive port event message.\n");
     ovani_port_status_event event{};
-    if (!take_record(__func__, port_status_struct_policy, "ovani_port_ubus_handle_event,data=0 error.\n",
-                     OVANI_PORT_STATUS_EVENT_WIRE_LEN, msg, event)) {
+    if (!take_record(kind, "ovani_port_ubus_handle_event,data=0 error.\n", msg, event)) {
         return;
     }
     ovani_log(VELM_LOG_DEBUG, "port status event message,port=%d, action=%s.\n", event.port,
@@ -169,12 +167,11 @@ void ovani_port_status_ubus_handle_event(blob_attr *msg)
     ovani_port_status_event_process(&event);
 }
 
-void ovani_wifi_user_ubus_handle_event(blob_attr *msg)
+void ovani_wifi_user_ubus_handle_event(const EventKind &kind, blob_attr *msg)
 {
     ovani_log(VELM_LOG_DEBUG, "Receive wifi event message.\n");
     ovani_wifi_event event{};
-    if (!take_record(__func__, wifi_user_struct_policy, "ovani_wifi_ubus_handle_event,data=0 error.\n",
-                     OVANI_WIFI_EVENT_WIRE_LEN, msg, event)) {
+    if (!take_record(kind, "ovani_wifi_ubus_handle_event,data=0 error.\n", msg, event)) {
         return;
     }
     ovani_log(VELM_LOG_DEBUG, "wifi user event event message,user mac=%s, action=%s.\n",
@@ -182,11 +179,11 @@ void ovani_wifi_user_ubus_handle_event(blob_attr *msg)
     ovani_wifi_user_event_process(&event);
 }
 
-void ovani_dhcpd_user_ubus_handle_event(blob_attr *msg)
+void ovani_dhcpd_user_ubus_handle_event(const EventKind &kind, blob_attr *msg)
 {
     ovani_log(VELM_LOG_DEBUG, "Receive dhcpd event message.\n");
-    blob_attr *attribute = take_attribute(__func__, dhcp_user_struct_policy,
-                                          "ovani_dhcpd_user_ubus_handle_event,data=0 error.\n", msg);
+    blob_attr *attribute = take_attribute(
+        kind, BLOBMSG_TYPE_STRING, "ovani_dhcpd_user_ubus_handle_event,data=0 error.\n", msg, __func__);
     if (attribute == nullptr) {
         return;
     }
@@ -199,7 +196,7 @@ void ovani_dhcpd_user_ubus_handle_event(blob_attr *msg)
     ovani_dhcpd_user_event_process(text);
 }
 
-void ovani_handle_wanchange_info(blob_attr *)
+void ovani_handle_wanchange_info(const EventKind &, blob_attr *)
 {
     ovani_log(VELM_LOG_DEBUG, "Receive wanchange message.\n");
     ovani_rebind_port_vlan();
@@ -207,19 +204,19 @@ void ovani_handle_wanchange_info(blob_attr *)
 
 // The events, in the order in which they are subscribed and compared. Where a failed subscription drops the
 // handler, it drops the names subscribed before it with it: they share the one handler.
-struct event_entry {
-    const char *name;
-    void (*handle)(blob_attr *msg);
+struct Subscription {
+    const EventKind *kind;
+    void (*handle)(const EventKind &kind, blob_attr *msg);
     bool unregister_on_failure;
 };
 
-constexpr event_entry events[] = {
-    {UBUS_EVENT_ARP_INFO, ovani_arp_ubus_handle_event, false},
-    {UBUS_EVENT_MAC_ADDR_INFO, ovani_mac_ubus_handle_event, true},
-    {UBUS_EVENT_UNI_PORT_LINK_STATE, ovani_port_status_ubus_handle_event, false},
-    {UBUS_EVENT_WIFI_ON_OFF, ovani_wifi_user_ubus_handle_event, true},
-    {UBUS_EVENT_DHCP_USER_CONN, ovani_dhcpd_user_ubus_handle_event, true},
-    {UBUS_EVENT_WAN_VLAN_INFO, ovani_handle_wanchange_info, true},
+constexpr Subscription SUBSCRIPTIONS[] = {
+    {find_event(UBUS_EVENT_ARP_INFO), ovani_arp_ubus_handle_event, false},
+    {find_event(UBUS_EVENT_MAC_ADDR_INFO), ovani_mac_ubus_handle_event, true},
+    {find_event(UBUS_EVENT_UNI_PORT_LINK_STATE), ovani_port_status_ubus_handle_event, false},
+    {find_event(UBUS_EVENT_WIFI_ON_OFF), ovani_wifi_user_ubus_handle_event, true},
+    {find_event(UBUS_EVENT_DHCP_USER_CONN), ovani_dhcpd_user_ubus_handle_event, true},
+    {find_event(UBUS_EVENT_WAN_VLAN_INFO), ovani_handle_wanchange_info, true},
 };
 
 } // namespace
@@ -227,9 +224,9 @@ constexpr event_entry events[] = {
 void ubus_handle_event_msg(ubus_context *, ubus_event_handler *, const char *type, blob_attr *msg)
 {
     ovani_log(VELM_LOG_DEBUG, "Receive event.\n");
-    for (const event_entry &event : events) {
-        if (strcmp(type, event.name) == 0) {
-            event.handle(msg);
+    for (const Subscription &subscription : SUBSCRIPTIONS) {
+        if (subscription.kind->name == type) {
+            subscription.handle(*subscription.kind, msg);
             return;
         }
     }
@@ -242,17 +239,17 @@ namespace {
 // A request carries fewer pairs than this.
 constexpr unsigned MAX_PARAM_NUM_IN_ONE_OBJ = 1000;
 
-struct config_request {
+struct ConfigRequest {
     char *url;
     blob_attr *data;
 };
 
-// Takes a request apart. UBUS_STATUS_OK, or what the method is to return, logged as `function`.
-int take_config_request(const char *function, blob_attr *msg, config_request &request)
+// Takes a request apart. UBUS_STATUS_OK, or what the method is to return.
+int take_config_request(blob_attr *msg, ConfigRequest &request, const char *function = __builtin_FUNCTION())
 {
     blob_attr *attributes[__CONFIG_PORT_SET_MAX] = {};
     if (msg != nullptr) {
-        blobmsg_parse(config_port_policy, __CONFIG_PORT_SET_MAX, attributes, blob_data(msg),
+        blobmsg_parse(CONFIG_PORT_POLICY, __CONFIG_PORT_SET_MAX, attributes, blob_data(msg),
                       static_cast<unsigned>(blob_len(msg)));
     }
     if (attributes[CONFIG_PORT_SET_URL_STRING] == nullptr ||
@@ -272,7 +269,7 @@ int take_config_request(const char *function, blob_attr *msg, config_request &re
     return UBUS_STATUS_OK;
 }
 
-void offer_pairs(const config_request &request, ubus_KV_Set_Func parser, void *priv)
+void offer_pairs(const ConfigRequest &request, ubus_KV_Set_Func parser, void *priv)
 {
     ubus_parse_kv_config(blobmsg_data(request.data), static_cast<int>(blobmsg_data_len(request.data)), parser,
                          priv);
@@ -283,8 +280,8 @@ int ovani_devfuc_port_cfg_handle(ubus_context *, ubus_object *, ubus_request_dat
 {
     ovani_log(VELM_LOG_DEBUG, "ovani_devfuc_eth_cfg_handle start!\n");
     LanEthInterfaceParam param{};
-    config_request request{};
-    int status = take_config_request(__func__, msg, request);
+    ConfigRequest request{};
+    int status = take_config_request(msg, request);
     if (status != UBUS_STATUS_OK) {
         return status;
     }
@@ -299,8 +296,8 @@ int ovani_devfuc_lanhost_cfg_handle(ubus_context *, ubus_object *, ubus_request_
                                     blob_attr *msg)
 {
     ovani_log(VELM_LOG_DEBUG, "ovani_devfuc_lanhost_cfg_handle start!\n");
-    config_request request{};
-    int status = take_config_request(__func__, msg, request);
+    ConfigRequest request{};
+    int status = take_config_request(msg, request);
     if (status != UBUS_STATUS_OK) {
         return status;
     }
@@ -317,9 +314,9 @@ void ovani_eventmgr_eventway_main(ubus_context *ctx)
     ovani_lanhost_info_init();
     listener = {};
     listener.cb = ubus_handle_event_msg;
-    for (const event_entry &event : events) {
-        if (lib_zk_ubus_register_event_handler(ctx, &listener, event.name) != 0) {
-            if (event.unregister_on_failure) {
+    for (const Subscription &subscription : SUBSCRIPTIONS) {
+        if (lib_zk_ubus_register_event_handler(ctx, &listener, subscription.kind->name.data()) != 0) {
+            if (subscription.unregister_on_failure) {
                 lib_zk_ubus_unregister_event_handler(ctx, &listener);
             }
             ovani_log(VELM_LOG_ERR, "register event failed.\n");

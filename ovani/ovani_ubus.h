@@ -3,9 +3,6 @@
 
 #include "platform/lib_zk_ubus.h"
 
-// The one bus connection; also what the announcements are sent through.
-extern ubus_context *s_ovani_ctx;
-
 // Connects, publishes the object, subscribes, reports ready to the system manager and runs the loop on the
 // calling thread. Returns 0 when the loop has ended. No failure on the way is fatal.
 int ovani_ubus_init();
@@ -22,6 +19,6 @@ void send_ready_msg_2_sysmgr();
 // The handler of all six events: decodes and hands over. Other events are ignored.
 void ubus_handle_event_msg(ubus_context *ctx, ubus_event_handler *ev, const char *type, blob_attr *msg);
 
-// Another way to run the loop, on a thread of its own; nothing uses it.
+// Another way to run the loop, on a thread of its own. UNUSED
 int ovani_eventmgr_ubus_loop();
 void *ovani_handle_eventmgr_ubus_loop();

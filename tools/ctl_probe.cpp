@@ -12,7 +12,7 @@
 
 #include "ovani/ovani_arping.h"
 #include "ovani/ovani_commdef.h"
-#include "ovani/ovani_host_mgr.h"
+#include "ovani/ovani_interface.h"
 #include "tools/text.h"
 
 namespace {

@@ -4,6 +4,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <sstream>
 #include <tuple>
 #include <utility>
@@ -18,7 +19,8 @@ namespace fake {
 
 namespace {
 Platform current;
-}
+std::recursive_mutex in_use; // the contract's calls come from any thread
+} // namespace
 
 Platform &platform()
 {
@@ -81,14 +83,38 @@ std::vector<int> announced_instances()
 
 namespace {
 
+void trace(const std::string &what)
+{
+    if (current.keep_trace) {
+        current.trace.push_back(what);
+    }
+}
+
+// As the contract names them.
+std::ostream &operator<<(std::ostream &out, OBJ_OP op)
+{
+    static const std::map<int, const char *> names{
+        {OBJ_GET, "GET"}, {OBJ_GET_NO_OP, "GET_NO_OP"}, {OBJ_SET, "SET"}, {OBJ_SET_NO_OP, "SET_NO_OP"}};
+    return out << names.at(op);
+}
+
+std::ostream &operator<<(std::ostream &out, OP_DEVFUNC mode)
+{
+    static const char *const names[] = {"CALL",           "NOCALL",        "NOFLASH",
+                                        "NOCALL_NOFLASH", "CALL_NOINFORM", "NOCALL_NOINFORM"};
+    return out << names[mode];
+}
+
 // Notes a call, its words separated by blanks; what it is to fail with.
 template <typename... Word>
 int record(const char *name, const Word &...words)
 {
+    std::scoped_lock lock(in_use);
     std::ostringstream text;
     text << name;
     ((text << ' ' << words), ...);
     current.calls.push_back(text.str());
+    trace(text.str());
     return current.fail ? current.fail(text.str()) : 0;
 }
 
@@ -96,6 +122,7 @@ int record(const char *name, const Word &...words)
 int act(int failure, const std::function<void()> &effect)
 {
     if (failure == 0) {
+        std::scoped_lock lock(in_use);
         effect();
     }
     return failure;
@@ -103,6 +130,7 @@ int act(int failure, const std::function<void()> &effect)
 
 int read_value(const std::string &path, char *value)
 {
+    std::scoped_lock lock(in_use);
     auto found = current.values.find(path);
     if (found == current.values.end()) {
         return 1;
@@ -111,10 +139,52 @@ int read_value(const std::string &path, char *value)
     return 0;
 }
 
+// A member as name=value; of a raw record its texts.
+std::string shown(const blob_attr *member)
+{
+    std::string text = std::string(blobmsg_name(member)) + "=";
+    if (blobmsg_type(member) == BLOBMSG_TYPE_INT32) {
+        return text + std::to_string(blobmsg_get_u32(const_cast<blob_attr *>(member)));
+    }
+    const auto *bytes = static_cast<const char *>(blobmsg_data(member));
+    for (size_t i = 0; i < blobmsg_data_len(member); ++i) {
+        bool begins = i > 0 && bytes[i - 1] == '\0' && bytes[i] != '\0';
+        text += std::string(begins ? "|" : "") + (static_cast<unsigned char>(bytes[i]) >= ' ' ? bytes[i]
+                                                  : bytes[i] != '\0'                          ? '?'
+                                                                                              : '\b');
+    }
+    std::erase(text, '\b');
+    return text;
+}
+
 void send(const std::string &name, const blob_buf &message)
 {
     const char *head = reinterpret_cast<const char *>(message.head);
     current.sent.push_back({name, {head, head + blob_raw_len(message.head)}});
+    blob_attr *member = nullptr;
+    auto rest = static_cast<size_t>(blob_len(message.head));
+    __blob_for_each_attr(member, blob_data(message.head), rest)
+    {
+        trace("message " + shown(member));
+    }
+}
+
+// A parameter of a host needs its object; of the rest of the data model any path will do.
+bool is_in_model(const std::string &path)
+{
+    size_t host = path.find("Hosts.Host.");
+    return host == std::string::npos ||
+           current.objects.contains(path.substr(0, path.find('.', host + strlen("Hosts.Host.")) + 1));
+}
+
+int write_value(const std::string &path, const char *value)
+{
+    std::scoped_lock lock(in_use);
+    if (!is_in_model(path)) {
+        return 1;
+    }
+    current.values[path] = value;
+    return 0;
 }
 
 struct Session {
@@ -127,6 +197,7 @@ struct Session {
 } // namespace fake
 
 using fake::act;
+using fake::in_use;
 using fake::platform;
 using fake::record;
 
@@ -139,14 +210,16 @@ void zk_mod_log_printf(const char *module, int level, const char *fmt, ...)
     va_start(args, fmt);
     vsnprintf(text, sizeof text, fmt, args);
     va_end(args);
+    std::scoped_lock lock(in_use);
     platform().log.push_back({module, level, text});
+    fake::trace(std::string(module) + " " + std::to_string(level) + " " + text);
 }
 
 // --- Configuration store
 
-int zkapi_multinode_sessioncreate(void **session, OBJ_OP op, int)
+int zkapi_multinode_sessioncreate(void **session, OBJ_OP op, int wait)
 {
-    return act(record("session_create"), [=] { *session = new fake::Session{op, {}}; });
+    return act(record("session_create", op, wait), [=] { *session = new fake::Session{op, {}}; });
 }
 
 int zkapi_multinode_sessionprepare(void *session, const char *fullpath, void *data)
@@ -162,14 +235,17 @@ int zkapi_multinode_sessionprocess(void *handle)
     if (int code = record(reads ? "process get" : "process set")) {
         return code;
     }
+    std::scoped_lock lock(in_use);
     if (!reads) {
         platform().written.clear();
     }
     for (auto &[path, data] : session.rows) {
         if (reads) {
             fake::read_value(path, data);
+        } else if (int code = fake::write_value(path, data)) {
+            return code;
         } else {
-            platform().values[path] = data;
+            fake::trace("write " + path + "=" + data);
             platform().written.push_back(path.substr(path.rfind('.') + 1));
         }
     }
@@ -182,20 +258,21 @@ int zkapi_multinode_sessiondestroy(void *session)
     return record("session_destroy");
 }
 
-int zkapi_singlevalue_get(const char *path, char *value, OP_DEVFUNC, int)
+int zkapi_singlevalue_get(const char *path, char *value, OP_DEVFUNC mode, int wait)
 {
-    int code = record("get", path);
+    int code = record("get", path, mode, wait);
     return code != 0 ? code : fake::read_value(path, value);
 }
 
-int zkapi_singlevalue_set(const char *path, const char *value, OP_DEVFUNC, int)
+int zkapi_singlevalue_set(const char *path, const char *value, OP_DEVFUNC mode, int wait)
 {
-    return act(record("set", path), [=] { platform().values[path] = value; });
+    int code = record("set", path, value, mode, wait);
+    return code != 0 ? code : fake::write_value(path, value);
 }
 
-int zkapi_obj_add(const char *objpath, int *instance, OP_DEVFUNC, int)
+int zkapi_obj_add(const char *objpath, int *instance, OP_DEVFUNC mode, int wait)
 {
-    if (int code = record("obj_add", objpath)) {
+    if (int code = record("obj_add", objpath, mode, wait)) {
         return code;
     }
     auto path_of = [&](int number) { return objpath + std::to_string(number) + "."; };
@@ -209,29 +286,31 @@ int zkapi_obj_add(const char *objpath, int *instance, OP_DEVFUNC, int)
     return 0;
 }
 
-int zkapi_obj_del(const char *objpath, int instance, OP_DEVFUNC, int)
+int zkapi_obj_del(const char *objpath, int instance, OP_DEVFUNC mode, int wait)
 {
     std::string path = objpath + std::to_string(instance) + ".";
-    if (int code = record("obj_del", path)) {
+    if (int code = record("obj_del", path, mode, wait)) {
         return code;
     }
     std::erase_if(platform().values, [&](const auto &entry) { return entry.first.starts_with(path); });
     return platform().objects.erase(path) == 1 ? 0 : 1;
 }
 
-int zkapi_obj_checkexist(const char *objpath, int)
+int zkapi_obj_checkexist(const char *objpath, int wait)
 {
-    return record("exists", objpath) == 0 && platform().objects.contains(objpath) ? 1 : 0;
+    return record("exists", objpath, wait) == 0 && platform().objects.contains(objpath) ? 1 : 0;
 }
 
 int zkcfg_getsingleparamval(const char *objpath, const char *param, char *value, int wait)
 {
-    return zkapi_singlevalue_get((std::string(objpath) + param).c_str(), value, DEVFUNC_NOCALL, wait);
+    int code = record("get_param", objpath, param, wait);
+    return code != 0 ? code : fake::read_value(std::string(objpath) + param, value);
 }
 
 int zkcfg_setsingleparamval(const char *objpath, const char *param, const char *value, int wait)
 {
-    return zkapi_singlevalue_set((std::string(objpath) + param).c_str(), value, DEVFUNC_NOCALL, wait);
+    int code = record("set_param", objpath, param, value, wait);
+    return code != 0 ? code : fake::write_value(std::string(objpath) + param, value);
 }
 
 // --- System manager and drivers

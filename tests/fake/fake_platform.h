@@ -51,8 +51,12 @@ struct Platform {
     // What happened.
     std::vector<LogLine> log;
     std::vector<Sent> sent;
-    std::vector<std::string> calls; // every contract call that does something, in order: "obj_add <path>" ...
+    // Every contract call that does something, in order, with all its arguments: "obj_add <path> <mode>
+    // <wait>" ...
+    std::vector<std::string> calls;
     std::vector<std::string> written; // names of the parameters of the last batch written, in order
+    std::vector<std::string> trace;   // log lines, calls and messages in one order; only while it is kept
+    bool keep_trace = false;
 
     // Called with each entry of `calls`; a non-zero result is what the call then fails with.
     std::function<int(const std::string &call)> fail;

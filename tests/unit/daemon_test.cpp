@@ -6,26 +6,22 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <utility>
 
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "ovani/ovani_br_mgr.h"
+#include "ovani/ovani_event_arp.h"
+#include "ovani/ovani_event_dhcp.h"
+#include "ovani/ovani_event_mac.h"
+#include "ovani/ovani_event_port.h"
+#include "ovani/ovani_event_wifi.h"
 #include "ovani/ovani_memory.h"
-#include "ovani/ovani_presence.h"
+#include "ovani/ovani_operator.h"
+#include "ovani/ovani_start.h"
 #include "ovani/ovani_ubus.h"
-
-static void empty_tables()
-{
-    while (g_host_table_ipv4.top != nullptr) {
-        ovani_host_node_delete(&g_host_table_ipv4, g_host_table_ipv4.top);
-    }
-    while (g_mac_table.top != nullptr) {
-        ovani_mac_node_delete_top(&g_mac_table);
-    }
-}
 
 DaemonTest::DaemonTest()
 {
@@ -38,25 +34,24 @@ DaemonTest::DaemonTest()
 
 DaemonTest::~DaemonTest()
 {
-    empty_tables();
+    ovani_host_table_init();
+    ovani_mac_table_init();
     EXPECT_EQ(MemAllocCount[MTYPE_HOST_NODE], 0);
     EXPECT_EQ(MemAllocCount[MTYPE_MAC_NODE], 0);
 }
 
+void DaemonTest::start(int carrier)
+{
+    platform.carrier = carrier;
+    ovani_start(0, nullptr, [](void *(*)(void *)) { return 0; });
+}
+
 void DaemonTest::restart(int carrier)
 {
-    empty_tables();
-    platform.carrier = carrier;
-    ovani_operator_type_init();
-    ovani_mac_table_init();
-    ovani_presence_init();
-    s_hostnumberofentries = 0;
-    s_hostmaxnumber = 0;
-    g_slaveapnum = 0;
-    g_filtermode = 0;
-    ovani_hostmgr_init();
+    start(carrier);
     platform.log.clear();
     platform.calls.clear();
+    platform.sent.clear();
 }
 
 void DaemonTest::fail(const std::string &beginning, int code)
@@ -73,6 +68,24 @@ std::string DaemonTest::stored(int instance, const std::string &parameters) cons
         values.push_back(found == platform.values.end() ? "(none)" : found->second);
     }
     return fake::joined(values);
+}
+
+std::string DaemonTest::told()
+{
+    std::vector<std::string> all;
+    for (const fake::Sent &sent : std::exchange(platform.sent, {})) {
+        if (sent.name == "lanhost_param_change") {
+            all.push_back("changed " + std::to_string(sent.attribute("objnum")[3]));
+        } else {
+            std::string bytes = sent.attribute("lanhost_struct");
+            EXPECT_EQ(bytes.size(), 488U);
+            ovani_device_status_event visit{};
+            memcpy(&visit, bytes.data(), sizeof visit);
+            all.push_back(std::string(visit.status) + " " + visit.deviceIP + " " +
+                          std::to_string(visit.port));
+        }
+    }
+    return fake::joined(all, ", ");
 }
 
 ovani_mac_event mac_event(const Mac &mac, const char *interface, uint8_t action, const char *bridge)
@@ -116,6 +129,26 @@ int DaemonTest::arp(const Mac &mac, uint32_t ip)
 void DaemonTest::dhcp(std::string text)
 {
     ovani_dhcpd_user_event_process(text.data());
+}
+
+void DaemonTest::wifi(const Mac &mac, uint8_t ssidno, uint8_t action)
+{
+    ovani_wifi_event event{.event_id = 0, .mac = {}, .ssidno = ssidno, .action = action};
+    std::ranges::copy(mac, event.mac);
+    ovani_wifi_user_event_process(&event);
+}
+
+void DaemonTest::link(int port, uint8_t status)
+{
+    ovani_port_status_event event{.event_id = 0, .port = static_cast<uint8_t>(port), .status = status};
+    ovani_port_status_event_process(&event);
+}
+
+std::string lease(const std::string &name, const std::string &ip, const std::string &action,
+                  const std::string &mac, const std::string &option60, const std::string &type)
+{
+    return "x#" + action + "#" + ip + "#DHCP#2026-01-02 03:04:05#3600#" + name + "#" + type + "#" + option60 +
+           "#" + mac;
 }
 
 Pairs pairs(const std::string &text)

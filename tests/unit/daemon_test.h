@@ -10,16 +10,16 @@
 #include <gtest/gtest.h>
 
 #include "ovani/ovani_event.h"
-#include "ovani/ovani_host_mgr.h"
+#include "ovani/ovani_host_index.h"
 #include "ovani/ovani_host_table.h"
 #include "ovani/ovani_mac_table.h"
 #include "tests/fake/fake_platform.h"
 
 using Mac = std::array<uint8_t, 6>;
 
-inline constexpr Mac pc{0x00, 0x11, 0x22, 0xaa, 0xbb, 0xcc};
-inline constexpr char pc_bare[] = "001122AABBCC";
-inline constexpr uint32_t pc_ip = 0xc0a80164; // 192.168.1.100
+inline constexpr Mac PC{0x00, 0x11, 0x22, 0xaa, 0xbb, 0xcc};
+inline constexpr char PC_BARE[] = "001122AABBCC";
+inline constexpr uint32_t PC_IP = 0xc0a80164; // 192.168.1.100
 
 // One of many.
 inline Mac mac_number(int i)
@@ -35,13 +35,15 @@ inline std::string host_path(int instance)
     return OVANI_HOST_NODE_PATH + std::to_string(instance) + ".";
 }
 
-// Empties the daemon's tables and starts the host manager over a platform whose ceiling is 254 hosts.
+// Starts the daemon, but for its threads and the bus, over a platform whose ceiling is 254 hosts.
 class DaemonTest : public testing::Test {
 protected:
     DaemonTest();
     ~DaemonTest() override;
 
-    // The daemon again, as after a restart: its memory gone, the store as it was.
+    // The daemon again: its memory gone, the store as it was. The second also forgets what the platform saw
+    // of that.
+    void start(int carrier);
     void restart(int carrier);
 
     fake::Platform &platform = fake::platform();
@@ -50,12 +52,23 @@ protected:
     void fail(const std::string &beginning, int code = 1);
     // The values of parameters of a host, blanks between them as between their names.
     std::string stored(int instance, const std::string &parameters) const;
+    // What the bus was told since the last look: "changed <instance>", "<status> <address> <port>" of a
+    // visit.
+    std::string told();
+
     void learn(const Mac &mac, const char *interface = "eth1");
     void forget(const Mac &mac);
     int arp(const Mac &mac, uint32_t ip);
     void dhcp(std::string text);
+    void wifi(const Mac &mac, uint8_t ssidno, uint8_t action);
+    void link(int port, uint8_t status);
     host_node *host(const Mac &mac) { return ovani_host_node_match_by_mac(&g_host_table_ipv4, mac.data()); }
 };
+
+// The text of a lease of PC.
+std::string lease(const std::string &name = "my-pc", const std::string &ip = "192.168.1.100",
+                  const std::string &action = "ADD", const std::string &mac = "00:11:22:aa:bb:cc",
+                  const std::string &option60 = "MSFT 5.0", const std::string &type = "Computer");
 
 using Pairs = std::vector<std::pair<std::string, std::string>>;
 Pairs pairs(const std::string &text); // "Name=value Other=value"

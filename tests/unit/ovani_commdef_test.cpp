@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include "ovani/ovani_interface.h"
 #include "tests/fake/fake_platform.h"
 
 TEST(Text, CopiesAreCutAndTerminated)

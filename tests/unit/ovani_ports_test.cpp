@@ -3,28 +3,20 @@
 #include <set>
 #include <utility>
 
-#include "ovani/ovani_br_mgr.h"
 #include "ovani/ovani_lan_port_config.h"
+#include "ovani/ovani_operator.h"
 #include "ovani/ovani_port_mgr.h"
+#include "ovani/ovani_wan_config.h"
 #include "tests/unit/daemon_test.h"
 
 namespace {
 
-const std::string wan = "InternetGatewayDevice.WANDevice.1.WANConnectionDevice.";
-const std::string interfaces = "InternetGatewayDevice.LANInterfaces.";
-const std::string lan = "InternetGatewayDevice.LANDevice.1.LANEthernetInterfaceConfig.";
+const std::string WAN = "InternetGatewayDevice.WANDevice.1.WANConnectionDevice.";
+const std::string INTERFACES = "InternetGatewayDevice.LANInterfaces.";
+const std::string LAN = "InternetGatewayDevice.LANDevice.1.LANEthernetInterfaceConfig.";
 
 class PortsTest : public DaemonTest {
 protected:
-    void start(int carrier)
-    {
-        restart(carrier);
-        g_lan_inf_num = 0;
-        vlan_bind_init();
-        ovani_port_mgr_init();
-        platform.log.clear();
-        platform.calls.clear();
-    }
     // An object with these parameters.
     void put(const std::string &path, const std::string &parameters)
     {
@@ -36,7 +28,7 @@ protected:
     // An enabled IP connection under the operator's names.
     void put_connection(int carrier, int device, int connection, const std::string &vlan)
     {
-        std::string device_path = wan + std::to_string(device) + ".";
+        std::string device_path = WAN + std::to_string(device) + ".";
         std::string path = device_path + "WANIPConnection." + std::to_string(connection) + ".";
         put(device_path, carrier == OPTYPE_CU ? "X_CU_VLANEnabled=1 X_CU_VLAN=" + vlan : "");
         put(path, "Enable=1 ConnectionType=IP_Routed");
@@ -121,7 +113,11 @@ TEST_F(PortsTest, EachOperatorsConnectionIsReadUnderItsNames)
          "",
          {200, 7, 1, 1, ROUTE}},
         {ct, "X_TRUE_ServiceList=VOIP", "", {0, 0, 0, 0, ROUTE}}, // no default
-        {ct, "X_TRUE_ServiceList=VOIP X_TRUE_VlanID=65636", "", {65535, 0, 0, 0, ROUTE}},
+        {ct,
+         "X_TRUE_ServiceList=VOIP X_TRUE_VlanID=65636 X_TRUE_VlanPriority=-1 X_TRUE_IPMode=257",
+         "",
+         {100, 255, 0, 1, ROUTE}}, // in the fields' types
+        {ct, "X_TRUE_ServiceList=VOIP X_TRUE_VlanID=-1", "", {65535, 0, 0, 0, ROUTE}},
         {cu,
          "X_CU_IPMode=2 X_CU_ServiceList=VOIP DHCPEnable=1",
          "X_CU_VLANEnabled=1 X_CU_VLAN=300 X_CU_802_1p=4",
@@ -130,8 +126,8 @@ TEST_F(PortsTest, EachOperatorsConnectionIsReadUnderItsNames)
     for (const Case &c : cases) {
         SCOPED_TRACE(c.connection);
         platform.values.clear();
-        put(wan + "1.WANPPPConnection.2.", c.connection);
-        put(wan + "1.", c.device);
+        put(WAN + "1.WANPPPConnection.2.", c.connection);
+        put(WAN + "1.", c.device);
         qv_wan_param param{};
         EXPECT_EQ(c.reader(&param, 1, 2, 2), 0);
         EXPECT_THAT(c.expected,
@@ -154,21 +150,21 @@ TEST_F(PortsTest, EachOperatorsConnectionIsReadUnderItsNames)
 
 TEST_F(PortsTest, EnabledConnectionsFillTheTable)
 {
-    start(OPTYPE_CM);
+    restart(OPTYPE_CM);
     put_connection(OPTYPE_CM, 1, 1, "101");
     put_connection(OPTYPE_CM, 1, 3, "103");
-    put(wan + "1.WANPPPConnection.2.",
+    put(WAN + "1.WANPPPConnection.2.",
         "Enable=1 X_CMCC_ServiceList=INTERNET X_CMCC_VLANMode=2 X_CMCC_VLANIDMark=102");
     EXPECT_EQ(g_read_wan_param_cfg(), 0);
     for (int slot = 1; slot <= 3; ++slot) {
         EXPECT_EQ(s_vlanbind_wan_param[slot].vid, 100 + slot);
     }
     // Elsewhere a device has one slot, and its first enabled connection counts.
-    start(OPTYPE_CT);
+    restart(OPTYPE_CT);
     put_connection(OPTYPE_CT, 16, 2, "216");
     put_connection(OPTYPE_CT, 2, 1, "202");
-    put(wan + "2.WANIPConnection.1.", "Enable=0");
-    put(wan + "2.WANPPPConnection.1.", "Enable=1 X_TRUE_ServiceList=INTERNET X_TRUE_VlanID=222");
+    put(WAN + "2.WANIPConnection.1.", "Enable=0");
+    put(WAN + "2.WANPPPConnection.1.", "Enable=1 X_TRUE_ServiceList=INTERNET X_TRUE_VlanID=222");
     EXPECT_EQ(g_read_wan_param_cfg(), 0);
     EXPECT_EQ(s_vlanbind_wan_param[16].vid, 216);
     EXPECT_EQ(s_vlanbind_wan_param[2].vid, 222);
@@ -225,18 +221,15 @@ TEST_F(PortsTest, StartUpBindsEveryPortFromTheOperatorsNames)
             platform.values[std::string("InternetGatewayDevice.") + port + "Mode"] = "1";
         }
         platform.values[std::string("InternetGatewayDevice.") + c.ethernet + "MACAddressNum"] = "3";
-        restart(c.carrier);
-        g_lan_inf_num = 0;
-        vlan_bind_init();
+        start(c.carrier);
         std::string limit = c.carrier == OPTYPE_CM ? "mac_limit 2 3, " : "";
         EXPECT_EQ(driven(), limit + "bind 2 10 100, bind 5 10 100") << c.carrier;
-        EXPECT_EQ(platform.values[lan + "4.MACAddress"], "02:00:00:00:00:01");
-        EXPECT_FALSE(platform.values.contains(lan + "5.MACAddress"));
+        EXPECT_EQ(platform.values[LAN + "4.MACAddress"], "02:00:00:00:00:01");
+        EXPECT_FALSE(platform.values.contains(LAN + "5.MACAddress"));
         EXPECT_EQ(fake::logged("Error: Unknow operator 7.\n", 3), c.carrier == 7);
     }
-    platform.port_num = 4000000000U; // a device gone mad
-    g_lan_inf_num = 0;
-    vlan_bind_init();
+    platform.port_num = 4000000000U; // no such device
+    restart(OPTYPE_CT);
     EXPECT_EQ(g_lan_inf_num, 24U);
 }
 
@@ -244,7 +237,7 @@ TEST_F(PortsTest, OnlyChangesRebindAPort)
 {
     put_connection(OPTYPE_CT, 1, 1, "100");
     put_connection(OPTYPE_CT, 2, 1, "200");
-    start(OPTYPE_CT);
+    restart(OPTYPE_CT);
     LanEthIntfVlanBind config{"10/100,20/200,30/999,0/100", "1", "8"};
     ovani_port_vlan_bind(3, &config);
     EXPECT_EQ(driven(), "mac_limit 3 8, bind 3 10 100, bind 3 20 200");
@@ -259,14 +252,14 @@ TEST_F(PortsTest, OnlyChangesRebindAPort)
     LanEthIntfVlanBind off{"", "0", ""};
     ovani_port_vlan_bind(3, &off);
     EXPECT_EQ(driven(), "unbind 3 10 100, unbind 3 20 200");
-    LanEthIntfVlanBind none{"null", "1", ""};
+    LanEthIntfVlanBind none{"null", "1", "-1"}; // no limit, as the driver's type has it
     ovani_port_vlan_bind(3, &none);
     for (int port : {0, -1, 25, 32, 33, 1000}) {
         EXPECT_EQ(ovani_port_vlan_bind(port, &config), 0);
         EXPECT_EQ(ovani_port_vlan_unbind(port), port >= 1 && port <= 32 ? 0 : -1);
     }
     EXPECT_EQ(ovani_port_vlan_bind(1, nullptr), 0);
-    EXPECT_EQ(driven(), "");
+    EXPECT_EQ(driven(), "mac_limit 3 4294967295");
     EXPECT_TRUE(fake::logged("Param is NULL!\n", 3));
 }
 
@@ -278,7 +271,7 @@ TEST_F(PortsTest, WorkModesAreMappedInTwoWays)
                  {"100", "Half", "0 100 1", "0 100 1"}, {"2500", "Full", "0 2500 2", "0 2500 2"},
                  {"1250", "Full", "0 0 2", "0 0 2"},    {"10", "Sideways", "1 10 0", "0 0 0"}};
     for (const Case &c : cases) {
-        start(OPTYPE_CT);
+        restart(OPTYPE_CT);
         LanEthIntfWorkMode mode{};
         copy_text(mode.MaxBitRate, c.rate.c_str());
         EXPECT_EQ(ovani_lan_eth_workmode_set(2, &mode), -1); // half a configuration
@@ -288,9 +281,9 @@ TEST_F(PortsTest, WorkModesAreMappedInTwoWays)
         EXPECT_EQ(ovani_lan_eth_workmode_set(2, &mode), 0);
         EXPECT_EQ(driven(), "work_mode 2 " + c.from_text);
 
-        start(OPTYPE_CT);
+        restart(OPTYPE_CT);
         for (int times = 0; times < 2; ++times) { // the second finds no change
-            EXPECT_EQ(configure(lan + "2.", "MaxBitRate=" + c.rate + " DuplexMode=" + c.duplex), 0);
+            EXPECT_EQ(configure(LAN + "2.", "MaxBitRate=" + c.rate + " DuplexMode=" + c.duplex), 0);
         }
         EXPECT_EQ(driven(), "work_mode 2 " + c.from_bus);
     }
@@ -302,12 +295,12 @@ TEST_F(PortsTest, WorkModesAreMappedInTwoWays)
 TEST_F(PortsTest, StartUpAppliesModesAndPublishesLinks)
 {
     platform.links_up = {2};
-    put(lan + "1.", "DuplexMode=Full MaxBitRate=100");
+    put(LAN + "1.", "DuplexMode=Full MaxBitRate=100");
     restart(OPTYPE_CT);
     EXPECT_EQ(ovani_port_mgr_init(), R_OK);
     EXPECT_EQ(driven(), "work_mode 1 0 100 2");
-    EXPECT_EQ(platform.values[lan + "1.Status"], "NoLink");
-    EXPECT_EQ(platform.values[lan + "2.Status"], "Up");
+    EXPECT_EQ(platform.values[LAN + "1.Status"], "NoLink");
+    EXPECT_EQ(platform.values[LAN + "2.Status"], "Up");
     EXPECT_EQ(g_port_link_status[2].link_up, 1U);
     EXPECT_TRUE(fake::logged("get Lan2 DuplexMode fail!\n", 3));
 }
@@ -318,26 +311,26 @@ TEST_F(PortsTest, PathsNamePorts)
         std::string url;
         const char *calls;
     } cases[] = {
-        {lan + "2.", "port_state 2 1, mac_limit 2 5"},
-        {interfaces + "LANEthernetInterfaceConfig.3.", "port_state 3 1, mac_limit 3 5"},
-        {interfaces + "WLANConfiguration.2.", "port_state 2 1, mac_limit 6 5"},
+        {LAN + "2.", "port_state 2 1, mac_limit 2 5"},
+        {INTERFACES + "LANEthernetInterfaceConfig.3.", "port_state 3 1, mac_limit 3 5"},
+        {INTERFACES + "WLANConfiguration.2.", "port_state 2 1, mac_limit 6 5"},
         {"InternetGatewayDevice.LANDevice.1.WLANConfiguration.5.", "mac_limit 9 5"}, // above Ethernet
-        {interfaces + "WLANConfiguration.21.", "port_state 21 1"},                   // 25 has no binding
-        {interfaces + "LANEthernetInterfaceConfig.25.", ""},
-        {interfaces, ""},
-        {lan + "0.", ""},
+        {INTERFACES + "WLANConfiguration.21.", "port_state 21 1"},                   // 25 has no binding
+        {INTERFACES + "LANEthernetInterfaceConfig.25.", ""},
+        {INTERFACES, ""},
+        {LAN + "0.", ""},
         {"InternetGatewayDevice.LANDevice.1.", ""},
         {"1.2.3.4.5.6.7.8.9.10.11.", "port_state 2 1, mac_limit 2 5"},
         {"", ""}};
     for (const Case &c : cases) {
-        start(OPTYPE_CM);
+        restart(OPTYPE_CM);
         EXPECT_EQ(configure(c.url, "Enable=1 X_CMCC_MACAddressNum=5"), 0);
         EXPECT_EQ(driven(), c.calls) << c.url;
     }
     LanEthInterfaceParam params{};
     EXPECT_EQ(ovani_set_lanport_cfg_process(nullptr, &params), 0);
     EXPECT_EQ(ovani_set_eth_cfg_process(nullptr, &params), 0);
-    EXPECT_EQ(ovani_set_eth_cfg_process((lan + "1.").c_str(), nullptr), 0);
+    EXPECT_EQ(ovani_set_eth_cfg_process((LAN + "1.").c_str(), nullptr), 0);
 }
 
 TEST_F(PortsTest, OperatorsTakeWhatTheyKnow)
@@ -351,8 +344,8 @@ TEST_F(PortsTest, OperatorsTakeWhatTheyKnow)
         platform.objects.clear();
         platform.values.clear();
         put_connection(carrier, 1, 1, "100");
-        start(carrier);
-        EXPECT_EQ(configure(lan + "1.", "MaxBitRate=100 DuplexMode=Full Enable=0 X_CMCC_MACAddressNum=4 "
+        restart(carrier);
+        EXPECT_EQ(configure(LAN + "1.", "MaxBitRate=100 DuplexMode=Full Enable=0 X_CMCC_MACAddressNum=4 "
                                         "X_CMCC_Mode=1 X_CMCC_VLAN=10/100 X_CT-COM_Mode=1 "
                                         "X_CT-COM_VLAN=11/100 X_CU_Mode=1 X_CU_VLAN=12/100"),
                   0);
@@ -366,14 +359,14 @@ TEST_F(PortsTest, OperatorsTakeWhatTheyKnow)
     EXPECT_EQ(strlen(param.Enable), 255U);
     EXPECT_TRUE(system_parse_ovani_config_cm(nullptr, nullptr, nullptr));
 
-    start(OPTYPE_CM);
-    configure(lan + "1.", "Enable=yes"); // neither 1 nor 0
+    restart(OPTYPE_CM);
+    configure(LAN + "1.", "Enable=yes"); // neither 1 nor 0
     EXPECT_EQ(driven(), "port_state 0 0");
 }
 
 TEST_F(PortsTest, RequestsThatAreNoneChangeNothing)
 {
-    start(OPTYPE_CM);
+    restart(OPTYPE_CM);
     for (const char *method : {"ovani_devfuc_port_cfg", "set_lanhost_config"}) {
         EXPECT_EQ(call_method(method, nullptr), UBUS_STATUS_INVALID_ARGUMENT);
         blob_buf message{};
@@ -388,7 +381,7 @@ TEST_F(PortsTest, RequestsThatAreNoneChangeNothing)
             EXPECT_EQ(call_method(method, "nowhere", pairs), count < 1000 ? 0 : -1);
         }
         EXPECT_TRUE(fake::logged("tableNum(1000) error!\n", 3));
-        EXPECT_EQ(call_method(method, (lan + "1.").c_str(), Pairs{}), 0);
+        EXPECT_EQ(call_method(method, (LAN + "1.").c_str(), Pairs{}), 0);
     }
     EXPECT_EQ(driven(), "");
 }

@@ -2,8 +2,9 @@
 #include <cstring>
 #include <fstream>
 
-#include "ovani/ovani_log.h"
+#include "ovani/ovani_host_mgr.h"
 #include "ovani/ovani_memory.h"
+#include "platform/zk_log.h"
 #include "tests/unit/daemon_test.h"
 
 namespace {
@@ -57,25 +58,25 @@ TEST_F(TablesTest, HostsKeepTheirOrderAndLinks)
 
 TEST_F(TablesTest, FindOrCreateFillsDefaultsOnce)
 {
-    host_node *node = ovani_host_node_get_by_mac(&g_host_table_ipv4, pc.data());
+    host_node *node = ovani_host_node_get_by_mac(&g_host_table_ipv4, PC.data());
     const int64_t numbers[] = {node->ip, node->AddressSource, node->lanPortNo, node->lanPortType,
                                node->Active};
     EXPECT_THAT(numbers, testing::ElementsAre(0, HOST_TYPE_STATIC, 127, 0, 1));
     EXPECT_STREQ(node->HostName, "HostName_unknow");
     EXPECT_STREQ(node->DeviceType, "DeviceType_unknow");
     EXPECT_STREQ(node->InterfaceType, "IfType_Ethernet");
-    EXPECT_EQ(ovani_host_node_get_by_mac(&g_host_table_ipv4, pc.data()), node);
+    EXPECT_EQ(ovani_host_node_get_by_mac(&g_host_table_ipv4, PC.data()), node);
 
-    node->ip = pc_ip;
-    EXPECT_EQ(ovani_host_node_get(&g_host_table_ipv4, pc_ip), node);
-    EXPECT_EQ(ovani_host_node_get_by_ip_and_mac(&g_host_table_ipv4, pc_ip, pc.data()), node);
+    node->ip = PC_IP;
+    EXPECT_EQ(ovani_host_node_get(&g_host_table_ipv4, PC_IP), node);
+    EXPECT_EQ(ovani_host_node_get_by_ip_and_mac(&g_host_table_ipv4, PC_IP, PC.data()), node);
     EXPECT_EQ(ovani_host_node_num_get(), 1);
     // Another address of the same MAC is another node here; by MAC the older one is found.
-    host_node *second = ovani_host_node_get_by_ip_and_mac(&g_host_table_ipv4, pc_ip + 1, pc.data());
+    host_node *second = ovani_host_node_get_by_ip_and_mac(&g_host_table_ipv4, PC_IP + 1, PC.data());
     EXPECT_NE(second, node);
-    EXPECT_EQ(host(pc), node);
-    EXPECT_EQ(ovani_host_node_match_by_ip_and_mac(&g_host_table_ipv4, pc_ip + 1, pc.data()), second);
-    EXPECT_EQ(ovani_host_node_match(&g_host_table_ipv4, pc_ip + 2), nullptr);
+    EXPECT_EQ(host(PC), node);
+    EXPECT_EQ(ovani_host_node_match_by_ip_and_mac(&g_host_table_ipv4, PC_IP + 1, PC.data()), second);
+    EXPECT_EQ(ovani_host_node_match(&g_host_table_ipv4, PC_IP + 2), nullptr);
 }
 
 TEST_F(TablesTest, NullArgumentsAreRefused)
@@ -84,17 +85,17 @@ TEST_F(TablesTest, NullArgumentsAreRefused)
     mac_table *no_macs = nullptr;
     const host_node *const hosts[] = {ovani_host_node_match(no_hosts, 1),
                                       ovani_host_node_get(no_hosts, 1),
-                                      ovani_host_node_match_by_mac(no_hosts, pc.data()),
+                                      ovani_host_node_match_by_mac(no_hosts, PC.data()),
                                       ovani_host_node_get_by_mac(&g_host_table_ipv4, nullptr),
                                       ovani_host_node_match_by_ip_and_mac(&g_host_table_ipv4, 1, nullptr),
-                                      ovani_host_node_get_by_ip_and_mac(no_hosts, 1, pc.data())};
+                                      ovani_host_node_get_by_ip_and_mac(no_hosts, 1, PC.data())};
     EXPECT_THAT(hosts, testing::Each(nullptr));
-    EXPECT_EQ(ovani_mac_node_match(no_macs, pc.data()), nullptr);
+    EXPECT_EQ(ovani_mac_node_match(no_macs, PC.data()), nullptr);
     EXPECT_EQ(ovani_mac_node_get(&g_mac_table, nullptr), nullptr);
     const int results[] = {ovani_host_node_add(no_hosts, nullptr), ovani_host_node_free(nullptr),
                            ovani_mac_node_delete_top(no_macs)};
     EXPECT_THAT(results, testing::Each(R_ERROR));
-    EXPECT_EQ(ovani_host_node_delete_by_port(no_hosts, 1) | ovani_host_info_delete_by_port(no_hosts, 1), 0);
+    EXPECT_EQ(ovani_host_node_delete_by_port(no_hosts, 1) + ovani_host_info_delete_by_port(no_hosts, 1), 0);
     EXPECT_EQ(ovani_host_node_num_get() + ovani_mac_node_num_get(), 0);
 }
 
@@ -111,19 +112,19 @@ TEST_F(TablesTest, OnlyWiredHostsGoWithTheirPort)
 
 TEST_F(TablesTest, StationsTellTheirInterface)
 {
-    mac_node *station = ovani_mac_node_get(&g_mac_table, pc.data());
-    EXPECT_EQ(ovani_mac_node_get(&g_mac_table, pc.data()), station);
+    mac_node *station = ovani_mac_node_get(&g_mac_table, PC.data());
+    EXPECT_EQ(ovani_mac_node_get(&g_mac_table, PC.data()), station);
     station->lanPortNo = 2;
-    EXPECT_STREQ(ovani_layer2_interface_get_by_mac(pc.data()),
+    EXPECT_STREQ(ovani_layer2_interface_get_by_mac(PC.data()),
                  "InternetGatewayDevice.LANDevice.1.LANEthernetInterfaceConfig.2.");
-    EXPECT_STREQ(ovani_port_type_get_by_mac(pc.data()), "Ethernet");
+    EXPECT_STREQ(ovani_port_type_get_by_mac(PC.data()), "Ethernet");
     station->lanPortType = 1;
     station->lanPortNo = 5;
-    EXPECT_STREQ(ovani_layer2_interface_get_by_mac(pc.data()),
+    EXPECT_STREQ(ovani_layer2_interface_get_by_mac(PC.data()),
                  "InternetGatewayDevice.LANDevice.1.WLANConfiguration.5.");
-    EXPECT_STREQ(ovani_port_type_get_by_mac(pc.data()), "802.11");
+    EXPECT_STREQ(ovani_port_type_get_by_mac(PC.data()), "802.11");
     station->lanPortType = 99; // never indexes past the names
-    EXPECT_STREQ(ovani_port_type_get_by_mac(pc.data()), "802.11");
+    EXPECT_STREQ(ovani_port_type_get_by_mac(PC.data()), "802.11");
     EXPECT_EQ(ovani_layer2_interface_get_by_mac(mac_number(1).data()), nullptr);
     EXPECT_EQ(ovani_port_type_get_by_mac(mac_number(1).data()), nullptr);
 }
@@ -157,8 +158,8 @@ TEST_F(TablesTest, ListingsGoToTheLogOnlyWhileTheDebugFileExists)
         return text;
     };
     in_a_private_root([&] {
-        learn(pc);
-        arp(pc, pc_ip);
+        learn(PC);
+        arp(PC, PC_IP);
         EXPECT_EQ(list_both(), "");
         std::ofstream(OVANI_DEBUG_FILE).put('\n');
         std::string listing = list_both();

@@ -64,16 +64,16 @@ TEST_F(UbusTest, RecordsAreDecodedInPlaceOfTheirBytes)
     // The wire bytes of a "109" and a "110", without the padding behind their last field.
     unsigned char mac_record[59] = {1, 0, 0, 0, 'e', 't', 'h', '2'};
     memcpy(mac_record + 36, "br0", 3);
-    memcpy(mac_record + 52, pc.data(), 6);
+    memcpy(mac_record + 52, PC.data(), 6);
     mac_record[58] = 1;
     receive("109", "mac_struct", mac_record, sizeof mac_record);
-    EXPECT_EQ(host(pc)->lanPortNo, 3);
+    EXPECT_EQ(host(PC)->lanPortNo, 3);
 
     unsigned char arp_record[82] = {0, 0, 0, 0, 1, 0, 0, 0, 192, 168, 1, 100};
-    memcpy(arp_record + 12, pc.data(), 6);
+    memcpy(arp_record + 12, PC.data(), 6);
     memcpy(arp_record + 18, "br0", 3);
     receive("110", "arp_struct", arp_record, sizeof arp_record);
-    EXPECT_EQ(host(pc)->ip, pc_ip);
+    EXPECT_EQ(host(PC)->ip, PC_IP);
     EXPECT_EQ(stored(1, "IPAddress"), "192.168.1.100");
 
     blob_buf_init(&message_, 0);

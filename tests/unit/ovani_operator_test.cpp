@@ -1,9 +1,11 @@
-#include "ovani/ovani_br_mgr.h"
+// What is asked once: operator, area code, bridge, mesh mode.
+#include "ovani/ovani_operator.h"
 
 #include <cstring>
 
 #include <gtest/gtest.h>
 
+#include "ovani/ovani_br_mgr.h"
 #include "tests/fake/fake_platform.h"
 
 TEST(Gateway, OperatorCodeIsKeptWhateverItIs)
@@ -17,7 +19,8 @@ TEST(Gateway, OperatorCodeIsKeptWhateverItIs)
     fake::platform().carrier = 3;
     EXPECT_EQ(ovani_operator_type_init(), R_ERROR);
     EXPECT_EQ(ovani_operator_type_code_get(), 3U);
-    EXPECT_TRUE(fake::logged("Get Operator Type:3 err!\n"));
+    EXPECT_TRUE(fake::logged("Get Operator Type:3 err!\n", 3));
+    EXPECT_EQ(ovani_operator_profile(), nullptr);
 
     // A system manager that does not answer reads as China Mobile.
     fake::platform().fail = [](const std::string &) { return -1; };

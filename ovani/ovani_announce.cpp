@@ -1,11 +1,40 @@
-// Announcements to the bus.
-#include "ovani/ovani_event.h"
+#include "ovani/ovani_announce.h"
+
+#include <algorithm>
+#include <array>
+#include <vector>
+
 #include "ovani/ovani_host_table.h"
 #include "ovani/ovani_log.h"
-#include "ovani/ovani_ubus.h"
+
+ubus_context *s_ovani_ctx;
+
+namespace {
 
 // One buffer for both events: the main thread is the only sender.
-static blob_buf ovani_device_buf;
+blob_buf ovani_device_buf;
+
+using MacKey = std::array<uint8_t, OVANI_MAC_LEN>;
+
+// Sorted. Never longer than there are host objects.
+std::vector<MacKey> on_line;
+
+} // namespace
+
+void ovani_announce_init()
+{
+    on_line.clear();
+}
+
+// --- The two senders
+
+int ovani_host_status_ubus_send(int objnum)
+{
+    blob_buf_init(&ovani_device_buf, BLOBMSG_TYPE_TABLE);
+    blobmsg_add_u32(&ovani_device_buf, "objnum", static_cast<uint32_t>(objnum));
+    lib_zk_ubus_send_event(s_ovani_ctx, UBUS_EVENT_LANHOST_PARAM_CHANGE, ovani_device_buf);
+    return R_OK;
+}
 
 int ovani_get_lanhost_device_struct(const host_node *pnode, ovani_device_status_event *povani_device_struct)
 {
@@ -37,10 +66,44 @@ int ovani_device_status_ubus_send(const ovani_device_status_event *povani_device
     return R_OK;
 }
 
-int ovani_host_status_ubus_send(int objnum)
+// --- Visits
+
+namespace {
+
+MacKey key_of(const host_node &host)
 {
-    blob_buf_init(&ovani_device_buf, BLOBMSG_TYPE_TABLE);
-    blobmsg_add_u32(&ovani_device_buf, "objnum", static_cast<uint32_t>(objnum));
-    lib_zk_ubus_send_event(s_ovani_ctx, UBUS_EVENT_LANHOST_PARAM_CHANGE, ovani_device_buf);
-    return R_OK;
+    MacKey key;
+    std::ranges::copy(host.mac, key.begin());
+    return key;
+}
+
+void announce_visit(const host_node &host)
+{
+    ovani_device_status_event status{};
+    ovani_get_lanhost_device_struct(&host, &status);
+    ovani_device_status_ubus_send(&status);
+}
+
+} // namespace
+
+void ovani_presence_online(host_node &host)
+{
+    host.Active = OVANI_HOST_ONLINE;
+    MacKey key = key_of(host);
+    auto place = std::ranges::lower_bound(on_line, key);
+    if (place == on_line.end() || *place != key) {
+        on_line.insert(place, key);
+        announce_visit(host);
+    }
+}
+
+void ovani_presence_offline(host_node &host)
+{
+    host.Active = OVANI_HOST_OFFLINE;
+    MacKey key = key_of(host);
+    auto place = std::ranges::lower_bound(on_line, key);
+    if (place != on_line.end() && *place == key) {
+        on_line.erase(place);
+        announce_visit(host);
+    }
 }
