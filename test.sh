@@ -1,8 +1,9 @@
 #!/bin/bash
 # Proves ovani right: installs what is missing, builds, runs every test, and ends with ctest's summary.
 #
-#   ./test.sh               unit and system tests as they are and under the address and undefined-behaviour
-#                           sanitizers, the unit tests as 32-bit ARM programs, and each fuzz target for five seconds
+#   ./test.sh               unit and system tests of the release build and under the address and undefined-behaviour
+#                           sanitizers, the unit tests under the thread sanitizer (with clang) and as 32-bit ARM
+#                           programs, and each fuzz target for five seconds
 #   ./test.sh PRESET...     those of the named presets (dev, release, asan, tsan, arm, fuzz)
 #
 # OVANI_BUS=auto|system|bundled chooses libubox and libubus; CTEST_ARGS holds further arguments for ctest.
@@ -10,9 +11,11 @@ set -euo pipefail
 cd "$(dirname "$(realpath "$0")")"
 
 presets=("$@")
-((${#presets[@]})) || presets=(dev asan arm fuzz)
+((${#presets[@]})) || presets=(release asan tsan arm fuzz)
 
-tools/install-packages.sh run test
+packages=(run test)
+[[ " ${presets[*]} " != *" release "* ]] || packages+=(bench)
+tools/install-packages.sh "${packages[@]}"
 [[ " ${presets[*]} " != *" arm "* ]] || tools/arm-sysroot.sh build/arm-sysroot
 
 mkdir -p build

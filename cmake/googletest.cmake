@@ -2,6 +2,7 @@
 set(OVANI_GOOGLETEST_DIR "/usr/src/googletest" CACHE PATH "GoogleTest sources (Debian package googletest)")
 set(INSTALL_GTEST OFF CACHE INTERNAL "")
 add_subdirectory("${OVANI_GOOGLETEST_DIR}" "${CMAKE_BINARY_DIR}/googletest" EXCLUDE_FROM_ALL SYSTEM)
+target_compile_options(gtest PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>) # as in CMakeLists.txt
 include(GoogleTest)
 
 # ovani_add_gtest(NAME name SOURCES ... LIBRARIES ...): one test program, each of its tests known to ctest.

@@ -91,7 +91,7 @@ int enc_gbk_to_unicode_one(unsigned short gbk, unsigned int *ucs)
         ovani_log(VELM_LOG_DEBUG, "gbk code error\n");
         return 0;
     }
-    const gbk_row *row = std::ranges::lower_bound(tab_GBK_to_UCS2, gbk, {}, &gbk_row::gbk);
+    const GbkRow *row = std::ranges::lower_bound(tab_GBK_to_UCS2, gbk, {}, &GbkRow::gbk);
     if (row->gbk != gbk) {
         ovani_log(VELM_LOG_DEBUG, "gbk=0x%x\n", gbk);
         ovani_log(VELM_LOG_DEBUG, "gbk code error\n");

@@ -9,10 +9,10 @@
 
 namespace {
 
-constexpr char16_t unassigned = u'\uFFFD';
+constexpr char16_t UNASSIGNED = u'\uFFFD';
 
 // clang-format off
-constexpr std::u16string_view characters_by_lead[] = {
+constexpr std::u16string_view CHARACTERS_BY_LEAD[] = {
     /* 81 */ u"丂丄丅丆丏丒丗丟丠両丣並丩丮丯丱丳丵丷丼乀乁乂乄乆乊乑乕乗乚乛乢乣乤乥乧乨乪乫乬乭乮乯乲乴乵乶乷乸乹乺乻乼乽乿亀亁亂亃亄亅亇亊亐亖亗亙亜亝亞亣亪亯亰亱亴亶亷亸亹亼亽亾仈仌仏仐仒仚仛仜仠仢仦仧仩仭仮仯仱仴仸仹仺仼仾伀伂伃伄伅伆伇伈伋伌伒伓伔伕伖伜伝伡伣伨伩伬伭伮伱伳伵伷伹伻伾伿佀佁佂佄佅佇佈佉佊佋佌佒佔佖佡佢佦佨佪佫佭佮佱佲併佷佸佹佺佽侀侁侂侅來侇侊侌侎侐侒侓侕侖侘侙侚侜侞侟価侢",
     /* 82 */ u"侤侫侭侰侱侲侳侴侶侷侸侹侺侻侼侽侾俀俁係俆俇俈俉俋俌俍俒俓俔俕俖俙俛俠俢俤俥俧俫俬俰俲俴俵俶俷俹俻俼俽俿倀倁倂倃倄倅倆倇倈倉倊個倎倐們倓倕倖倗倛倝倞倠倢倣値倧倫倯倰倱倲倳倴倵倶倷倸倹倻倽倿偀偁偂偄偅偆偉偊偋偍偐偑偒偓偔偖偗偘偙偛偝偞偟偠偡偢偣偤偦偧偨偩偪偫偭偮偯偰偱偲偳側偵偸偹偺偼偽傁傂傃傄傆傇傉傊傋傌傎傏傐傑傒傓傔傕傖傗傘備傚傛傜傝傞傟傠傡傢傤傦傪傫傭傮傯傰傱傳傴債傶傷傸傹傼",
     /* 83 */ u"傽傾傿僀僁僂僃僄僅僆僇僈僉僊僋僌働僎僐僑僒僓僔僕僗僘僙僛僜僝僞僟僠僡僢僣僤僥僨僩僪僫僯僰僱僲僴僶僷僸價僺僼僽僾僿儀儁儂儃億儅儈儉儊儌儍儎儏儐儑儓儔儕儖儗儘儙儚儛儜儝儞償儠儢儣儤儥儦儧儨儩優儫儬儭儮儯儰儱儲儳儴儵儶儷儸儹儺儻儼儽儾兂兇兊兌兎兏児兒兓兗兘兙兛兝兞兟兠兡兣兤兦內兩兪兯兲兺兾兿冃冄円冇冊冋冎冏冐冑冓冔冘冚冝冞冟冡冣冦冧冨冩冪冭冮冴冸冹冺冾冿凁凂凃凅凈凊凍凎凐凒凓凔凕凖凗",
@@ -142,22 +142,22 @@ constexpr std::u16string_view characters_by_lead[] = {
 };
 // clang-format on
 
-constexpr uint8_t first_lead = 0x81;
-constexpr uint8_t first_trail = 0x40;
-constexpr uint8_t missing_trail = 0x7F;
+constexpr uint8_t FIRST_LEAD = 0x81;
+constexpr uint8_t FIRST_TRAIL = 0x40;
+constexpr uint8_t MISSING_TRAIL = 0x7F;
 
 constexpr auto expand_rows()
 {
-    std::array<gbk_row, GBK_ROWS> rows{};
+    std::array<GbkRow, GBK_ROWS> rows{};
     size_t count = 0;
-    uint32_t lead = first_lead;
-    for (std::u16string_view characters : characters_by_lead) {
-        uint32_t trail = first_trail;
+    uint32_t lead = FIRST_LEAD;
+    for (std::u16string_view characters : CHARACTERS_BY_LEAD) {
+        uint32_t trail = FIRST_TRAIL;
         for (char16_t character : characters) {
-            if (character != unassigned) {
+            if (character != UNASSIGNED) {
                 rows.at(count++) = {static_cast<uint16_t>(lead << 8 | trail), character};
             }
-            trail += trail + 1 == missing_trail ? 2 : 1;
+            trail += trail + 1 == MISSING_TRAIL ? 2 : 1;
         }
         ++lead;
     }
@@ -166,7 +166,7 @@ constexpr auto expand_rows()
 
 } // namespace
 
-constexpr std::array<gbk_row, GBK_ROWS> tab_GBK_to_UCS2 = expand_rows();
+constexpr std::array<GbkRow, GBK_ROWS> tab_GBK_to_UCS2 = expand_rows();
 
 static_assert(tab_GBK_to_UCS2.front().gbk == GBK_FIRST && tab_GBK_to_UCS2.front().ucs2 == 0x4E02);
 static_assert(tab_GBK_to_UCS2.back().gbk == GBK_LAST && tab_GBK_to_UCS2.back().ucs2 == 0xE864);

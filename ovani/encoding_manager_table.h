@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
-struct gbk_row {
+struct GbkRow {
     uint16_t gbk; // lead byte times 256 plus trail byte
     uint16_t ucs2;
 };
@@ -15,4 +15,4 @@ inline constexpr uint16_t GBK_FIRST = 0x8140;
 inline constexpr uint16_t GBK_LAST = 0xFEA0;
 
 // Sorted by strictly rising GBK code.
-extern const std::array<gbk_row, GBK_ROWS> tab_GBK_to_UCS2;
+extern const std::array<GbkRow, GBK_ROWS> tab_GBK_to_UCS2;

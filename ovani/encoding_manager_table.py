@@ -50,10 +50,10 @@ def main():
 
 namespace {
 
-constexpr char16_t unassigned = u'\\uFFFD';
+constexpr char16_t UNASSIGNED = u'\\uFFFD';
 
 // clang-format off
-constexpr std::u16string_view characters_by_lead[] = {''')
+constexpr std::u16string_view CHARACTERS_BY_LEAD[] = {''')
     for lead in range(FIRST >> 8, (LAST >> 8) + 1):
         points = [decode(lead << 8 | trail) for trail in TRAILS]
         while points and points[-1] is None:
@@ -62,22 +62,22 @@ constexpr std::u16string_view characters_by_lead[] = {''')
     print('''};
 // clang-format on
 
-constexpr uint8_t first_lead = 0x81;
-constexpr uint8_t first_trail = 0x40;
-constexpr uint8_t missing_trail = 0x7F;
+constexpr uint8_t FIRST_LEAD = 0x81;
+constexpr uint8_t FIRST_TRAIL = 0x40;
+constexpr uint8_t MISSING_TRAIL = 0x7F;
 
 constexpr auto expand_rows()
 {
-    std::array<gbk_row, GBK_ROWS> rows{};
+    std::array<GbkRow, GBK_ROWS> rows{};
     size_t count = 0;
-    uint32_t lead = first_lead;
-    for (std::u16string_view characters : characters_by_lead) {
-        uint32_t trail = first_trail;
+    uint32_t lead = FIRST_LEAD;
+    for (std::u16string_view characters : CHARACTERS_BY_LEAD) {
+        uint32_t trail = FIRST_TRAIL;
         for (char16_t character : characters) {
-            if (character != unassigned) {
+            if (character != UNASSIGNED) {
                 rows.at(count++) = {static_cast<uint16_t>(lead << 8 | trail), character};
             }
-            trail += trail + 1 == missing_trail ? 2 : 1;
+            trail += trail + 1 == MISSING_TRAIL ? 2 : 1;
         }
         ++lead;
     }
@@ -86,7 +86,7 @@ constexpr auto expand_rows()
 
 } // namespace
 
-constexpr std::array<gbk_row, GBK_ROWS> tab_GBK_to_UCS2 = expand_rows();
+constexpr std::array<GbkRow, GBK_ROWS> tab_GBK_to_UCS2 = expand_rows();
 
 static_assert(tab_GBK_to_UCS2.front().gbk == GBK_FIRST && tab_GBK_to_UCS2.front().ucs2 == 0x4E02);
 static_assert(tab_GBK_to_UCS2.back().gbk == GBK_LAST && tab_GBK_to_UCS2.back().ucs2 == 0xE864);''')

@@ -3,16 +3,18 @@
 #   run    what building and running a simulated gateway takes
 #   test   what the tests take beyond that
 #   bench  what the benchmarks take beyond run
+#   check  what tools/check takes beyond them
 # Without anything missing it asks no package server.
 set -euo pipefail
 
 declare -A groups=(
     [run]="g++ cmake ninja-build nlohmann-json3-dev libsqlite3-dev libmnl-dev libcli11-dev
            iproute2 net-tools util-linux mawk udhcpc dnsmasq-base"
-    [test]="googletest python3 clang-format shellcheck
+    [test]="googletest python3
             g++-arm-linux-gnueabihf qemu-user
             clang libclang-rt-14-dev"
     [bench]="libbenchmark-dev"
+    [check]="clang clang-format clang-tidy shellcheck"
 )
 
 (($#)) || set -- run
