@@ -66,21 +66,6 @@ std::string Sent::attribute(const char *attribute_name) const
     return {static_cast<const char *>(blobmsg_data(found)), static_cast<size_t>(blobmsg_data_len(found))};
 }
 
-std::vector<int> announced_instances()
-{
-    std::vector<int> instances;
-    for (const Sent &sent : current.sent) {
-        if (sent.name == "lanhost_param_change") {
-            int value = 0;
-            for (unsigned char byte : sent.attribute("objnum")) {
-                value = value << 8 | byte;
-            }
-            instances.push_back(value);
-        }
-    }
-    return instances;
-}
-
 namespace {
 
 void trace(const std::string &what)

