@@ -13,7 +13,7 @@ int ovani_host_table_init()
     while (g_host_table_ipv4.top != nullptr) {
         ovani_host_node_delete(&g_host_table_ipv4, g_host_table_ipv4.top);
     }
-    g_host_table_ipv4 = {};
+    g_host_table_ipv4.release();
     return R_OK;
 }
 
@@ -71,11 +71,6 @@ int ovani_host_node_delete(host_table *table, host_node *node)
 
 namespace {
 
-bool has_mac(const host_node &node, const unsigned char *mac)
-{
-    return memcmp(node.mac, mac, OVANI_MAC_LEN) == 0;
-}
-
 // A node as the find-or-create operations make it, appended to the table; `mac` may be null.
 host_node *append_new_host(host_table *table, unsigned long ipv4, const unsigned char *mac)
 {
@@ -117,7 +112,7 @@ host_node *ovani_host_node_match_by_mac(const host_table *table, const unsigned 
         ovani_log(VELM_LOG_ERR, "ovani_host_node_match_by_mac:mac is NULL!\r\n");
         return nullptr;
     }
-    return table->find([=](const host_node &node) { return has_mac(node, mac); });
+    return table->find_mac(mac);
 }
 
 host_node *ovani_host_node_match_by_ip_and_mac(const host_table *table, unsigned long ipv4,
@@ -131,7 +126,9 @@ host_node *ovani_host_node_match_by_ip_and_mac(const host_table *table, unsigned
         ovani_log(VELM_LOG_ERR, "ovani_host_node_match_by_ip_and_mac:mac is NULL!\r\n");
         return nullptr;
     }
-    return table->find([=](const host_node &node) { return node.ip == ipv4 && has_mac(node, mac); });
+    return table->find([=](const host_node &node) {
+        return node.ip == ipv4 && memcmp(node.mac, mac, OVANI_MAC_LEN) == 0;
+    });
 }
 
 host_node *ovani_host_node_get(host_table *table, unsigned long ipv4)

@@ -50,6 +50,7 @@ struct host_node {
     char path[128]; // layer-2 interface path
     char ip6addr[128];
     char option60[OVANI_OPTION60_LEN]; // DHCP vendor class
+    host_node *next_in_slot;           // the list's
 };
 
 // How a host's address source reads in the configuration store.
@@ -59,7 +60,7 @@ inline const char *address_source_text(const host_node &host)
 }
 
 struct host_table : NodeList<host_node> {
-    int host_node_num;
+    int host_node_num = 0;
 };
 
 extern host_table g_host_table_ipv4;

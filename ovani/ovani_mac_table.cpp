@@ -16,7 +16,7 @@ int ovani_mac_table_init()
     while (g_mac_table.top != nullptr) {
         ovani_mac_node_delete_top(&g_mac_table);
     }
-    g_mac_table = {};
+    g_mac_table.release();
     return R_OK;
 }
 
@@ -24,15 +24,6 @@ int ovani_mac_node_num_get()
 {
     return g_mac_table.mac_node_num;
 }
-
-namespace {
-
-mac_node *find(const mac_table &table, const unsigned char *mac)
-{
-    return table.find([=](const mac_node &node) { return memcmp(node.mac, mac, OVANI_MAC_LEN) == 0; });
-}
-
-} // namespace
 
 mac_node *ovani_mac_node_match(const mac_table *table, const unsigned char *mac)
 {
@@ -44,7 +35,7 @@ mac_node *ovani_mac_node_match(const mac_table *table, const unsigned char *mac)
         ovani_log(VELM_LOG_ERR, "ovani_mac_node_match:mac is NULL!\r\n");
         return nullptr;
     }
-    return find(*table, mac);
+    return table->find_mac(mac);
 }
 
 static mac_node *ovani_mac_node_create()
@@ -80,7 +71,7 @@ mac_node *ovani_mac_node_get(mac_table *table, const unsigned char *mac)
         ovani_log(VELM_LOG_ERR, "ovani_mac_node_get:mac is NULL!\r\n");
         return nullptr;
     }
-    mac_node *node = find(*table, mac);
+    mac_node *node = table->find_mac(mac);
     if (node != nullptr) {
         return node;
     }

@@ -17,10 +17,11 @@ struct mac_node {
     char lanPortType;                      // 0 Ethernet, 1 Wi-Fi
     char lanPortNo;                        // LAN port or WLANConfiguration instance
     char onlineclock[OVANI_TIME_BUFF_LEN]; // when it was last learned
+    mac_node *next_in_slot;                // the list's
 };
 
 struct mac_table : NodeList<mac_node> {
-    int32_t mac_node_num;
+    int32_t mac_node_num = 0;
 };
 
 extern mac_table g_mac_table;

@@ -56,6 +56,22 @@ TEST_F(TablesTest, HostsKeepTheirOrderAndLinks)
     EXPECT_TRUE(fake::logged("hal_route_node_delete:the input parameters table or node is NULL!\r\n", 3));
 }
 
+TEST_F(TablesTest, OfManyTheEldestOfAMacIsFound)
+{
+    std::vector<host_node *> nodes;
+    for (int i = 0; i < 1000; ++i) { // each MAC twice
+        nodes.push_back(
+            ovani_host_node_get_by_ip_and_mac(&g_host_table_ipv4, PC_IP + i, mac_number(i % 500).data()));
+    }
+    for (int i = 0; i < 500; i += 3) {
+        ovani_host_node_delete(&g_host_table_ipv4, nodes[i]);
+    }
+    for (int i = 0; i < 500; ++i) {
+        EXPECT_EQ(host(mac_number(i)), nodes[i % 3 == 0 ? i + 500 : i]) << i;
+    }
+    EXPECT_EQ(host(mac_number(500)), nullptr);
+}
+
 TEST_F(TablesTest, FindOrCreateFillsDefaultsOnce)
 {
     host_node *node = ovani_host_node_get_by_mac(&g_host_table_ipv4, PC.data());
