@@ -1,5 +1,5 @@
-// The list under the host table and the MAC table: doubly linked, in the order in which nodes were added, with an
-// index by MAC. The nodes are the table's that holds the list, and so is counting them.
+// The list under the host table and the MAC table: doubly linked, in the order in which nodes were added,
+// with an index by MAC. The nodes are the table's that holds the list, and so is counting them.
 #pragma once
 
 #include <cstdint>

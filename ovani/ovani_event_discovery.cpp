@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "ovani/ovani_command.h"
 #include "ovani/ovani_event_arp.h"
 #include "ovani/ovani_event_mac.h"
 #include "ovani/ovani_event_port.h"
@@ -75,6 +76,7 @@ void read_arp_cache(const char *function = __builtin_FUNCTION())
         ovani_log_as(function, VELM_LOG_ERR, "[ovani_lanhost_info_init] fopen /proc/net/arp failed \n");
         return;
     }
+    BridgeListing listing; // not asked for anew for each address
     char line[512];
     read_line(file.get(), line); // the column headers
     while (read_line(file.get(), line)) {
@@ -147,8 +149,8 @@ void read_bridge_table(const char *function = __builtin_FUNCTION())
     if (columns == 0) {
         return;
     }
-    UniquePipe pipe{popen("brctl showmacs br0", "re")};
-    if (pipe == nullptr) {
+    CommandPipe pipe{"brctl showmacs br0"};
+    if (!pipe) {
         ovani_log_as(function, VELM_LOG_ERR, "[ovani_lanhost_info_init] popen brctl showmacs br0 failed \n");
         return;
     }

@@ -35,9 +35,3 @@ struct FileCloser {
     void operator()(FILE *file) const { fclose(file); }
 };
 using UniqueFile = std::unique_ptr<FILE, FileCloser>;
-
-// A command's output, as popen gives it; closing waits for the command.
-struct PipeCloser {
-    void operator()(FILE *pipe) const { pclose(pipe); }
-};
-using UniquePipe = std::unique_ptr<FILE, PipeCloser>;

@@ -173,3 +173,24 @@ int ovani_hostmgr_init()
     }
     return R_OK;
 }
+
+void remove_unfinished_hosts()
+{
+    auto known = std::ranges::count_if(tmpHostToIndex,
+                                       [](const HostToIndexMap &row) { return row.hostHash[0] != '\0'; });
+    for (int i = 1; i <= OVANI_MAX_HOST_ENTRIES && static_cast<unsigned>(known) < s_hostnumberofentries;
+         ++i) {
+        HostUrl url = url_of_instance(i);
+        if (tmpHostToIndex[i - 1].hostHash[0] != '\0' ||
+            zkapi_obj_checkexist(url.text, OVANI_STORE_WAIT_MS) != 1) {
+            continue;
+        }
+        char mac[OVANI_VALUE_LEN] = {};
+        if (zkcfg_getsingleparamval(url.text, "MACAddress", mac, OVANI_STORE_WAIT_MS) == 0 &&
+            mac[0] == '\0' &&
+            zkapi_obj_del(OVANI_HOST_NODE_PATH, i, DEVFUNC_NOCALL_NOFLASH, ALL_BLOCK_LOCK) == 0) {
+            --s_hostnumberofentries;
+            ovani_log(VELM_LOG_WARNING, "host object %d was never filled: removed\n", i);
+        }
+    }
+}

@@ -26,6 +26,10 @@ extern unsigned int s_hostmaxnumber;       // the ceiling; both are 0 until star
 // counters cannot be read they stay 0 and every new host is refused. Returns R_OK.
 int ovani_hostmgr_init();
 
+// Removes the host objects without a MAC: a daemon that was killed had made them and not filled them yet, and
+// they are nobody's. Only looks when the store counts more objects than the cache knows.
+void remove_unfinished_hosts();
+
 // The path of a host object.
 struct HostUrl {
     char text[OVANI_URL_LEN];

@@ -126,9 +126,8 @@ host_node *ovani_host_node_match_by_ip_and_mac(const host_table *table, unsigned
         ovani_log(VELM_LOG_ERR, "ovani_host_node_match_by_ip_and_mac:mac is NULL!\r\n");
         return nullptr;
     }
-    return table->find([=](const host_node &node) {
-        return node.ip == ipv4 && memcmp(node.mac, mac, OVANI_MAC_LEN) == 0;
-    });
+    return table->find(
+        [=](const host_node &node) { return node.ip == ipv4 && memcmp(node.mac, mac, OVANI_MAC_LEN) == 0; });
 }
 
 host_node *ovani_host_node_get(host_table *table, unsigned long ipv4)

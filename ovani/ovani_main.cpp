@@ -1,10 +1,19 @@
 // The process: its signals, its threads, its end.
+#include <cerrno>
 #include <csignal>
+#include <cstddef>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <initializer_list>
 
+#include <libubox/uloop.h>
 #include <pthread.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
+#include "ovani/ovani_command.h"
 #include "ovani/ovani_log.h"
 #include "ovani/ovani_start.h"
 #include "ovani/ovani_ubus.h"
@@ -18,6 +27,34 @@ int start_thread(void *(*body)(void *))
     return pthread_create(&thread, nullptr, body, nullptr);
 }
 
+// Holds the daemon's name in this network namespace until the process ends. False when another process has
+// it: two daemons would both bind the ports.
+bool take_the_name()
+{
+    constexpr char name[] = "\0ovani"; // abstract: it is no file
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    memcpy(address.sun_path, name, sizeof name - 1);
+    int held = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    return held < 0 ||
+           bind(held, reinterpret_cast<sockaddr *>(&address),
+                offsetof(sockaddr_un, sun_path) + sizeof name - 1) == 0 ||
+           errno != EADDRINUSE;
+}
+
+// SIGTERM ends the loop. What the loop may be waiting for (the store, a command, a reader of the log) is
+// given two seconds, then the process ends without it: the store is whole at every moment.
+void end_soon(int signal)
+{
+    constexpr unsigned patience_s = 2;
+    if (signal == SIGALRM) {
+        end_commands();
+        _exit(EXIT_SUCCESS);
+    }
+    uloop_end();
+    alarm(patience_s);
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -26,6 +63,17 @@ int main(int argc, char **argv)
     for (int ignored : {SIGCHLD, SIGPIPE, SIGHUP}) {
         signal(ignored, SIG_IGN);
     }
+    struct sigaction action {};
+    action.sa_handler = end_soon;
+    for (int ending : {SIGTERM, SIGINT, SIGALRM}) {
+        sigaction(ending, &action, nullptr);
+    }
+    if (!take_the_name()) {
+        ovani_log(VELM_LOG_ERR, "another ovani runs here\n");
+        fputs("ovani: another one runs in this network namespace\n", stderr);
+        return EXIT_FAILURE;
+    }
+    bound_commands();
     ovani_start(argc, argv, start_thread);
     int status = ovani_ubus_init();
     if (status != 0) {

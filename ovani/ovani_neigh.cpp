@@ -15,6 +15,7 @@
 #include <sys/select.h>
 #include <sys/socket.h>
 
+#include "ovani/ovani_command.h"
 #include "ovani/ovani_commdef.h"
 #include "ovani/ovani_event.h"
 #include "ovani/ovani_fd.h"
@@ -93,7 +94,7 @@ void send_event(bool is_new, const Neighbour &found, const char *function = __bu
     char command[256];
     snprintf(command, sizeof command, "ubus send dhcp_user_event '{\"dhcp_user_string\":\"#%s#%s#%s#%s\"}'",
              is_new ? "NB6ADD" : "NB6DEL", type, found.address, found.mac);
-    [[maybe_unused]] int status = system(command);
+    run_command(command);
     ovani_log_as(function, VELM_LOG_DEBUG, "read_netlink_message cmd = %s\n", command);
 }
 

@@ -1,14 +1,16 @@
 #include "ovani/ovani_shell.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 #include <strings.h>
 
+#include "ovani/ovani_command.h"
 #include "ovani/ovani_commdef.h"
-#include "ovani/ovani_fd.h"
 #include "ovani/ovani_log.h"
 #include "platform/zkcfgif.h"
 
@@ -18,8 +20,8 @@ namespace {
 template <size_t N>
 bool first_line(const char *command, char (&line)[N])
 {
-    UniquePipe pipe{popen(command, "re")};
-    return pipe != nullptr && fgets(line, N, pipe.get()) != nullptr;
+    CommandPipe pipe{command};
+    return pipe && fgets(line, N, pipe.get()) != nullptr;
 }
 
 constexpr size_t COMMAND_LENGTH = 256;
@@ -29,8 +31,8 @@ constexpr size_t LINE_LENGTH = 128;
 
 void get_cmd_res(const char *cmd, char *res_string, size_t size)
 {
-    UniquePipe pipe{popen(cmd, "re")};
-    if (pipe == nullptr || res_string == nullptr || size == 0) {
+    CommandPipe pipe{cmd};
+    if (!pipe || res_string == nullptr || size == 0) {
         return;
     }
     int c = fgetc(pipe.get());
@@ -79,17 +81,72 @@ int ovani_get_mac_by_ipv6(const char *v6_addr, char *mac)
     return ovani_get_mac_by_ipv6(v6_addr, mac, NEIGHBOUR_MAC_LEN);
 }
 
+namespace {
+
+// What the bridge said when the listing in force was made.
+const std::string *listing_in_force;
+
+constexpr size_t LONGEST_LISTING = size_t{1} << 20;
+
+// The last three words of the first line in which a MAC stands, as the command below has them.
+bool last_words_of_row(const std::string &listing, const char *mac, char (&words)[LINE_LENGTH])
+{
+    const char *found = strcasestr(listing.c_str(), mac);
+    if (found == nullptr) {
+        return false;
+    }
+    size_t at = listing.rfind('\n', static_cast<size_t>(found - listing.c_str())) + 1;
+    std::string_view line{listing};
+    line = line.substr(at, line.find('\n', at) - at);
+    constexpr std::string_view blanks = " \t\r";
+    size_t begin = line.size();
+    for (int word = 0; word < 3; ++word) {
+        size_t end = begin == 0 ? std::string_view::npos : line.find_last_not_of(blanks, begin - 1);
+        if (end == std::string_view::npos) {
+            return false;
+        }
+        begin = line.find_last_of(blanks, end) + 1;
+    }
+    copy_text(words, line.substr(begin));
+    return true;
+}
+
+bool ask_bridge(const char *mac, char (&words)[LINE_LENGTH])
+{
+    if (listing_in_force != nullptr) {
+        return last_words_of_row(*listing_in_force, mac, words);
+    }
+    char command[COMMAND_LENGTH];
+    snprintf(command, sizeof command, "brctl showmacs br0 |grep -i %s | awk '{print $(NF-2),$(NF-1),$NF}'",
+             mac);
+    return first_line(command, words);
+}
+
+} // namespace
+
+BridgeListing::BridgeListing()
+{
+    CommandPipe pipe{"brctl showmacs br0"};
+    char part[4096];
+    size_t length = 0;
+    while (pipe && text_.size() < LONGEST_LISTING && (length = fread(part, 1, sizeof part, pipe.get())) > 0) {
+        text_.append(part, length);
+    }
+    std::ranges::replace(text_, '\0', ' ');
+    listing_in_force = &text_;
+}
+
+BridgeListing::~BridgeListing()
+{
+    listing_in_force = nullptr;
+}
+
 int get_brctl_info_from_mac(const char *macaddr, BRCTL_MACS_INFO *info)
 {
-    if (is_address_text(macaddr)) {
-        char command[COMMAND_LENGTH];
-        char line[LINE_LENGTH];
-        snprintf(command, sizeof command,
-                 "brctl showmacs br0 |grep -i %s | awk '{print $(NF-2),$(NF-1),$NF}'", macaddr);
+    char words[LINE_LENGTH];
+    if (is_address_text(macaddr) && ask_bridge(macaddr, words)) {
         static_assert(sizeof info->islocal == 8 && sizeof info->agetime == 16 && sizeof info->intf == 16);
-        if (first_line(command, line)) {
-            sscanf(line, "%7s%15s%15s", info->islocal, info->agetime, info->intf);
-        }
+        sscanf(words, "%7s%15s%15s", info->islocal, info->agetime, info->intf);
     }
     if (info->islocal[0] == '\0') {
         ovani_log(VELM_LOG_DEBUG, "can not get brtcl info from mac:%s", text_or_empty(macaddr));
@@ -133,7 +190,7 @@ int mesh_repeater_connect_type(const char *host_mac, char *type, size_t size, co
         if (strcasecmp(mac_br0, host_mac) != 0) {
             continue;
         }
-        [[maybe_unused]] int status = system("meshinfo repeater_update");
+        run_command("meshinfo repeater_update");
         char connect_type[OVANI_VALUE_LEN] = {};
         if (zkcfg_getsingleparamval(url, "connect_type", connect_type, OVANI_STORE_WAIT_MS) != 0) {
             ovani_log_as(function, VELM_LOG_DEBUG, "%s:%d zkapi_singlevalue_get error\n", function, __LINE__);
@@ -172,6 +229,6 @@ int del_item_from_arp(const char *mac_str)
     snprintf(command, sizeof command, "/sbin/arp -d `cat /proc/net/arp | grep -i %s | awk '{ print $1 }'`",
              mac_str);
     ovani_log(VELM_LOG_DEBUG, "del_item_from_arp. CMD is %s .\n ", command);
-    [[maybe_unused]] int status = system(command);
+    run_command(command);
     return R_OK;
 }

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 
 // One row of "brctl showmacs", as text.
 struct BRCTL_MACS_INFO {
@@ -31,6 +32,18 @@ int ovani_get_mac_by_ipv6(const char *v6_addr, char *mac, size_t size);
 // The forwarding-table row of a MAC given as colon text, in any case. The caller zeroes `info`. Returns 1
 // when found, else -1.
 int get_brctl_info_from_mac(const char *macaddr, BRCTL_MACS_INFO *info);
+
+// While one lives, get_brctl_info_from_mac asks what the bridge said at its making, in place of the bridge.
+class BridgeListing {
+public:
+    BridgeListing();
+    ~BridgeListing();
+    BridgeListing(const BridgeListing &) = delete;
+    BridgeListing &operator=(const BridgeListing &) = delete;
+
+private:
+    std::string text_;
+};
 
 // How a host reaches the gateway: "wireless" or "wired" by the bridge port it sits behind, or, for a mesh
 // repeater (`isMeshSlave`), what the mesh controller has recorded. Returns 0, or -1 when the repeater is not

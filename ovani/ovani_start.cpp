@@ -25,6 +25,7 @@ void ovani_start(int argc, char **argv, StartThread start_thread)
     ovani_log_as(function, VELM_LOG_DEBUG, "ovani_areacode_init finish\n");
     ovani_hostmgr_init();
     ovani_log_as(function, VELM_LOG_DEBUG, "ovani_hostmgr_init finish\n");
+    remove_unfinished_hosts();
     vlan_bind_init();
     ovani_log_as(function, VELM_LOG_DEBUG, "vlan_bind_init finish\n");
     ovani_port_mgr_init();

@@ -130,6 +130,17 @@ TEST_F(HostMgrTest, StartUpProbesNoFurtherThanItMust)
     }
 }
 
+TEST_F(HostMgrTest, StartUpRemovesWhatAKilledDaemonLeftUnfilled)
+{
+    put_object(1, "00:11:22:aa:bb:cc");
+    put_object(2, ""); // as the store makes it
+    put_object(3, "damaged");
+    set_counters("3", "254");
+    restart(OPTYPE_CT);
+    EXPECT_THAT(platform.objects, testing::ElementsAre(host_path(1), host_path(3)));
+    EXPECT_EQ(s_hostnumberofentries, 2U);
+}
+
 TEST_F(HostMgrTest, StartUpSurvivesABadStore)
 {
     set_counters("3", "64");

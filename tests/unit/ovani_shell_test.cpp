@@ -2,13 +2,14 @@
 
 #include <cstring>
 
+#include "ovani/ovani_command.h"
 #include "ovani/ovani_commdef.h"
 #include "tests/unit/daemon_test.h"
 
 namespace {
 
-constexpr char mac[] = "00:11:22:AA:BB:CC";
-constexpr char listing[] = "echo 'port no\tmac addr\t\tis local?\tageing timer\tinterface'\n"
+constexpr char MAC[] = "00:11:22:AA:BB:CC";
+constexpr char LISTING[] = "echo 'port no\tmac addr\t\tis local?\tageing timer\tinterface'\n"
                            "echo '  2\t00:11:22:aa:bb:cc\tno\t\t   3.14\teth1'\n"
                            "echo '  1\t02:00:00:00:00:01\tyes\t\t   0.00\teth0'";
 
@@ -28,20 +29,40 @@ TEST(Shell, FirstWordIsCutAtTheBuffer)
     get_cmd_res("echo discarded", nullptr);
 }
 
+TEST(Shell, WhatDoesNotEndIsEnded)
+{
+    auto ask_in_vain = [] {
+        bound_commands();
+        char word[8] = "before";
+        get_cmd_res("while :; do sleep 1000; done; echo late", word, sizeof word);
+        run_command("yes | cat >/dev/null");
+        _exit(strcmp(word, "before") == 0 && fake::logged("a command took longer than 3 s", 3) ? 0 : 1);
+    };
+    EXPECT_EXIT(ask_in_vain(), testing::ExitedWithCode(0), "");
+}
+
 TEST(Shell, BridgeRowOfAMac)
 {
     CommandPath path;
-    path.answer("brctl", listing);
+    path.answer("brctl", LISTING);
     BRCTL_MACS_INFO info{};
-    EXPECT_EQ(get_brctl_info_from_mac(mac, &info), 1); // in any case
+    EXPECT_EQ(get_brctl_info_from_mac(MAC, &info), 1); // in any case
     EXPECT_STREQ(info.islocal, "no");
     EXPECT_STREQ(info.agetime, "3.14");
     EXPECT_STREQ(info.intf, "eth1");
 
     info = {};
     EXPECT_EQ(get_brctl_info_from_mac("00:11:22:AA:BB:CD", &info), -1);
+    {
+        BridgeListing once;
+        path.answer("brctl", "echo '  2\t00:11:22:aa:bb:cd\tno\t\t   3.14\teth2'");
+        EXPECT_EQ(get_brctl_info_from_mac("00:11:22:AA:BB:CD", &info), -1);
+        EXPECT_EQ(get_brctl_info_from_mac(MAC, &info), 1);
+        EXPECT_STREQ(info.intf, "eth1");
+    }
+    info = {};
     path.answer("brctl", "head -c 100000 /dev/zero | tr '\\0' x; echo ' 00:11:22:AA:BB:CC b c'");
-    EXPECT_EQ(get_brctl_info_from_mac(mac, &info), 1); // garbage, but bounded
+    EXPECT_EQ(get_brctl_info_from_mac(MAC, &info), 1); // garbage, but bounded
     EXPECT_EQ(strnlen(info.islocal, sizeof info.islocal), sizeof info.islocal - 1);
 }
 
@@ -86,17 +107,17 @@ TEST(Shell, ConnectionTypeOfMeshHosts)
     path.answer("brctl", "echo '  1\t00:11:22:aa:bb:cc\tno\t\t   3.14\trai0'");
     path.answer("meshinfo", "echo $* >>" + path.trace_file());
     char type[16] = {};
-    EXPECT_EQ(ovani_meshhost_connect_type_get(mac, type, 0), 0);
+    EXPECT_EQ(ovani_meshhost_connect_type_get(MAC, type, 0), 0);
     EXPECT_STREQ(type, "wireless");
     EXPECT_EQ(ovani_meshhost_connect_type_get("00:11:22:AA:BB:DD", type, 0), 0);
     EXPECT_STREQ(type, "wired");
 
     std::string repeater = "InternetGatewayDevice.LANDevice.1.WLANMeshConfiguration.Controller.Repeater.3.";
-    EXPECT_EQ(ovani_meshhost_connect_type_get(mac, type, 1), -1);
+    EXPECT_EQ(ovani_meshhost_connect_type_get(MAC, type, 1), -1);
     EXPECT_EQ(path.trace(), "");
     fake::platform().values[repeater + "mac_br0"] = "00:11:22:aa:bb:cc";
     fake::platform().values[repeater + "connect_type"] = "a connection type longer than its buffer";
-    EXPECT_EQ(ovani_meshhost_connect_type_get(mac, type, 1), 0);
+    EXPECT_EQ(ovani_meshhost_connect_type_get(MAC, type, 1), 0);
     EXPECT_STREQ(type, "a connection ty");
     EXPECT_EQ(path.trace(), "repeater_update\n");
     EXPECT_EQ(ovani_meshhost_connect_type_get(nullptr, type, 1), -1);
