@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <charconv>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -28,6 +29,13 @@ bool is_address_text(const char *text)
     return !address.empty() && address.size() < INET6_ADDRSTRLEN &&
            std::ranges::all_of(address,
                                [](unsigned char c) { return isxdigit(c) != 0 || c == ':' || c == '.'; });
+}
+
+number_text decimal_text(long number)
+{
+    number_text text{};
+    std::to_chars(text.begin(), text.end(), number);
+    return text;
 }
 
 void ovani_strToLower(char *string)
@@ -60,11 +68,20 @@ void ovani_get_curr_time(char *szTime, unsigned int szTimeBuffLen)
     if (szTimeBuffLen < OVANI_TIME_BUFF_LEN) {
         ovani_log(VELM_LOG_ERR, "szTimeBuffLen=%d,overrun error", static_cast<int>(szTimeBuffLen));
     }
+    // Every event asks: within a second the answer is the same.
+    thread_local time_t second = -1;
+    thread_local char text[OVANI_TIME_BUFF_LEN];
     time_t now = time(nullptr);
-    tm local{};
-    localtime_r(&now, &local);
-    snprintf(szTime, szTimeBuffLen, "%4.4d-%2.2d-%2.2d#%2.2d:%2.2d:%2.2d", local.tm_year + 1900,
-             local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
+    if (now != second) {
+        second = now;
+        tm local{};
+        localtime_r(&now, &local);
+        snprintf(text, sizeof text, "%4.4d-%2.2d-%2.2d#%2.2d:%2.2d:%2.2d", local.tm_year + 1900,
+                 local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
+    }
+    if (szTimeBuffLen > 0) {
+        szTime[std::string_view{text}.copy(szTime, szTimeBuffLen - 1)] = '\0';
+    }
 }
 
 long ovani_get_system_uptime()
@@ -75,7 +92,16 @@ long ovani_get_system_uptime()
 
 char *ovani_ipv4_ltostr(unsigned long ip)
 {
-    return inet_ntoa(in_addr{htonl(static_cast<uint32_t>(ip))});
+    static char text[INET_ADDRSTRLEN];
+    char *out = text;
+    for (unsigned shift = 32; shift > 0; shift -= 8) {
+        if (out != text) {
+            *out++ = '.';
+        }
+        out = std::to_chars(out, std::end(text), ip >> (shift - 8) & 0xff).ptr;
+    }
+    *out = '\0';
+    return text;
 }
 
 unsigned long ovani_ipv4_strtol(const char *ipStr)

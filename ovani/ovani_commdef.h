@@ -1,5 +1,5 @@
 // Constants and small utilities shared by the whole daemon: result codes, texts, time, addresses. None of
-// them keeps state or allocates.
+// them allocates.
 #pragma once
 
 #include <array>
@@ -56,9 +56,24 @@ inline const char *text_or_empty(const char *text)
 int decimal_value(const char *text);
 
 // Whether `text` is non-empty, no longer than an IPv6 address can be, and holds nothing but hexadecimal
-// digits,
-// ':' and '.': what may be put into a command as an address.
+// digits, ':' and '.': what may be put into a command as an address.
 bool is_address_text(const char *text);
+
+// A number as decimal text: decimal_text(number).data().
+using number_text = std::array<char, 24>;
+number_text decimal_text(long number);
+
+// The configuration path of an instance, or of a parameter of it: table, number, dot, parameter.
+template <size_t N>
+void instance_path(char (&path)[N], std::string_view table, int instance, std::string_view parameter = {})
+{
+    number_text number = decimal_text(instance);
+    size_t length = 0;
+    for (std::string_view part : {table, std::string_view{number.data()}, std::string_view{"."}, parameter}) {
+        length += part.copy(path + length, N - 1 - length);
+    }
+    path[length] = '\0';
+}
 
 // Null is logged and ignored.
 void ovani_strToLower(char *string);
@@ -75,7 +90,7 @@ long ovani_get_system_uptime();
 
 // --- IPv4 addresses: numbers in host order, first octet most significant
 
-// Dotted text in the C library's static buffer, overwritten by the next call.
+// Dotted text in a static buffer, overwritten by the next call.
 char *ovani_ipv4_ltostr(unsigned long ip);
 
 // Malformed or null text gives 255.255.255.255, as inet_addr does.

@@ -1,6 +1,5 @@
 #include "ovani/ovani_event_host.h"
 
-#include <cstdio>
 #include <cstring>
 #include <strings.h>
 
@@ -11,7 +10,7 @@ bool is_lan_bridge(const char *brname)
 
 void describe_host(host_node &host, HostDescription &description)
 {
-    snprintf(description.lease, sizeof description.lease, "%d", static_cast<int>(host.LeaseTimeRemaining));
+    copy_text(description.lease, decimal_text(static_cast<int>(host.LeaseTimeRemaining)).data());
     copy_text(description.ack_time, "");
     copy_text(description.active, "1");
     description.mac = mac_bare_text(host.mac);

@@ -82,11 +82,11 @@ int find_alias_object(const char *mac)
 {
     for (int i = 1; i <= ALIAS_OBJECTS_SEARCHED; ++i) {
         char path[OVANI_URL_LEN];
-        snprintf(path, sizeof path, "%s%d.", OVANI_HOSTALIAS_OBJ_URL, i);
+        instance_path(path, OVANI_HOSTALIAS_OBJ_URL, i);
         if (zkapi_obj_checkexist(path, OVANI_STORE_WAIT_MS) != 1) {
             continue;
         }
-        snprintf(path, sizeof path, "%s%d.MACAddress", OVANI_HOSTALIAS_OBJ_URL, i);
+        instance_path(path, OVANI_HOSTALIAS_OBJ_URL, i, "MACAddress");
         char alias_mac[OVANI_VALUE_LEN] = {};
         zkapi_singlevalue_get(path, alias_mac, DEVFUNC_NOCALL_NOFLASH, OVANI_STORE_WAIT_MS);
         if (strcasecmp(alias_mac, mac) == 0) {
@@ -111,7 +111,7 @@ int set_hostalias_process(const char *hostalias, const char *tmpurl)
     int index = find_alias_object(mac);
     char url[OVANI_URL_LEN];
     if (index > 0) {
-        snprintf(url, sizeof url, "%s%d.HostAlias", OVANI_HOSTALIAS_OBJ_URL, index);
+        instance_path(url, OVANI_HOSTALIAS_OBJ_URL, index, "HostAlias");
         zkapi_singlevalue_set(url, alias, DEVFUNC_NOCALL, OVANI_STORE_WAIT_MS);
         return R_OK;
     }
@@ -126,7 +126,7 @@ int set_hostalias_process(const char *hostalias, const char *tmpurl)
         {"HostAlias", alias},
         {},
     };
-    snprintf(url, sizeof url, "%s%d.", OVANI_HOSTALIAS_OBJ_URL, index);
+    instance_path(url, OVANI_HOSTALIAS_OBJ_URL, index);
     ret = write_multi_config_to_xml_for_host_add(map, url);
     if (ret != 0) {
         ovani_log(VELM_LOG_ERR, "Error:set_hostalias_process:url=%s,ret=%d\n", url, ret);

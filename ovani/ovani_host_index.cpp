@@ -1,7 +1,7 @@
 #include "ovani/ovani_host_index.h"
 
 #include <algorithm>
-#include <cstdio>
+#include <cstring>
 #include <strings.h>
 
 #include "ovani/ovani_announce.h"
@@ -17,7 +17,7 @@ unsigned int s_hostmaxnumber;
 HostUrl url_of_instance(int index)
 {
     HostUrl url;
-    snprintf(url.text, sizeof url.text, "%s%d.", OVANI_HOST_NODE_PATH, index);
+    instance_path(url.text, OVANI_HOST_NODE_PATH, index);
     return url;
 }
 
@@ -26,17 +26,31 @@ HostToIndexMap *row_of_instance(int index)
     return index >= 1 && index <= OVANI_MAX_HOST_ENTRIES ? &tmpHostToIndex[index - 1] : nullptr;
 }
 
+namespace {
+
+// The first eight characters of a text that has room for more, letters in one case. Texts that differ in it
+// differ, so that hardly any is compared.
+uint64_t folded_beginning(const char (&text)[OVANI_MAX_HOSTINFO_HASH_LEN])
+{
+    uint64_t beginning = 0;
+    memcpy(&beginning, text, sizeof beginning);
+    return beginning | 0x2020202020202020;
+}
+
+} // namespace
+
 int instance_of_mac(const char *mac)
 {
-    if (mac == nullptr || *mac == '\0') {
+    char key[OVANI_MAX_HOSTINFO_HASH_LEN] = {};
+    copy_text(key, mac);
+    if (key[0] == '\0') {
         return 0;
     }
-    for (int i = 0; i < OVANI_MAX_HOST_ENTRIES; ++i) {
-        if (strcasecmp(tmpHostToIndex[i].hostHash, mac) == 0) {
-            return i + 1;
-        }
-    }
-    return 0;
+    uint64_t beginning = folded_beginning(key);
+    auto *row = std::ranges::find_if(tmpHostToIndex, [=](const HostToIndexMap &candidate) {
+        return folded_beginning(candidate.hostHash) == beginning && strcasecmp(candidate.hostHash, mac) == 0;
+    });
+    return row == std::end(tmpHostToIndex) ? 0 : static_cast<int>(row - tmpHostToIndex) + 1;
 }
 
 void forget_row(HostToIndexMap &row)

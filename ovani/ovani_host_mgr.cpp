@@ -1,7 +1,5 @@
 #include "ovani/ovani_host_mgr.h"
 
-#include <cstdio>
-
 #include <strings.h>
 #include <unistd.h>
 
@@ -200,9 +198,7 @@ int ovani_update_host_lanport(const ovani_dhcpd_host_event *hostinfo, int portno
     if (known_object(hostinfo->MACAddress, index, url) == 0) {
         return 0;
     }
-    char port[16];
-    snprintf(port, sizeof port, "%d", portno);
-    int ret = zkcfg_setsingleparamval(url.text, "Port", port, OVANI_STORE_WAIT_MS);
+    int ret = zkcfg_setsingleparamval(url.text, "Port", decimal_text(portno).data(), OVANI_STORE_WAIT_MS);
     return announce_change(url, index, ret);
 }
 
@@ -217,10 +213,10 @@ int ovani_update_active_time(const char *macaddr)
         ovani_log(VELM_LOG_DEBUG, "index not exist!! mac=%s\r\n", text_or_empty(macaddr));
         return R_OK;
     }
-    char text[32];
-    snprintf(text, sizeof text, "%d", uptime);
-    return zkcfg_setsingleparamval(url.text, "LatestActiveTime", text, OVANI_STORE_WAIT_MS) == 0 ? R_OK
-                                                                                                 : R_ERROR;
+    return zkcfg_setsingleparamval(url.text, "LatestActiveTime", decimal_text(uptime).data(),
+                                   OVANI_STORE_WAIT_MS) == 0
+               ? R_OK
+               : R_ERROR;
 }
 
 // --- Removing
@@ -249,11 +245,10 @@ void delete_host_object(int index, const char *function = __builtin_FUNCTION())
 
 int mark_host_object_inactive(int index, const char *function = __builtin_FUNCTION())
 {
-    char uptime[32];
+    number_text uptime = decimal_text(ovani_get_system_uptime());
     char zero[] = "0";
-    snprintf(uptime, sizeof uptime, "%ld", ovani_get_system_uptime());
     tConfigMap map[] = {
-        {"LatestInactiveTime", uptime},
+        {"LatestInactiveTime", uptime.data()},
         {"Active", zero},
         {"LeaseTimeRemaining", zero},
         {},

@@ -1,6 +1,5 @@
 #include "ovani/ovani_host_object.h"
 
-#include <cstdio>
 #include <cstring>
 #include <strings.h>
 
@@ -121,7 +120,7 @@ void compute_latest_active_time(const ovani_dhcpd_host_event &hostinfo, const Pr
     if (unchanged) {
         copy_text(texts.LatestActiveTime, previous.LatestActiveTime);
     } else {
-        snprintf(texts.LatestActiveTime, sizeof texts.LatestActiveTime, "%ld", ovani_get_system_uptime());
+        copy_text(texts.LatestActiveTime, decimal_text(ovani_get_system_uptime()).data());
     }
     ovani_log_as(function, VELM_LOG_DEBUG, "sacktime:%s\n", texts.LatestActiveTime);
 }
@@ -151,9 +150,7 @@ void get_port_from_layer2interface(const char *layer2_interface, HostTexts &text
         ovani_log(VELM_LOG_DEBUG, "change port num from 0 to 255\n");
         number = 255;
     }
-    char text[16];
-    snprintf(text, sizeof text, "%d", number);
-    copy_text(texts.Port, text);
+    copy_text(texts.Port, decimal_text(number).data());
 }
 
 // --- Mesh

@@ -1,7 +1,6 @@
 #include "ovani/ovani_lan_port.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 
 #include "ovani/ovani_commdef.h"
@@ -59,7 +58,7 @@ int read_lan_binding(const BindProfile &profile, int lan_eth_id, LanEthIntfVlanB
     int instance = wireless ? lan_eth_id - ovani_lan_port_count() : lan_eth_id;
     auto read = [&](const char *name, char(&field)[LAN_PARAM_LEN]) {
         char path[OVANI_URL_LEN];
-        snprintf(path, sizeof path, "%s%d.%s", table, instance, name);
+        instance_path(path, table, instance, name);
         if (profile.logs_urls) {
             ovani_log_as(function, VELM_LOG_DEBUG, "url:%s!\n", path);
         }

@@ -1,7 +1,6 @@
 #include "ovani/ovani_lan_port_config.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 #include <string_view>
 
@@ -170,7 +169,7 @@ void clear_bindings()
 void write_port_mac(int port, const char *mac, const char *function = __builtin_FUNCTION())
 {
     char path[OVANI_URL_LEN];
-    snprintf(path, sizeof path, "%s%d.MACAddress", OVANI_LAN_ETHERNET_PATH, port);
+    instance_path(path, OVANI_LAN_ETHERNET_PATH, port, "MACAddress");
     ovani_log_as(function, VELM_LOG_DEBUG, "write Lan%d macAddr=%s!\n", port, mac);
     if (zkapi_singlevalue_set(path, mac, DEVFUNC_NOCALL_NOFLASH, OVANI_STORE_WAIT_MS) != 0) {
         ovani_log_as(function, VELM_LOG_ERR, "write fail!\n");

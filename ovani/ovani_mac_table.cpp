@@ -1,6 +1,5 @@
 #include "ovani/ovani_mac_table.h"
 
-#include <cstdio>
 #include <cstring>
 #include <new>
 
@@ -136,8 +135,7 @@ char *ovani_layer2_interface_get_by_mac(const unsigned char *mac)
     const char *table = node->lanPortType != 0
                             ? "InternetGatewayDevice.LANDevice.1.WLANConfiguration."
                             : "InternetGatewayDevice.LANDevice.1.LANEthernetInterfaceConfig.";
-    snprintf(g_ovani_layer2_interface_str, sizeof g_ovani_layer2_interface_str, "%s%d.", table,
-             node->lanPortNo);
+    instance_path(g_ovani_layer2_interface_str, table, node->lanPortNo);
     return g_ovani_layer2_interface_str;
 }
 

@@ -1,7 +1,6 @@
 #include "ovani/ovani_port_mgr.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -25,9 +24,9 @@ int ovani_port_mgr_init()
     for (int port = 1; port <= ovani_lan_port_count(); ++port) {
         LanEthIntfWorkMode mode{};
         char path[OVANI_URL_LEN];
-        snprintf(path, sizeof path, "%s%d.DuplexMode", OVANI_LAN_ETHERNET_PATH, port);
+        instance_path(path, OVANI_LAN_ETHERNET_PATH, port, "DuplexMode");
         read_port_param(path, port, mode.DuplexMode, VELM_LOG_ERR);
-        snprintf(path, sizeof path, "%s%d.MaxBitRate", OVANI_LAN_ETHERNET_PATH, port);
+        instance_path(path, OVANI_LAN_ETHERNET_PATH, port, "MaxBitRate");
         read_port_param(path, port, mode.MaxBitRate, VELM_LOG_ERR);
         ovani_lan_eth_workmode_set(port, &mode);
     }
@@ -41,7 +40,7 @@ int ovani_node_port_status_init()
         status.port_index = static_cast<uint32_t>(port);
         qvdrv_pon_get_eth_port_link_status(&status);
         char path[OVANI_URL_LEN];
-        snprintf(path, sizeof path, "%s%d.", OVANI_LAN_ETHERNET_PATH, port);
+        instance_path(path, OVANI_LAN_ETHERNET_PATH, port);
         zkcfg_setsingleparamval(path, "Status", status.link_up == 1 ? "Up" : "NoLink", OVANI_STORE_WAIT_MS);
     }
     ovani_log(VELM_LOG_DEBUG, "ovani_node_port_status_init finish\n");

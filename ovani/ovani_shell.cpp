@@ -181,7 +181,7 @@ int mesh_repeater_connect_type(const char *host_mac, char *type, size_t size, co
 {
     for (int i = 1; i <= MESH_REPEATERS; ++i) {
         char url[OVANI_URL_LEN];
-        snprintf(url, sizeof url, "%s%d.", OVANI_MESH_REPEATER_PATH, i);
+        instance_path(url, OVANI_MESH_REPEATER_PATH, i);
         char mac_br0[OVANI_VALUE_LEN] = {};
         if (zkcfg_getsingleparamval(url, "mac_br0", mac_br0, OVANI_STORE_WAIT_MS) != 0) {
             ovani_log_as(function, VELM_LOG_DEBUG, "%s:%d zkcfg_getsingleparamval error\n", function,
