@@ -5,17 +5,19 @@
 //   carrier of the bridge's Ethernet ports                      "106"
 //   stations that join and leave its simulated access points    "111"
 //
-// Two states are kept: what the kernel knows, which is followed whether or not there is a bus to tell, and
-// what the bus has been told. Only their difference is ever announced, so nothing is said twice, and what
-// could not be said (there was no broker, notifications were lost) is said as soon as it can be. A daemon
-// that comes on the bus is told everything: it may be a new one with empty tables.
+// Whenever the kernel says that something has changed, all of it is read anew and compared with what the bus
+// has been told. Only the difference is ever announced, so nothing is said twice, and what could not be said
+// (there was no broker) is said as soon as it can be. What came and went between two readings is passed over.
+// A daemon that comes on the bus is told everything: it may be a new one with empty tables.
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <optional>
-#include <utility>
 
 #include <CLI/CLI.hpp>
 
@@ -25,24 +27,13 @@
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 constexpr char DAEMON_OBJECT[] = "ovani";
-constexpr int READ_DELAY_MS = 50;      // gathers what comes in one burst into one reading
+constexpr int REST = 9;                // after a reading, in times of the processor time it took
+constexpr int DISTURBED_MOST = 20;     // then a reading is trusted during which the tables changed
 constexpr int RETRY_MS = 500;          // after a reading or an announcement that failed
 constexpr int PROBE_TIMEOUT_MS = 5000; // a daemon that has not answered by then is asked again
-
-// What has been announced.
-struct Told {
-    std::map<unsigned, bool> carriers; // by LAN port number
-    std::map<Mac, std::string> stations;
-    std::map<in_addr_t, Mac> neighbours;
-    std::map<Mac, std::string> associations;
-};
-
-// Knows its owner, so that libubox's callbacks, which are plain functions, find it.
-template <typename Base, typename Owner>
-struct Owned : Base {
-    Owner *owner = nullptr;
-};
 
 class BridgeWatcher {
 public:
@@ -52,16 +43,14 @@ public:
     void start() { bus_.start(); }
 
 private:
-    template <typename Base>
-    using Mine = Owned<Base, BridgeWatcher>;
+    struct KernelFd : uloop_fd {
+        BridgeWatcher *watcher;
+    };
 
     void kernel_readable();
-    void read_kernel();
-
-    void announce();
-    bool announce_gone(const std::map<unsigned, bool> &carriers);
-    bool announce_present(const std::map<unsigned, bool> &carriers);
-    bool announce_joins();
+    void look_soon();
+    void look();
+    bool announce(const BridgeState &now, bool trusted);
     bool say(const Event &event) { return bus_.send(event.name, event.message); }
 
     void bus_connected();
@@ -72,104 +61,95 @@ private:
     void stop_probing();
 
     const std::string bridge_name_;
-    BridgeTracker tracker_;
+    ChangeListener kernel_;
     Bus bus_;
-    Mine<uloop_fd> kernel_fd_{};
-    Mine<uloop_timeout> read_timer_{};
-    Mine<uloop_timeout> announce_timer_{};
-    Mine<uloop_timeout> probe_timer_{};
-    Mine<ubus_request> probe_{};
-    bool probing_ = false; // waiting for the daemon's answer
+    KernelFd kernel_fd_{};
+    Timer look_timer_{[this] { look(); }};
+    Timer probe_timer_{[this] { probe_daemon(); }};
+    ubus_request probe_{};
+    Clock::time_point rested_{}; // no look before
+    int disturbed_ = 0;          // readings in a row
+    bool probing_ = false;       // waiting for the daemon's answer
     int answers_ = 0;
-    bool listening_ = false; // the daemon has answered enough
-    bool repeat_ = false;    // the next announcement says again what has been said
-    Told told_;
-    Told heard_; // what the daemon had been told when it left
+    bool listening_ = false;    // the daemon has answered enough
+    bool repeat_ = false;       // the next announcement says again what has been said
+    std::optional<int> bridge_; // its index when it was last looked at
+    BridgeState told_;          // what has been announced
+    BridgeState heard_;         // what the daemon had been told when it left
 };
 
 BridgeWatcher::BridgeWatcher(const std::string &bridge, const std::string &socket)
-    : bridge_name_(bridge), tracker_(bridge), bus_(socket)
+    : bridge_name_(bridge), bus_(socket)
 {
     bus_.on_connect = [this] { bus_connected(); };
     bus_.on_lost = [this] { daemon_left(); };
     bus_.on_event = [this](const char *event, blob_attr *msg) { bus_event(event, msg); };
-    read_timer_.owner = announce_timer_.owner = probe_timer_.owner = this;
-    read_timer_.cb = [](uloop_timeout *t) { static_cast<Mine<uloop_timeout> *>(t)->owner->read_kernel(); };
-    announce_timer_.cb = [](uloop_timeout *t) { static_cast<Mine<uloop_timeout> *>(t)->owner->announce(); };
-    probe_timer_.cb = [](uloop_timeout *t) { static_cast<Mine<uloop_timeout> *>(t)->owner->probe_daemon(); };
 }
 
 bool BridgeWatcher::listen(int receive_buffer)
 {
-    if (!tracker_.listen(receive_buffer)) {
+    if (!kernel_.open(receive_buffer)) {
         return false;
     }
-    kernel_fd_.owner = this;
-    kernel_fd_.fd = tracker_.fd();
-    kernel_fd_.cb = [](uloop_fd *fd, unsigned) {
-        static_cast<Mine<uloop_fd> *>(fd)->owner->kernel_readable();
-    };
-    read_kernel();
+    kernel_fd_.watcher = this;
+    kernel_fd_.fd = kernel_.fd();
+    kernel_fd_.cb = [](uloop_fd *fd, unsigned) { static_cast<KernelFd *>(fd)->watcher->kernel_readable(); };
     return uloop_fd_add(&kernel_fd_, ULOOP_READ) == 0;
 }
 
 void BridgeWatcher::kernel_readable()
 {
-    tracker_.follow();
+    kernel_.changed();
     // To the loop an overrun is an error, after which it no longer waits for the descriptor.
     if (kernel_fd_.error) {
         uloop_fd_add(&kernel_fd_, ULOOP_READ);
     }
-    if (tracker_.in_step()) {
-        announce();
-    } else if (!read_timer_.pending) { // a burst without end does not put it off for ever
-        uloop_timeout_set(&read_timer_, READ_DELAY_MS);
-    }
+    look_soon();
 }
 
-void BridgeWatcher::read_kernel()
+// The first change is looked at at once: a lease counts only for a MAC that the daemon has heard of, and DHCP
+// takes but milliseconds. What follows is gathered while the watcher rests.
+void BridgeWatcher::look_soon()
 {
-    if (tracker_.read_anew()) {
-        announce();
-    } else {
-        uloop_timeout_set(&read_timer_, RETRY_MS);
+    if (!look_timer_.is_set()) {
+        const auto rest = std::chrono::ceil<std::chrono::milliseconds>(rested_ - Clock::now());
+        look_timer_.set(static_cast<int>(std::max<int64_t>(rest.count(), 0)));
     }
 }
 
-// The LAN ports among the bridge's ports.
-std::map<unsigned, bool> carriers_of(const BridgeState &state)
+void BridgeWatcher::look()
 {
-    std::map<unsigned, bool> carriers;
-    for (const auto &[index, port] : state.ports) {
-        if (const unsigned number = lan_port_of(port.name); number != 0) {
-            carriers[number] = port.carrier;
-        }
+    if (bus_.context() == nullptr || probing_) {
+        return; // whoever ends that state looks
     }
-    return carriers;
+    kernel_.changed();                       // what waits is older than what is read now
+    const std::clock_t begin = std::clock(); // of the processor, in microseconds
+    const auto now = read_bridge(bridge_name_);
+    rested_ = Clock::now() + std::chrono::microseconds(REST * (std::clock() - begin));
+    // The kernel lists a long table piece by piece: an entry that goes meanwhile may hide another.
+    const bool disturbed = kernel_.changed();
+    const bool trusted = !disturbed || ++disturbed_ == DISTURBED_MOST;
+    if (trusted) {
+        disturbed_ = 0;
+    }
+    const bool failed = !now || !announce(*now, trusted);
+    if (disturbed) {
+        look_soon();
+    } else if (failed) {
+        look_timer_.set(RETRY_MS);
+    }
 }
 
-void BridgeWatcher::announce()
-{
-    if (!bus_.context() || probing_ || !tracker_.in_step()) {
-        return; // whoever ends that state announces
-    }
-    const auto carriers = carriers_of(tracker_.state());
-    if (announce_gone(carriers) && announce_present(carriers) && announce_joins()) {
-        repeat_ = false;
-    } else {
-        uloop_timeout_set(&announce_timer_, RETRY_MS);
-    }
-}
-
-// Says of each entry that is no longer there that it is gone, and forgets it. False when that could not be
-// said.
-template <typename Map, typename IsThere, typename Say>
-bool forget_gone(Map &told, IsThere is_there, Say say_gone)
+// Says that an entry is gone, of each that is missing and, if to move is to go, of each that is elsewhere.
+// One that is missing from a reading not to be trusted is left alone.
+template <typename Map, typename Say>
+bool tell_gone(Map &told, const Map &now, bool trusted, bool to_move_is_to_go, Say say)
 {
     for (auto entry = told.begin(); entry != told.end();) {
-        if (is_there(entry->first, entry->second)) {
+        const auto found = now.find(entry->first);
+        if (found == now.end() ? !trusted : !to_move_is_to_go || found->second == entry->second) {
             ++entry;
-        } else if (say_gone(entry->first, entry->second)) {
+        } else if (say(entry->first, entry->second)) {
             entry = told.erase(entry);
         } else {
             return false;
@@ -178,107 +158,67 @@ bool forget_gone(Map &told, IsThere is_there, Say say_gone)
     return true;
 }
 
-// The SSIDs of the simulated access points, as "111" counts them.
-std::optional<uint8_t> ssid_of(std::string_view wifi_interface)
+template <typename Map, typename Say>
+bool tell_new(Map &told, const Map &now, Say say)
 {
-    static constexpr std::pair<std::string_view, uint8_t> ssids[] = {{"ra0", 0}, {"rai0", 4}};
-    for (const auto &[name, ssid] : ssids) {
-        if (name == wifi_interface) {
-            return ssid;
-        }
-    }
-    return std::nullopt;
-}
-
-// A station leaves where it was before it joins where it is: to the daemon a leave is a leave, wherever from.
-bool BridgeWatcher::announce_gone(const std::map<unsigned, bool> &carriers)
-{
-    const BridgeState &now = tracker_.state();
-    const auto neighbour_is_there = [&](in_addr_t address, const Mac &mac) {
-        const auto found = now.neighbours.find(address);
-        return found != now.neighbours.end() && found->second == mac;
-    };
-    const auto station_is_there = [&](const Mac &mac, const std::string &) { // on whichever port, in any VLAN
-        const auto found = now.fdb.lower_bound({mac, 0});
-        return found != now.fdb.end() && found->first.mac == mac;
-    };
-    const auto port_is_there = [&](unsigned number, bool) { return carriers.contains(number); };
-    const auto is_associated = [&](const Mac &mac, const std::string &wifi) {
-        const auto found = now.associations.find(mac);
-        return found != now.associations.end() && found->second == wifi;
-    };
-    return forget_gone(told_.associations, is_associated,
-                       [&](const Mac &mac, const std::string &wifi) {
-                           return say(make_wifi_event(false, mac, ssid_of(wifi).value_or(0)));
-                       }) &&
-           forget_gone(told_.neighbours, neighbour_is_there,
-                       [&](in_addr_t address, const Mac &mac) {
-                           return say(make_arp_event(false, in_addr{address}, mac, bridge_name_));
-                       }) &&
-           forget_gone(told_.stations, station_is_there,
-                       [&](const Mac &mac, const std::string &port) {
-                           return say(make_mac_event(false, mac, port, bridge_name_));
-                       }) &&
-           forget_gone(told_.carriers, port_is_there, [&](unsigned number, bool carrier) {
-               return !carrier || say(make_port_event(static_cast<uint8_t>(number), false));
-           });
-}
-
-// Ports before stations before addresses: a device's road through the daemon begins with its MAC.
-bool BridgeWatcher::announce_present(const std::map<unsigned, bool> &carriers)
-{
-    const auto is_told = [this](const auto &told, const auto &key, const auto &value) {
-        const auto found = told.find(key);
-        return !repeat_ && found != told.end() && found->second == value;
-    };
-    for (const auto &[number, carrier] : carriers) {
-        if (is_told(told_.carriers, number, carrier)) {
+    for (const auto &[key, value] : now) {
+        const auto known = told.find(key);
+        if (known != told.end() && known->second == value) {
             continue;
         }
-        if (!say(make_port_event(static_cast<uint8_t>(number), carrier))) {
+        if (!say(key, value)) {
             return false;
         }
-        told_.carriers[number] = carrier;
-    }
-    const Mac *previous = nullptr;
-    for (const auto &[key, port] : tracker_.state().fdb) {
-        const bool again = previous && *previous == key.mac; // in another VLAN
-        previous = &key.mac;
-        if (again || is_told(told_.stations, key.mac, port)) {
-            continue;
-        }
-        if (!say(make_mac_event(true, key.mac, port, bridge_name_))) {
-            return false;
-        }
-        told_.stations[key.mac] = port;
-    }
-    for (const auto &[address, mac] : tracker_.state().neighbours) {
-        if (is_told(told_.neighbours, address, mac)) {
-            continue;
-        }
-        if (!say(make_arp_event(true, in_addr{address}, mac, bridge_name_))) {
-            return false;
-        }
-        told_.neighbours[address] = mac;
+        told.insert_or_assign(key, value);
     }
     return true;
 }
 
-// After the MACs: the daemon asks the bridge where a station sits that it does not know.
-bool BridgeWatcher::announce_joins()
+// False when not all could be said. A station leaves where it was before it joins where it is: to the daemon
+// a leave is a leave, wherever from. Ports come before stations before addresses before joins: a device's
+// road through the daemon begins with its MAC.
+bool BridgeWatcher::announce(const BridgeState &now, bool trusted)
 {
-    for (const auto &[mac, wifi] : tracker_.state().associations) {
-        const auto told = told_.associations.find(mac);
-        const auto ssid = ssid_of(wifi);
-        if (!ssid || (!repeat_ && told != told_.associations.end())) {
-            continue;
-        }
-        if (!say(make_wifi_event(true, mac, *ssid))) {
-            return false;
-        }
-        told_.associations[mac] = wifi;
+    if (bridge_ != now.bridge) {
+        bridge_ = now.bridge;
+        fprintf(stderr, "%s: %zu LAN ports, %zu stations, %zu neighbours, %zu on Wi-Fi\n",
+                now.bridge != 0 ? bridge_name_.c_str() : "no bridge", now.carriers.size(),
+                now.stations.size(), now.neighbours.size(), now.associations.size());
     }
-    return true;
+    const auto say_port = [this](unsigned number, bool carrier) {
+        return say(make_port_event(static_cast<uint8_t>(number), carrier));
+    };
+    const auto say_station = [this](bool learned) {
+        return [this, learned](const Mac &mac, const std::string &port) {
+            return say(make_mac_event(learned, mac, port, bridge_name_));
+        };
+    };
+    const auto say_neighbour = [this](bool added) {
+        return [this, added](in_addr_t address, const Mac &mac) {
+            return say(make_arp_event(added, in_addr{address}, mac, bridge_name_));
+        };
+    };
+    const auto say_association = [this](bool joined) {
+        return
+            [this, joined](const Mac &mac, uint8_t ssid) { return say(make_wifi_event(joined, mac, ssid)); };
+    };
+    const auto say_port_gone = [&](unsigned number, bool carrier) {
+        return !carrier || say_port(number, false);
+    };
+    if (!tell_gone(told_.associations, now.associations, trusted, true, say_association(false)) ||
+        !tell_gone(told_.neighbours, now.neighbours, trusted, true, say_neighbour(false)) ||
+        !tell_gone(told_.stations, now.stations, trusted, false, say_station(false)) ||
+        !tell_gone(told_.carriers, now.carriers, trusted, false, say_port_gone)) {
+        return false;
+    }
+    if (repeat_ && trusted) {
+        told_ = {};
+        repeat_ = false;
+    }
+    return tell_new(told_.carriers, now.carriers, say_port) &&
+           tell_new(told_.stations, now.stations, say_station(true)) &&
+           tell_new(told_.neighbours, now.neighbours, say_neighbour(true)) &&
+           tell_new(told_.associations, now.associations, say_association(true));
 }
 
 void BridgeWatcher::bus_connected()
@@ -295,15 +235,15 @@ void BridgeWatcher::bus_event(std::string_view event, blob_attr *msg)
     const blobmsg_policy policy = {"path", BLOBMSG_TYPE_STRING};
     blob_attr *path = nullptr;
     blobmsg_parse(&policy, 1, &path, blob_data(msg), static_cast<unsigned>(blob_len(msg)));
-    if (!path || strcmp(blobmsg_get_string(path), DAEMON_OBJECT) != 0) {
+    if (path == nullptr || strcmp(blobmsg_get_string(path), DAEMON_OBJECT) != 0) {
         return;
     }
     if (event != "ubus.object.add" && event != "ubus.object.remove") {
         return;
     }
     daemon_left();
-    uloop_timeout_set(&probe_timer_,
-                      0); // not from here: a bus call inside a bus callback is answered out of turn
+    // Not from here: a bus call inside a bus callback is answered out of turn.
+    probe_timer_.set(0);
 }
 
 // The daemon's object is on the bus before the daemon listens. An answer, if only that it knows no such
@@ -313,25 +253,25 @@ void BridgeWatcher::bus_event(std::string_view event, blob_attr *msg)
 void BridgeWatcher::probe_daemon()
 {
     stop_probing();
-    if (!bus_.context()) {
+    if (bus_.context() == nullptr) {
         return;
     }
     uint32_t id = 0;
     if (ubus_lookup_id(bus_.context(), DAEMON_OBJECT, &id) != UBUS_STATUS_OK) {
         fprintf(stderr, "no daemon on the bus\n");
-        return announce(); // others may be listening
+        return look(); // others may be listening
     }
     probing_ = true;
-    uloop_timeout_set(&probe_timer_, PROBE_TIMEOUT_MS); // the object may be gone again before it answers
+    probe_timer_.set(PROBE_TIMEOUT_MS); // the object may be gone again before it answers
     const Message nothing;
-    static_cast<ubus_request &>(probe_) = {};
+    probe_ = {};
     if (ubus_invoke_async(bus_.context(), id, "are_you_listening", nothing.head(), &probe_) !=
         UBUS_STATUS_OK) {
         return;
     }
-    probe_.owner = this;
+    probe_.priv = this;
     probe_.complete_cb = [](ubus_request *request, int status) {
-        static_cast<Mine<ubus_request> *>(request)->owner->daemon_answered(status);
+        static_cast<BridgeWatcher *>(request->priv)->daemon_answered(status);
     };
     ubus_complete_request_async(bus_.context(), &probe_);
 }
@@ -345,7 +285,7 @@ void BridgeWatcher::daemon_answered(int status)
         return; // the broker went, the daemon said nothing
     }
     if (++answers_ < 2) {
-        uloop_timeout_set(&probe_timer_, 0);
+        probe_timer_.set(0);
         return;
     }
     stop_probing();
@@ -356,7 +296,7 @@ void BridgeWatcher::daemon_answered(int status)
     told_.neighbours.merge(heard_.neighbours);
     told_.associations.merge(heard_.associations);
     heard_ = {};
-    uloop_timeout_set(&announce_timer_, 0);
+    look_timer_.set(0);
 }
 
 void BridgeWatcher::daemon_left()
@@ -371,12 +311,12 @@ void BridgeWatcher::daemon_left()
 
 void BridgeWatcher::stop_probing()
 {
-    if (probe_.complete_cb) {
+    if (probe_.complete_cb != nullptr) {
         ubus_abort_request(bus_.context(), &probe_);
     }
     probe_.complete_cb = nullptr;
     probing_ = false;
-    uloop_timeout_cancel(&probe_timer_);
+    probe_timer_.cancel();
 }
 
 } // namespace

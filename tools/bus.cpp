@@ -28,13 +28,10 @@ BusConnection connect_bus(const char *socket)
 Bus::Bus(std::string socket) : socket_(std::move(socket))
 {
     s_bus = this;
-    retry_.bus = this;
-    retry_.cb = [](uloop_timeout *t) { static_cast<Retry *>(t)->bus->connect(); };
 }
 
 Bus::~Bus()
 {
-    uloop_timeout_cancel(&retry_);
     s_bus = nullptr;
 }
 
@@ -52,7 +49,7 @@ void Bus::connect()
     ctx_.reset();
     ctx_ = connect_bus(socket_.empty() ? nullptr : socket_.c_str());
     if (!ctx_) {
-        uloop_timeout_set(&retry_, RETRY_MS);
+        retry_.set(RETRY_MS);
         return;
     }
     ctx_->connection_lost = [](ubus_context *) { s_bus->lost(); };
@@ -70,14 +67,14 @@ void Bus::connect()
 // timer.
 void Bus::lost()
 {
-    if (retry_.pending) {
+    if (retry_.is_set()) {
         return;
     }
     fprintf(stderr, "broker lost, reconnecting\n");
     if (on_lost) {
         on_lost();
     }
-    uloop_timeout_set(&retry_, RETRY_MS);
+    retry_.set(RETRY_MS);
 }
 
 bool Bus::subscribe(const char *pattern)
@@ -87,5 +84,5 @@ bool Bus::subscribe(const char *pattern)
 
 bool Bus::send(const char *event, const Message &msg)
 {
-    return context() && ubus_send_event(context(), event, msg.head()) == UBUS_STATUS_OK;
+    return context() != nullptr && ubus_send_event(context(), event, msg.head()) == UBUS_STATUS_OK;
 }

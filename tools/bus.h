@@ -59,6 +59,25 @@ BusConnection connect_bus(const char *socket);
 // Where the bus's socket usually is, for messages to people.
 inline constexpr char BUS_DEFAULT_SOCKET[] = "/var/run/ubus/ubus.sock";
 
+// A timer of the event loop; it ends with its object.
+class Timer : uloop_timeout {
+public:
+    explicit Timer(std::function<void()> due) : uloop_timeout{}, due_(std::move(due))
+    {
+        cb = [](uloop_timeout *timer) { static_cast<Timer *>(timer)->due_(); };
+    }
+    ~Timer() { cancel(); }
+    Timer(const Timer &) = delete;
+    Timer &operator=(const Timer &) = delete;
+
+    void set(int milliseconds) { uloop_timeout_set(this, milliseconds); }
+    void cancel() { uloop_timeout_cancel(this); }
+    bool is_set() const { return pending; }
+
+private:
+    std::function<void()> due_;
+};
+
 // The bus connection of a program that stays: it runs in the event loop, and while no broker is there it
 // tries again every so often. Everything that belongs to one connection (objects, subscriptions, requests) is
 // made afresh in `on_connect`. At most one a process, and uloop_init comes first.
@@ -72,14 +91,13 @@ public:
     Bus &operator=(const Bus &) = delete;
 
     std::function<void()> on_connect; // a fresh connection is up
-    std::function<void()>
-        on_lost;      // the connection is gone; its context is still there, for aborting requests
-    Handler on_event; // what subscribe() asked for
+    std::function<void()> on_lost;    // it is gone; its context is still there, for aborting requests
+    Handler on_event;                 // what subscribe() asked for
 
     void start();
 
     // Null while there is no broker.
-    ubus_context *context() const { return retry_.pending ? nullptr : ctx_.get(); }
+    ubus_context *context() const { return retry_.is_set() ? nullptr : ctx_.get(); }
 
     // For on_connect: deliver events of this pattern to on_event.
     bool subscribe(const char *pattern);
@@ -88,14 +106,11 @@ public:
     bool send(const char *event, const Message &msg);
 
 private:
-    struct Retry : uloop_timeout {
-        Bus *bus;
-    };
     void connect();
     void lost();
 
     std::string socket_;
     BusConnection ctx_;
     ubus_event_handler listener_{};
-    Retry retry_{};
+    Timer retry_{[this] { connect(); }};
 };

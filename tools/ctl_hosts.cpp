@@ -174,9 +174,6 @@ public:
     void run();
 
 private:
-    struct Timer : uloop_timeout {
-        HostsView *view;
-    };
     void event(const char *name, blob_attr *msg);
     void refresh();
     void draw_screen(const std::vector<Host> &hosts);
@@ -186,7 +183,7 @@ private:
     const bool on_terminal_ = isatty(STDOUT_FILENO) != 0;
     const Style style_ = style_for(STDOUT_FILENO);
     Bus bus_;
-    Timer timer_{};
+    Timer timer_{[this] { refresh(); }};
     struct Happening {
         std::string line;
         int instance = 0; // of the host it is about, where it names one
@@ -200,8 +197,6 @@ HostsView::HostsView(const HostsCommand &command, const std::string &socket) : c
 {
     bus_.on_connect = [this] { bus_.subscribe(command_.events ? "*" : UBUS_EVENT_LANHOST_PARAM_CHANGE); };
     bus_.on_event = [this](const char *name, blob_attr *msg) { event(name, msg); };
-    timer_.view = this;
-    timer_.cb = [](uloop_timeout *t) { static_cast<Timer *>(t)->view->refresh(); };
 }
 
 void HostsView::run()
@@ -220,7 +215,7 @@ void HostsView::run()
 
 void HostsView::event(const char *name, blob_attr *msg)
 {
-    uloop_timeout_set(&timer_, CHANGE_MS);
+    timer_.set(CHANGE_MS);
     if (!command_.events) {
         return;
     }
@@ -240,7 +235,7 @@ void HostsView::event(const char *name, blob_attr *msg)
 
 void HostsView::refresh()
 {
-    uloop_timeout_set(&timer_, REFRESH_MS);
+    timer_.set(REFRESH_MS);
     const auto hosts = read_hosts();
     if (on_terminal_) {
         draw_screen(hosts);
