@@ -9,6 +9,7 @@
 
 #include "tools/bus.h"
 #include "tools/events.h"
+#include "tools/json.h"
 
 namespace {
 
@@ -20,9 +21,11 @@ struct EventsCommand {
 
 void print_event(const EventsCommand &command, const char *name, blob_attr *msg)
 {
-    const auto fields = decode_event(name, msg);
+    const Json fields = decode_event(name, msg);
     if (command.json) {
-        puts(event_json(name, fields).c_str());
+        Json event = {{"event", name}};
+        event.update(fields);
+        puts(json_text(event).c_str());
     } else {
         printf("%s  %s\n", clock_text().c_str(), event_line(name, fields).c_str());
     }

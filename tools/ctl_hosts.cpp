@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
 #include <deque>
 #include <memory>
@@ -19,6 +18,7 @@
 #include "tools/bus.h"
 #include "tools/ctl_ports.h"
 #include "tools/events.h"
+#include "tools/json.h"
 #include "tools/objects.h"
 #include "tools/table.h"
 #include "tools/text.h"
@@ -84,33 +84,19 @@ std::string since_text(const Host &host)
     return seconds < 0 ? "" : format_duration(seconds);
 }
 
-std::string hosts_json(const std::vector<Host> &hosts)
+Json host_json(const Host &host)
 {
-    std::string out = "[";
-    for (const Host &host : hosts) {
-        const auto member = [&](const char *name, std::string_view value) {
-            out += std::string(",\"") + name + "\":" + json_quote(value);
-        };
-        out += out.size() > 1 ? ",\n {" : "\n {";
-        out += "\"instance\":" + std::to_string(host.instance);
-        member("name", host.get("HostName"));
-        member("mac", host.get("MACAddress"));
-        member("address", host.get("IPAddress"));
-        member("source", host.get("AddressSource"));
-        member("ipv6", host.get("IPv6Address"));
-        member("type", type_of(host));
-        member("port", port_of(host));
-        out += ",\"active\":" + std::string(host.active() ? "true" : "false");
-        out += ",\"since\":" + std::to_string(seconds_since(host));
-        out += ",\"parameters\":{";
-        const char *comma = "";
-        for (const auto &[name, value] : host.parameters) {
-            out += comma + json_quote(name) + ':' + json_quote(value);
-            comma = ",";
-        }
-        out += "}}";
-    }
-    return out + (hosts.empty() ? "]" : "\n]");
+    return {{"instance", host.instance},
+            {"name", host.get("HostName")},
+            {"mac", host.get("MACAddress")},
+            {"address", host.get("IPAddress")},
+            {"source", host.get("AddressSource")},
+            {"ipv6", host.get("IPv6Address")},
+            {"type", type_of(host)},
+            {"port", port_of(host)},
+            {"active", host.active()},
+            {"since", seconds_since(host)},
+            {"parameters", host.parameters}};
 }
 
 constexpr std::array TITLES = {"NAME", "MAC", "ADDRESS", "SOURCE", "IPV6", "TYPE", "PORT", "SINCE", "ACTIVE"};
@@ -220,10 +206,7 @@ void HostsView::event(const char *name, blob_attr *msg)
         return;
     }
     const auto fields = decode_event(name, msg);
-    Happening happening{clock_text() + "  " + event_line(name, fields), 0};
-    if (strcmp(name, UBUS_EVENT_LANHOST_PARAM_CHANGE) == 0) {
-        happening.instance = static_cast<int>(parse_number(fields.back().value, 1, INT32_MAX).value_or(0));
-    }
+    Happening happening{clock_text() + "  " + event_line(name, fields), fields.value("instance", 0)};
     if (!on_terminal_) {
         puts(happening.line.c_str());
     }
@@ -325,7 +308,9 @@ void show_hosts(const HostsCommand &command, const std::string &socket)
     }
     const auto hosts = read_hosts();
     if (command.json) {
-        puts(hosts_json(hosts).c_str());
+        std::vector<Json> objects(hosts.size());
+        std::ranges::transform(hosts, objects.begin(), host_json);
+        print_json_rows(objects);
         return;
     }
     for (const std::string &line : host_lines(hosts, style_for(STDOUT_FILENO), terminal_width())) {

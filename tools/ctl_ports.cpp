@@ -13,6 +13,7 @@
 
 #include "platform/qvdrv_pon_api.h"
 #include "platform/zk_sys_mgr.h"
+#include "tools/json.h"
 #include "tools/objects.h"
 #include "tools/text.h"
 
@@ -72,64 +73,53 @@ std::vector<Port> read_ports()
 
 // --- As JSON
 
-std::string number_or_null(std::string_view text)
+Json number_or_null(std::string_view text)
 {
     const auto number = parse_number(text, 0, UINT32_MAX);
-    return number ? std::to_string(*number) : "null";
+    return number ? Json(*number) : Json();
 }
 
-std::string bool_or_null(std::string_view text)
+Json bool_or_null(std::string_view text)
 {
-    return text.empty() ? "null" : text == "1" ? "true" : "false";
+    return text.empty() ? Json() : Json(text == "1");
 }
 
-std::string binding_json(const StoreObject &binding)
+Json binding_json(const StoreObject &binding)
 {
-    return "{\"lan_vlan\":" + std::to_string(binding.instance) +
-           ",\"wan_vlan\":" + number_or_null(binding.get("VLAN")) +
-           ",\"priority\":" + number_or_null(binding.get("Priority")) +
-           ",\"service\":" + json_quote(binding.get("Service")) +
-           ",\"type\":" + json_quote(binding.get("Type")) +
-           ",\"ip_mode\":" + number_or_null(binding.get("IPMode")) +
-           ",\"lan_dhcp\":" + bool_or_null(binding.get("LANDHCP")) + "}";
+    return {{"lan_vlan", binding.instance},
+            {"wan_vlan", number_or_null(binding.get("VLAN"))},
+            {"priority", number_or_null(binding.get("Priority"))},
+            {"service", binding.get("Service")},
+            {"type", binding.get("Type")},
+            {"ip_mode", number_or_null(binding.get("IPMode"))},
+            {"lan_dhcp", bool_or_null(binding.get("LANDHCP"))}};
 }
 
-std::string port_json(const Port &port)
+Json port_json(const Port &port)
 {
-    std::string bindings;
+    Json bindings = Json::array();
     for (const StoreObject &binding : port.bindings) {
-        bindings += (bindings.empty() ? "" : ",") + binding_json(binding);
+        bindings.push_back(binding_json(binding));
     }
-    return "{\"port\":" + json_quote(port.name) + ",\"number\":" + std::to_string(port.asked.instance) +
-           ",\"link\":" +
-           (!port.link   ? "null"
-            : *port.link ? "true"
-                         : "false") +
-           ",\"enabled\":" + bool_or_null(port.asked.get("Enable")) +
-           ",\"auto\":" + bool_or_null(port.asked.get("AutoNegotiation")) +
-           ",\"rate\":" + number_or_null(port.asked.get("Rate")) +
-           ",\"duplex\":" + json_quote(port.asked.get("Duplex")) +
-           ",\"mac_limit\":" + number_or_null(port.asked.get("MACLimit")) + ",\"bindings\":[" + bindings +
-           "]}";
+    return {{"port", port.name},
+            {"number", port.asked.instance},
+            {"link", port.link ? Json(*port.link) : Json()},
+            {"enabled", bool_or_null(port.asked.get("Enable"))},
+            {"auto", bool_or_null(port.asked.get("AutoNegotiation"))},
+            {"rate", number_or_null(port.asked.get("Rate"))},
+            {"duplex", port.asked.get("Duplex")},
+            {"mac_limit", number_or_null(port.asked.get("MACLimit"))},
+            {"bindings", bindings}};
 }
 
-std::string limits_json(const StoreObject &device, const std::string &name)
+Json limits_json(const StoreObject &device, const std::string &name)
 {
-    return "{\"mac\":" + json_quote(device.get("MACAddress")) + ",\"name\":" + json_quote(name) +
-           ",\"max_up\":" + number_or_null(device.get("MaxUpstream")) +
-           ",\"max_down\":" + number_or_null(device.get("MaxDownstream")) +
-           ",\"total_up\":" + number_or_null(device.get("TotalUpstream")) +
-           ",\"total_down\":" + number_or_null(device.get("TotalDownstream")) + "}";
-}
-
-void print_json(const std::vector<std::string> &objects)
-{
-    const char *separator = "[\n ";
-    for (const std::string &object : objects) {
-        printf("%s%s", separator, object.c_str());
-        separator = ",\n ";
-    }
-    puts(objects.empty() ? "[]" : "\n]");
+    return {{"mac", device.get("MACAddress")},
+            {"name", name},
+            {"max_up", number_or_null(device.get("MaxUpstream"))},
+            {"max_down", number_or_null(device.get("MaxDownstream"))},
+            {"total_up", number_or_null(device.get("TotalUpstream"))},
+            {"total_down", number_or_null(device.get("TotalDownstream"))}};
 }
 
 // --- As tables
@@ -223,25 +213,25 @@ void show_ports(bool json)
         print_lines(port_lines(style_for(STDOUT_FILENO), terminal_width()));
         return;
     }
-    std::vector<std::string> objects;
+    std::vector<Json> objects;
     for (const Port &port : read_ports()) {
         objects.push_back(port_json(port));
     }
-    print_json(objects);
+    print_json_rows(objects);
 }
 
 void show_limits(bool json)
 {
     const std::vector<StoreObject> hosts = read_objects(HOSTS);
     std::vector<TableRow> rows;
-    std::vector<std::string> objects;
+    std::vector<Json> objects;
     for (const StoreObject &device : read_objects(DRIVER_DEVICES)) {
         const std::string name = name_of(hosts, device.get("MACAddress"));
         rows.push_back(limits_row(device, name));
         objects.push_back(limits_json(device, name));
     }
     if (json) {
-        print_json(objects);
+        print_json_rows(objects);
         return;
     }
     print_lines(table_lines(LIMIT_TITLES, rows, style_for(STDOUT_FILENO), terminal_width()));

@@ -11,6 +11,7 @@
 
 #include "platform/host/store.h"
 #include "tools/bus.h"
+#include "tools/json.h"
 #include "tools/objects.h"
 #include "tools/text.h"
 
@@ -22,16 +23,6 @@ struct GetCommand {
     std::string path;
     bool json = false;
 };
-
-void print_json(const StoreListing &listing)
-{
-    const char *separator = "{\n  ";
-    for (const auto &[path, value] : listing) {
-        printf("%s%s: %s", separator, json_quote(path).c_str(), json_quote(value).c_str());
-        separator = ",\n  ";
-    }
-    puts(listing.empty() ? "{}" : "\n}");
-}
 
 void get(const GetCommand &command)
 {
@@ -46,7 +37,12 @@ void get(const GetCommand &command)
 
     const bool is_parameter = listing.size() == 1 && listing[0].first == command.path;
     if (command.json) {
-        print_json(listing);
+        Json json = Json::object();
+        auto &members = json.get_ref<Json::object_t &>();
+        for (auto &[path, value] : listing) {
+            members.emplace_back(std::move(path), std::move(value)); // each path is there once
+        }
+        puts(json_text(json, 2).c_str());
     } else if (is_parameter) {
         puts(printable(listing[0].second).c_str());
     } else {

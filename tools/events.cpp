@@ -13,6 +13,7 @@ extern "C" {
 }
 
 #include "ovani/ovani_event.h"
+#include "tools/json.h"
 
 namespace {
 
@@ -36,9 +37,9 @@ std::string lease_field(std::string_view bytes)
     return text;
 }
 
-Mac mac_of(const uint8_t (&bytes)[6])
+std::string mac_text(const uint8_t (&bytes)[6])
 {
-    return std::to_array(bytes);
+    return format_mac(std::to_array(bytes));
 }
 
 std::string address_text(uint32_t network_order)
@@ -48,55 +49,53 @@ std::string address_text(uint32_t network_order)
     return text;
 }
 
-EventField choice(unsigned value, const char *when_zero, const char *otherwise)
+std::string_view choice(unsigned value, const char *when_zero, const char *otherwise)
 {
-    return {"action", value == 0 ? when_zero : otherwise};
+    return value == 0 ? when_zero : otherwise;
 }
 
-EventField number(const char *name, long value)
+template <size_t N>
+std::string_view field_text(const char (&field)[N])
 {
-    return {name, std::to_string(value), true};
+    const std::string_view whole(field, N);
+    return whole.substr(0, whole.find('\0'));
 }
 
-EventField text(const char *name, std::string_view value)
+Json decode_mac(const ovani_mac_event &e)
 {
-    return {name, std::string(value)};
+    return {{"action", choice(e.action, "deleted", "learned")},
+            {"mac", mac_text(e.mac)},
+            {"port", field_text(e.eth_num)},
+            {"bridge", field_text(e.brname)}};
 }
 
-using Fields = std::vector<EventField>;
-
-Fields decode_mac(const ovani_mac_event &e)
+Json decode_arp(const ovani_arp_event &e)
 {
-    return {choice(e.action, "deleted", "learned"), text("mac", format_mac(mac_of(e.mac))),
-            text("port", field_text(e.eth_num)), text("bridge", field_text(e.brname))};
+    return {{"action", choice(e.action, "deleted", "added")},
+            {"address", address_text(e.ipv4)},
+            {"mac", mac_text(e.mac)},
+            {"bridge", field_text(e.brname)}};
 }
 
-Fields decode_arp(const ovani_arp_event &e)
+Json decode_port(const ovani_port_status_event &e)
 {
-    return {choice(e.action, "deleted", "added"), text("address", address_text(e.ipv4)),
-            text("mac", format_mac(mac_of(e.mac))), text("bridge", field_text(e.brname))};
+    return {{"action", choice(e.status, "down", "up")}, {"port", e.port}};
 }
 
-Fields decode_port(const ovani_port_status_event &e)
+Json decode_wifi(const ovani_wifi_event &e)
 {
-    return {choice(e.status, "down", "up"), number("port", e.port)};
+    return {{"action", choice(e.action, "left", "joined")}, {"mac", mac_text(e.mac)}, {"ssid", e.ssidno}};
 }
 
-Fields decode_wifi(const ovani_wifi_event &e)
+Json decode_host_status(const ovani_device_status_event &e)
 {
-    return {choice(e.action, "left", "joined"), text("mac", format_mac(mac_of(e.mac))),
-            number("ssid", e.ssidno)};
-}
-
-Fields decode_host_status(const ovani_device_status_event &e)
-{
-    return {text("action", field_text(e.status)),
-            text("type", field_text(e.devicetype)),
-            text("mac", field_text(e.deviceMAC)),
-            text("address", field_text(e.deviceIP)),
-            text("name", field_text(e.AliasName)),
-            text("attached", e.attachedtype ? "wireless" : "wired"),
-            number("port", e.port)};
+    return {{"action", field_text(e.status)},
+            {"type", field_text(e.devicetype)},
+            {"mac", field_text(e.deviceMAC)},
+            {"address", field_text(e.deviceIP)},
+            {"name", field_text(e.AliasName)},
+            {"attached", e.attachedtype != 0 ? "wireless" : "wired"},
+            {"port", e.port}};
 }
 
 // The '#'-separated fields of a "dhcp_user_event" in the order of each of its three forms; the last takes the
@@ -106,7 +105,7 @@ constexpr const char *LEASE_FIELDS[] = {"action", "address", "source",       "ac
 constexpr const char *DHCPV6_FIELDS[] = {"action", "address", "mac", "link_local"};
 constexpr const char *NEIGHBOUR_FIELDS[] = {"action", "type", "address", "mac"};
 
-Fields decode_dhcp(std::string_view line)
+Json decode_dhcp(std::string_view line)
 {
     const size_t first = line.find('#');
     std::string_view rest = first == std::string_view::npos ? "" : line.substr(first + 1);
@@ -118,94 +117,89 @@ Fields decode_dhcp(std::string_view line)
         names = NEIGHBOUR_FIELDS;
     }
 
-    Fields fields;
-    for (size_t i = 0; i < names.size(); i++) {
-        const size_t end = i + 1 == names.size() ? std::string_view::npos : rest.find('#');
-        if (end == std::string_view::npos && i + 1 != names.size()) {
-            return {text("error", "too few fields: " + std::string(line))};
+    Json fields;
+    for (const char *const &name : names) {
+        const bool last = &name == &names.back();
+        const size_t end = last ? std::string_view::npos : rest.find('#');
+        if (end == std::string_view::npos && !last) {
+            return {{"error", "too few fields: " + std::string(line)}};
         }
-        fields.push_back(text(names[i], rest.substr(0, end)));
-        rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + 1);
+        fields[name] = rest.substr(0, end);
+        rest.remove_prefix(last ? rest.size() : end + 1);
     }
     return fields;
 }
 
-template <typename Record, size_t WireLength, Fields (*Decode)(const Record &)>
-Fields decode_record(const uint8_t *data, size_t length)
+// An attribute's bytes: a raw record of at least the event's length, a text with its terminator, a number.
+using Payload = std::string_view;
+
+template <typename Record, Json (*Decode)(const Record &)>
+Json decode_record(Payload payload)
 {
-    if (length < WireLength) {
-        return {text("error", "record of " + std::to_string(length) + " bytes, should be " +
-                                  std::to_string(WireLength))};
-    }
     Record record{};
-    memcpy(&record, data, std::min(length, sizeof record));
+    memcpy(&record, payload.data(), std::min(payload.size(), sizeof record));
     return Decode(record);
 }
 
-struct RecordEvent {
-    const char *event;
-    const char *attribute;
-    Fields (*decode)(const uint8_t *data, size_t length);
-};
-
-constexpr RecordEvent RECORD_EVENTS[] = {
-    {UBUS_EVENT_MAC_ADDR_INFO, "mac_struct",
-     decode_record<ovani_mac_event, OVANI_MAC_EVENT_WIRE_LEN, decode_mac>},
-    {UBUS_EVENT_ARP_INFO, "arp_struct", decode_record<ovani_arp_event, OVANI_ARP_EVENT_WIRE_LEN, decode_arp>},
-    {UBUS_EVENT_UNI_PORT_LINK_STATE, "port_status_struct",
-     decode_record<ovani_port_status_event, OVANI_PORT_STATUS_EVENT_WIRE_LEN, decode_port>},
-    {UBUS_EVENT_WIFI_ON_OFF, "wifi_user_struct",
-     decode_record<ovani_wifi_event, OVANI_WIFI_EVENT_WIRE_LEN, decode_wifi>},
-    {UBUS_EVENT_LANHOST_UP_DOWN, "lanhost_struct",
-     decode_record<ovani_device_status_event, sizeof(ovani_device_status_event), decode_host_status>},
-};
-
-constexpr char DHCP_ATTRIBUTE[] = "dhcp_user_string";
-constexpr char OBJNUM_ATTRIBUTE[] = "objnum";
-
-blob_attr *attribute(blob_attr *msg, const char *name, enum blobmsg_type type)
+Json decode_text(Payload payload)
 {
-    const blobmsg_policy policy = {name, type};
-    blob_attr *found = nullptr;
-    if (blobmsg_parse(&policy, 1, &found, blob_data(msg), static_cast<unsigned>(blob_len(msg))) != 0) {
-        return nullptr;
-    }
-    return found;
+    return decode_dhcp(payload.data());
 }
 
-Fields missing(const char *attribute_name)
+Json decode_instance(Payload payload)
 {
-    return {text("error", std::string("no usable \"") + attribute_name + '"')};
+    uint32_t instance = 0;
+    memcpy(&instance, payload.data(), sizeof instance);
+    return {{"action", "changed"}, {"instance", static_cast<int32_t>(ntohl(instance))}};
 }
 
-Fields decode_other(blob_attr *msg)
+// How people call an event, and how it is read; the names are those of OVANI_EVENTS.
+struct Reader {
+    std::string_view event;
+    const char *word;
+    enum blobmsg_type type = BLOBMSG_TYPE_UNSPEC; // of its attribute
+    Json (*decode)(Payload payload) = nullptr;
+};
+
+constexpr Reader READERS[] = {
+    {UBUS_EVENT_MAC_ADDR_INFO, "mac", BLOBMSG_TYPE_UNSPEC, decode_record<ovani_mac_event, decode_mac>},
+    {UBUS_EVENT_ARP_INFO, "arp", BLOBMSG_TYPE_UNSPEC, decode_record<ovani_arp_event, decode_arp>},
+    {UBUS_EVENT_UNI_PORT_LINK_STATE, "port", BLOBMSG_TYPE_UNSPEC,
+     decode_record<ovani_port_status_event, decode_port>},
+    {UBUS_EVENT_WIFI_ON_OFF, "wifi", BLOBMSG_TYPE_UNSPEC, decode_record<ovani_wifi_event, decode_wifi>},
+    {UBUS_EVENT_LANHOST_UP_DOWN, "state", BLOBMSG_TYPE_UNSPEC,
+     decode_record<ovani_device_status_event, decode_host_status>},
+    {UBUS_EVENT_DHCP_USER_CONN, "dhcp", BLOBMSG_TYPE_STRING, decode_text},
+    {UBUS_EVENT_LANHOST_PARAM_CHANGE, "host", BLOBMSG_TYPE_INT32, decode_instance},
+    {UBUS_EVENT_WAN_VLAN_INFO, "wan"},
+};
+
+const Reader *find_reader(std::string_view event)
+{
+    const auto reader = std::ranges::find(READERS, event, &Reader::event);
+    return reader == std::end(READERS) ? nullptr : reader;
+}
+
+Json decode_other(blob_attr *msg)
 {
     struct Free {
         void operator()(char *p) const { free(p); }
     };
     const std::unique_ptr<char, Free> json(blobmsg_format_json(msg, true));
-    return {text("message", json ? json.get() : "(damaged)")};
+    return {{"message", json ? json.get() : "(damaged)"}};
 }
 
-// How people call the numbered events.
-constexpr struct {
-    const char *event;
-    const char *label;
-} LABELS[] = {
-    {UBUS_EVENT_MAC_ADDR_INFO, "mac"},        {UBUS_EVENT_ARP_INFO, "arp"},
-    {UBUS_EVENT_UNI_PORT_LINK_STATE, "port"}, {UBUS_EVENT_WIFI_ON_OFF, "wifi"},
-    {UBUS_EVENT_DHCP_USER_CONN, "dhcp"},      {UBUS_EVENT_LANHOST_PARAM_CHANGE, "host"},
-    {UBUS_EVENT_WAN_VLAN_INFO, "wan"},        {UBUS_EVENT_LANHOST_UP_DOWN, "state"},
-};
-
-std::string label_of(std::string_view event)
+template <typename Record>
+Event record_event(const char *name, const Record &record)
 {
-    for (const auto &known : LABELS) {
-        if (event == known.event) {
-            return known.label;
-        }
-    }
-    return printable(event);
+    Event event{name, {}};
+    event.message.add_record(find_event(name)->attribute, &record, sizeof record);
+    return event;
+}
+
+uint8_t flag(bool set)
+{
+    return set ? 1 : 0;
 }
 
 } // namespace
@@ -214,27 +208,23 @@ Event make_mac_event(bool learned, const Mac &mac, std::string_view port, std::s
 {
     ovani_mac_event record{};
     record.event_id = EVENT_ID;
+    record.action = flag(learned);
     set_field(record.eth_num, port);
     set_field(record.eth_state, "up");
     set_field(record.brname, bridge);
-    std::copy(mac.begin(), mac.end(), record.mac);
-    record.action = learned;
-    Event event{UBUS_EVENT_MAC_ADDR_INFO, {}};
-    event.message.add_record("mac_struct", &record, sizeof record);
-    return event;
+    std::ranges::copy(mac, record.mac);
+    return record_event(UBUS_EVENT_MAC_ADDR_INFO, record);
 }
 
 Event make_arp_event(bool added, in_addr address, const Mac &mac, std::string_view bridge)
 {
     ovani_arp_event record{};
     record.event_id = EVENT_ID;
-    record.action = added;
+    record.action = flag(added);
     record.ipv4 = address.s_addr;
-    std::copy(mac.begin(), mac.end(), record.mac);
+    std::ranges::copy(mac, record.mac);
     set_field(record.brname, bridge);
-    Event event{UBUS_EVENT_ARP_INFO, {}};
-    event.message.add_record("arp_struct", &record, sizeof record);
-    return event;
+    return record_event(UBUS_EVENT_ARP_INFO, record);
 }
 
 Event make_port_event(uint8_t port, bool up)
@@ -242,22 +232,18 @@ Event make_port_event(uint8_t port, bool up)
     ovani_port_status_event record{};
     record.event_id = EVENT_ID;
     record.port = port;
-    record.status = up;
-    Event event{UBUS_EVENT_UNI_PORT_LINK_STATE, {}};
-    event.message.add_record("port_status_struct", &record, sizeof record);
-    return event;
+    record.status = flag(up);
+    return record_event(UBUS_EVENT_UNI_PORT_LINK_STATE, record);
 }
 
 Event make_wifi_event(bool joined, const Mac &mac, uint8_t ssid)
 {
     ovani_wifi_event record{};
     record.event_id = EVENT_ID;
-    std::copy(mac.begin(), mac.end(), record.mac);
     record.ssidno = ssid;
-    record.action = joined;
-    Event event{UBUS_EVENT_WIFI_ON_OFF, {}};
-    event.message.add_record("wifi_user_struct", &record, sizeof record);
-    return event;
+    record.action = flag(joined);
+    std::ranges::copy(mac, record.mac);
+    return record_event(UBUS_EVENT_WIFI_ON_OFF, record);
 }
 
 std::string lease_text(const Lease &lease)
@@ -275,33 +261,35 @@ std::string lease_text(const Lease &lease)
 Event make_dhcp_event(const std::string &line)
 {
     Event event{UBUS_EVENT_DHCP_USER_CONN, {}};
-    event.message.add_text(DHCP_ATTRIBUTE, line);
+    event.message.add_text(find_event(event.name)->attribute, line);
     return event;
 }
 
-std::vector<EventField> decode_event(std::string_view name, blob_attr *msg)
+std::string event_word(std::string_view event)
 {
-    for (const RecordEvent &known : RECORD_EVENTS) {
-        if (name != known.event) {
-            continue;
-        }
-        blob_attr *attr = attribute(msg, known.attribute, BLOBMSG_TYPE_UNSPEC);
-        if (!attr) {
-            return missing(known.attribute);
-        }
-        return known.decode(static_cast<const uint8_t *>(blobmsg_data(attr)), blobmsg_data_len(attr));
+    const Reader *reader = find_reader(event);
+    return reader != nullptr ? reader->word : printable(event);
+}
+
+Json decode_event(std::string_view name, blob_attr *msg)
+{
+    const Reader *reader = find_reader(name);
+    const EventKind *kind = find_event(name);
+    if (reader == nullptr || kind == nullptr || reader->decode == nullptr) {
+        return decode_other(msg);
     }
-    if (name == UBUS_EVENT_DHCP_USER_CONN) {
-        blob_attr *attr = attribute(msg, DHCP_ATTRIBUTE, BLOBMSG_TYPE_STRING);
-        return attr ? decode_dhcp(blobmsg_get_string(attr)) : missing(DHCP_ATTRIBUTE);
+    const blobmsg_policy policy = {kind->attribute, reader->type};
+    blob_attr *attr = nullptr;
+    blobmsg_parse(&policy, 1, &attr, blob_data(msg), static_cast<unsigned>(blob_len(msg)));
+    if (attr == nullptr) {
+        return {{"error", std::string("no usable \"") + kind->attribute + '"'}};
     }
-    if (name == UBUS_EVENT_LANHOST_PARAM_CHANGE) {
-        blob_attr *attr = attribute(msg, OBJNUM_ATTRIBUTE, BLOBMSG_TYPE_INT32);
-        return attr ? Fields{choice(1, "", "changed"),
-                             number("instance", static_cast<int32_t>(blobmsg_get_u32(attr)))}
-                    : missing(OBJNUM_ATTRIBUTE);
+    const Payload payload(static_cast<const char *>(blobmsg_data(attr)), blobmsg_data_len(attr));
+    if (payload.size() < kind->wire_length) {
+        return {{"error", "record of " + std::to_string(payload.size()) + " bytes, should be " +
+                              std::to_string(kind->wire_length)}};
     }
-    return decode_other(msg);
+    return reader->decode(payload);
 }
 
 std::string clock_text()
@@ -314,30 +302,16 @@ std::string clock_text()
     return text;
 }
 
-std::string event_line(std::string_view name, const std::vector<EventField> &fields)
+std::string event_line(std::string_view name, const Json &fields)
 {
-    std::string line = label_of(name);
+    std::string line = event_word(name);
     line.append(columns_of(line) < 5 ? 5 - columns_of(line) : 0, ' ');
-    for (const EventField &field : fields) {
-        if (field.value.empty() || strcmp(field.name, "acknowledged") == 0) { // the line has a time already
+    for (const auto &[field, value] : fields.items()) {
+        const std::string text = value.is_string() ? value.get<std::string>() : json_text(value);
+        if (text.empty() || field == "acknowledged") { // the line has a time already
             continue;
         }
-        line += ' ';
-        const bool plain = &field == &fields.front() && strcmp(field.name, "action") == 0;
-        if (!plain) {
-            line += std::string(field.name) + '=';
-        }
-        line += printable(field.value);
+        line += ' ' + (field == "action" ? "" : field + '=') + printable(text);
     }
     return line;
-}
-
-std::string event_json(std::string_view name, const std::vector<EventField> &fields)
-{
-    std::string json = "{\"event\":" + json_quote(name);
-    for (const EventField &field : fields) {
-        json += ",\"" + std::string(field.name) + "\":";
-        json += field.number ? field.value : json_quote(field.value);
-    }
-    return json + '}';
 }

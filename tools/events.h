@@ -5,9 +5,9 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include <netinet/in.h>
+#include <nlohmann/json_fwd.hpp>
 
 #include "tools/bus.h"
 #include "tools/text.h"
@@ -50,19 +50,15 @@ std::string lease_text(const Lease &lease);
 // "dhcp_user_event" with any text.
 Event make_dhcp_event(const std::string &text);
 
-// What an event says, as name and value in the order of its record. `number` values stand unquoted in JSON.
-struct EventField {
-    const char *name;
-    std::string value;
-    bool number = false;
-};
-// A message that is not what its event should carry yields one field named "error"; an event that is none of
-// the gateway's yields one named "message", its content as JSON.
-std::vector<EventField> decode_event(std::string_view name, blob_attr *msg);
+// How people call an event: "mac" for "109"; others by their names, made printable.
+std::string event_word(std::string_view event);
+
+// What an event says, in the order of its record. A message that is not what its event should carry yields
+// one member named "error"; an event that is none of the gateway's yields one named "message", its content as
+// JSON text.
+nlohmann::ordered_json decode_event(std::string_view name, blob_attr *msg);
 
 // The time of day, for people following events: 12:30:01.
 std::string clock_text();
-// One line, safe on a terminal: the fields after their labels, the first without.
-std::string event_line(std::string_view name, const std::vector<EventField> &fields);
-// One JSON object.
-std::string event_json(std::string_view name, const std::vector<EventField> &fields);
+// One line, safe on a terminal: the fields after their names, the action without.
+std::string event_line(std::string_view name, const nlohmann::ordered_json &fields);

@@ -199,28 +199,6 @@ std::optional<std::string> unescape(std::string_view text)
     return printable(text) == text ? std::optional(out) : std::nullopt;
 }
 
-std::string json_quote(std::string_view bytes)
-{
-    std::string out = "\"";
-    while (!bytes.empty()) {
-        const CodePoint c = decode_utf8(bytes);
-        if (c.length == 0) {
-            out += "\xef\xbf\xbd";
-        } else if (c.value == '"' || c.value == '\\') {
-            out += '\\';
-            out += bytes[0];
-        } else if (c.value < 0x20 || c.value == 0x7f) {
-            char text[8];
-            snprintf(text, sizeof text, "\\u%04x", static_cast<unsigned>(c.value));
-            out += text;
-        } else {
-            out += bytes.substr(0, c.length);
-        }
-        bytes.remove_prefix(std::max<size_t>(c.length, 1));
-    }
-    return out + '"';
-}
-
 size_t columns_of(std::string_view printable_text)
 {
     size_t columns = 0;

@@ -1,4 +1,4 @@
-// Text for people and for JSON, made from bytes nobody vouches for: host names, vendor classes, interface
+// Text for people, made from bytes nobody vouches for: host names, vendor classes, interface
 // names.
 #pragma once
 
@@ -34,9 +34,6 @@ std::string printable(std::string_view bytes);
 std::string escape(std::string_view bytes);
 std::optional<std::string> unescape(std::string_view text);
 
-// A quoted JSON string; bytes that are not UTF-8 become U+FFFD.
-std::string json_quote(std::string_view bytes);
-
 // Columns that printable text takes on a terminal (a Chinese character takes two).
 size_t columns_of(std::string_view printable_text);
 
@@ -45,11 +42,3 @@ std::string fit(std::string_view printable_text, size_t width);
 
 // 45 s, 12 min, 3 h 05, 2 d 04 h.
 std::string format_duration(long seconds);
-
-// A fixed-size field of a raw record as text: up to its first NUL or its end.
-template <size_t N>
-std::string_view field_text(const char (&field)[N])
-{
-    const std::string_view whole(field, N);
-    return whole.substr(0, whole.find('\0'));
-}
