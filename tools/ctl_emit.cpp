@@ -2,23 +2,33 @@
 
 #include "tools/ovanictl.h" // CLI11 before libubox, whose macros take one of its names
 
-#include <cstdio>
+#include <algorithm>
+#include <functional>
+#include <iostream>
 #include <memory>
 #include <vector>
 
 #include <arpa/inet.h>
 
+#include "ovani/ovani_event.h"
 #include "tools/bus.h"
 #include "tools/events.h"
 
 namespace {
 
-void send(const CtlOptions &options, const Event &event)
+using Sender = std::function<void(const Event &)>;
+
+BusConnection connect(const CtlOptions &options)
 {
-    const BusConnection bus = connect_bus(options.socket_or_null());
+    BusConnection bus = connect_bus(options.socket_or_null());
     if (!bus) {
         fail("no broker at " + (options.socket.empty() ? BUS_DEFAULT_SOCKET : options.socket));
     }
+    return bus;
+}
+
+void send(const BusConnection &bus, const Event &event)
+{
     if (!event.send(bus.get())) {
         fail("the broker does not take the event");
     }
@@ -49,7 +59,7 @@ struct Arguments {
     std::string port = "eth0";
     std::string bridge = "br0";
     unsigned number = 0;
-    Lease lease;
+    Lease lease{.seconds = 3600};
     std::string text;
     std::string event;
     std::string attribute;
@@ -90,46 +100,39 @@ Event raw_event(const Arguments &args)
     return event;
 }
 
-} // namespace
-
-void add_emit_command(CLI::App &app, const CtlOptions &options)
+// A subcommand for each kind of event. What its words say goes to `args`, the event made of that to `sender`.
+void add_kinds(CLI::App *emit, const std::shared_ptr<Arguments> &args, const Sender &sender)
 {
-    auto args = std::make_shared<Arguments>();
-    CLI::App *emit = app.add_subcommand("emit", "Send one of the gateway's events");
-    emit->require_subcommand(1);
-
     CLI::App *mac =
         add_kind(emit, "mac", "109: a MAC learned on a bridge port, or aged out", *args, {"add", "del"});
     mac->add_option("MAC", args->mac)->required();
     mac->add_option("-p,--port", args->port, "the port's interface")->capture_default_str();
     mac->add_option("-b,--bridge", args->bridge)->capture_default_str();
-    mac->callback([args, &options] {
-        send(options, make_mac_event(args->came(), mac_argument(args->mac), args->port, args->bridge));
+    mac->callback([args, sender] {
+        sender(make_mac_event(args->came(), mac_argument(args->mac), args->port, args->bridge));
     });
 
     CLI::App *arp = add_kind(emit, "arp", "110: an IPv4 neighbour that came or went", *args, {"add", "del"});
     arp->add_option("ADDRESS", args->address)->required();
     arp->add_option("MAC", args->mac)->required();
     arp->add_option("-b,--bridge", args->bridge)->capture_default_str();
-    arp->callback([args, &options] {
-        send(options, make_arp_event(args->came(), address_argument(args->address), mac_argument(args->mac),
-                                     args->bridge));
+    arp->callback([args, sender] {
+        sender(make_arp_event(args->came(), address_argument(args->address), mac_argument(args->mac),
+                              args->bridge));
     });
 
     CLI::App *port = add_kind(emit, "port", "106: link of a LAN port", *args, {"up", "down"});
     port->add_option("NUMBER", args->number, "LAN port, from 1")->required()->check(CLI::Range(0, 255));
-    port->callback([args, &options] {
-        send(options, make_port_event(static_cast<uint8_t>(args->number), args->came()));
-    });
+    port->callback(
+        [args, sender] { sender(make_port_event(static_cast<uint8_t>(args->number), args->came())); });
 
     CLI::App *wifi = add_kind(emit, "wifi", "111: a Wi-Fi station", *args, {"join", "leave"});
     wifi->add_option("MAC", args->mac)->required();
     wifi->add_option("SSID", args->number, "number of the SSID, from 0")
         ->required()
         ->check(CLI::Range(0, 255));
-    wifi->callback([args, &options] {
-        send(options,
-             make_wifi_event(args->came(), mac_argument(args->mac), static_cast<uint8_t>(args->number)));
+    wifi->callback([args, sender] {
+        sender(make_wifi_event(args->came(), mac_argument(args->mac), static_cast<uint8_t>(args->number)));
     });
 
     CLI::App *dhcp = add_kind(emit, "dhcp", "dhcp_user_event: a DHCPv4 lease", *args, {"add", "del"});
@@ -138,24 +141,86 @@ void add_emit_command(CLI::App &app, const CtlOptions &options)
     dhcp->add_option("-n,--name", args->lease.name, "the client's host name, in any bytes");
     dhcp->add_option("-V,--vendor-class", args->lease.vendor_class, "its option 60");
     dhcp->add_option("-t,--type", args->lease.device_type, "Computer, Phone, STB, Camera");
-    dhcp->add_option("-l,--lease", args->lease.seconds, "seconds remaining")->default_val(3600);
+    dhcp->add_option("-l,--lease", args->lease.seconds, "seconds remaining")->capture_default_str();
     dhcp->add_option("--source", args->lease.source)->capture_default_str();
-    dhcp->callback([args, &options] {
+    dhcp->callback([args, sender] {
         args->lease.gone = !args->came();
-        send(options, make_dhcp_event(lease_text(args->lease)));
+        sender(make_dhcp_event(lease_text(args->lease)));
     });
 
     CLI::App *text = add_kind(emit, "dhcp-text", "dhcp_user_event with any text", *args, {});
     text->add_option("TEXT", args->text, "such as '#NB6ADD#GUA#2001:db8::5#02:00:00:00:00:05'")->required();
-    text->callback([args, &options] { send(options, make_dhcp_event(args->text)); });
+    text->callback([args, sender] { sender(make_dhcp_event(args->text)); });
 
     CLI::App *wan = add_kind(emit, "wan", "wan_vlan_info: the WAN connections changed", *args, {});
-    wan->callback([&options] { send(options, Event{"wan_vlan_info", {}}); });
+    wan->callback([sender] { sender(Event{UBUS_EVENT_WAN_VLAN_INFO, {}}); });
 
     CLI::App *raw = add_kind(emit, "raw", "Any event, with any bytes", *args, {});
     raw->add_option("EVENT", args->event, "its name")->required();
     CLI::Option *attribute = raw->add_option("ATTRIBUTE", args->attribute, "name of a raw attribute");
     CLI::Option *hex = raw->add_option("BYTES", args->hex, "its bytes in hexadecimal")->needs(attribute);
     raw->add_option("--json", args->json, "a whole message instead")->excludes(attribute)->excludes(hex);
-    raw->callback([args, &options] { send(options, raw_event(*args)); });
+    raw->callback([args, sender] { sender(raw_event(*args)); });
+}
+
+// --- Many events
+
+constexpr char LINES_FORMAT[] =
+    R"(A line holds the words that would follow "emit", with blanks between them; empty lines and those that begin
+with # are for people. In a word \\ stands for \ and \xNN for any byte; "" stands for an empty word. The first line
+that is wrong ends the command.)";
+
+// The words of a line, last first, as the parser takes them.
+std::vector<std::string> words_of(std::string_view line)
+{
+    std::vector<std::string> words;
+    while (true) {
+        line.remove_prefix(std::min(line.find_first_not_of(' '), line.size()));
+        if (line.empty()) {
+            std::ranges::reverse(words);
+            return words;
+        }
+        const std::string_view word = line.substr(0, line.find(' '));
+        line.remove_prefix(word.size());
+        auto bytes = word == "\"\"" ? std::string() : unescape(word);
+        if (!bytes) {
+            fail("in a word, \\ is \\\\ and a byte that is no printable character \\xNN");
+        }
+        words.push_back(std::move(*bytes));
+    }
+}
+
+void send_lines(const CtlOptions &options)
+{
+    const BusConnection bus = connect(options);
+    CLI::App kinds;
+    kinds.set_help_flag();
+    kinds.require_subcommand(1);
+    const auto args = std::make_shared<Arguments>();
+    add_kinds(&kinds, args, [&bus](const Event &event) { send(bus, event); });
+    std::string line;
+    for (int number = 1; std::getline(std::cin, line); ++number) {
+        if (line.empty() || line.starts_with('#')) {
+            continue;
+        }
+        try {
+            *args = {};
+            kinds.parse(words_of(line));
+        } catch (const std::exception &e) {
+            fail("line " + std::to_string(number) + ": " + e.what());
+        }
+    }
+}
+
+} // namespace
+
+void add_emit_command(CLI::App &app, const CtlOptions &options)
+{
+    CLI::App *emit = app.add_subcommand("emit", "Send the gateway's events");
+    emit->require_subcommand(1);
+    add_kinds(emit, std::make_shared<Arguments>(),
+              [&options](const Event &event) { send(connect(options), event); });
+    CLI::App *lines = emit->add_subcommand("lines", "Many of these, a line each from standard input");
+    lines->footer(LINES_FORMAT);
+    lines->callback([&options] { send_lines(options); });
 }

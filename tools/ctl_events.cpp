@@ -2,14 +2,19 @@
 
 #include "tools/ovanictl.h" // CLI11 before libubox, whose macros take one of its names
 
+#include <array>
 #include <cstdio>
 #include <map>
 #include <memory>
 #include <vector>
 
+#include <unistd.h>
+
+#include "ovani/ovani_event.h"
 #include "tools/bus.h"
 #include "tools/events.h"
 #include "tools/json.h"
+#include "tools/table.h"
 
 namespace {
 
@@ -17,7 +22,31 @@ struct EventsCommand {
     std::vector<std::string> patterns = {"*"};
     long count = 0;
     bool json = false;
+    bool list = false;
 };
+
+constexpr std::array LIST_TITLES = {"EVENT", "WORD", "ATTRIBUTE", "BYTES"};
+
+void list_events(bool json)
+{
+    std::vector<TableRow> rows;
+    std::vector<Json> objects;
+    for (const EventKind &kind : OVANI_EVENTS) {
+        const Json attribute = kind.attribute != nullptr ? Json(kind.attribute) : Json();
+        objects.push_back({{"event", kind.name},
+                           {"word", event_word(kind.name)},
+                           {"attribute", attribute},
+                           {"bytes", kind.wire_length}});
+        rows.push_back({.cells = {std::string(kind.name), event_word(kind.name),
+                                  attribute.is_null() ? "" : kind.attribute,
+                                  kind.wire_length == 0 ? "" : std::to_string(kind.wire_length)}});
+    }
+    if (json) {
+        print_json_rows(objects);
+    } else {
+        print_lines(table_lines(LIST_TITLES, rows, style_for(STDOUT_FILENO), terminal_width()));
+    }
+}
 
 void print_event(const EventsCommand &command, const char *name, blob_attr *msg)
 {
@@ -68,12 +97,12 @@ int process_ready(ubus_context *, ubus_object *, ubus_request_data *, const char
     const blobmsg_policy policy = {"name", BLOBMSG_TYPE_STRING};
     blob_attr *name = nullptr;
     blobmsg_parse(&policy, 1, &name, blob_data(msg), static_cast<unsigned>(blob_len(msg)));
-    if (!name) {
+    if (name == nullptr) {
         return UBUS_STATUS_INVALID_ARGUMENT;
     }
     const std::string process = std::string(blobmsg_get_string(name)).substr(0, LONGEST_NAME);
     if (s_ready.size() < MOST_PROCESSES || s_ready.contains(process)) {
-        s_ready[process]++;
+        ++s_ready[process];
     }
     printf("%s is ready\n", printable(process).c_str());
     fflush(stdout);
@@ -126,7 +155,11 @@ void add_events_command(CLI::App &app, const CtlOptions &options)
                        "names of events, a trailing * for any rest (all of them)");
     events->add_option("-n,--count", command->count, "end after so many")->check(CLI::PositiveNumber);
     events->add_flag("--json", command->json, "one JSON object a line");
-    events->callback([command, &options] { follow_events(*command, options.socket); });
+    events->add_flag("--list", command->list,
+                     "instead: the gateway's events, the words for them, and what carries their records");
+    events->callback([command, &options] {
+        command->list ? list_events(command->json) : follow_events(*command, options.socket);
+    });
 }
 
 void add_sysmgr_command(CLI::App &app, const CtlOptions &options)

@@ -293,9 +293,7 @@ void HostsView::print_changes(const std::vector<Host> &hosts)
     printed_ports_ = ports;
     std::vector<std::string> lines = host_lines(hosts, style_, SIZE_MAX);
     lines.insert(lines.end(), ports.begin(), ports.end());
-    for (const std::string &line : lines) {
-        puts(line.c_str());
-    }
+    print_lines(lines);
     putchar('\n');
 }
 
@@ -313,9 +311,7 @@ void show_hosts(const HostsCommand &command, const std::string &socket)
         print_json_rows(objects);
         return;
     }
-    for (const std::string &line : host_lines(hosts, style_for(STDOUT_FILENO), terminal_width())) {
-        puts(line.c_str());
-    }
+    print_lines(host_lines(hosts, style_for(STDOUT_FILENO), terminal_width()));
 }
 
 } // namespace

@@ -200,13 +200,6 @@ std::string name_of(const std::vector<StoreObject> &hosts, std::string_view mac)
     return std::string(host->get(host->get("HostAlias").empty() ? "HostName" : "HostAlias"));
 }
 
-void print_lines(const std::vector<std::string> &lines)
-{
-    for (const std::string &line : lines) {
-        puts(line.c_str());
-    }
-}
-
 void show_ports(bool json)
 {
     if (!json) {

@@ -5,13 +5,13 @@
 #include <clocale>
 #include <csignal>
 #include <cstdio>
+#include <stdexcept>
 
 #include "tools/bus.h"
 
 void fail(const std::string &reason)
 {
-    fprintf(stderr, "ovanictl: %s\n", reason.c_str());
-    throw CLI::RuntimeError(1);
+    throw std::runtime_error(reason);
 }
 
 int main(int argc, char **argv)
@@ -35,7 +35,7 @@ try {
     add_sysmgr_command(app, options);
     try {
         app.parse(argc, argv);
-    } catch (const CLI::RuntimeError &e) { // a command's own
+    } catch (const CLI::RuntimeError &e) { // a command's own exit status
         return e.get_exit_code();
     } catch (const CLI::ParseError &e) {
         const int status = app.exit(e); // prints help, or what is wrong

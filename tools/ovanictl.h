@@ -12,7 +12,7 @@ struct CtlOptions {
     const char *socket_or_null() const { return socket.empty() ? nullptr : socket.c_str(); }
 };
 
-// Prints "ovanictl: ..." and ends the command with exit status 1.
+// Ends the command: "ovanictl: ..." on standard error, exit status 1.
 [[noreturn]] void fail(const std::string &reason);
 
 void add_hosts_command(CLI::App &app, const CtlOptions &options);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -78,4 +79,11 @@ std::vector<std::string> table_lines(std::span<const char *const> titles, const 
         lines.push_back((rows[i].dim ? style.dim : "") + line_of(drawn[i]) + style.plain);
     }
     return lines;
+}
+
+void print_lines(const std::vector<std::string> &lines)
+{
+    for (const std::string &line : lines) {
+        puts(line.c_str());
+    }
 }

@@ -30,3 +30,6 @@ struct TableRow {
 // A line a row below a line of titles. The first column gives way where `width` is too narrow.
 std::vector<std::string> table_lines(std::span<const char *const> titles, const std::vector<TableRow> &rows,
                                      const Style &style, size_t width);
+
+// On standard output.
+void print_lines(const std::vector<std::string> &lines);
