@@ -25,22 +25,15 @@
 
 namespace {
 
-constexpr std::string_view HOSTS_PATH = "InternetGatewayDevice.LANDevice.1.Hosts.Host.";
 constexpr int REFRESH_MS = 1000; // durations tick, and a change that nobody announced shows up
 constexpr int CHANGE_MS = 50;    // gathers the announcements of one burst
 constexpr size_t EVENTS_KEPT = 200;
 
-struct Host : StoreObject {
-    bool active() const { return get("Active") == "1"; }
-};
+using Host = StoreObject;
 
-std::vector<Host> read_hosts()
+bool is_active(const Host &host)
 {
-    std::vector<Host> hosts;
-    for (StoreObject &object : read_objects(HOSTS_PATH)) {
-        hosts.push_back({std::move(object)});
-    }
-    return hosts;
+    return host.get("Active") == "1";
 }
 
 // X_QV_DeviceType's number tells more than DeviceType's word where it is set.
@@ -74,7 +67,7 @@ long seconds_since(const Host &host)
     struct sysinfo now {};
     sysinfo(&now);
     const auto then =
-        parse_number(host.get(host.active() ? "LatestActiveTime" : "LatestInactiveTime"), 0, now.uptime);
+        parse_number(host.get(is_active(host) ? "LatestActiveTime" : "LatestInactiveTime"), 0, now.uptime);
     return then ? now.uptime - *then : -1;
 }
 
@@ -94,7 +87,7 @@ Json host_json(const Host &host)
             {"ipv6", host.get("IPv6Address")},
             {"type", type_of(host)},
             {"port", port_of(host)},
-            {"active", host.active()},
+            {"active", is_active(host)},
             {"since", seconds_since(host)},
             {"parameters", host.parameters}};
 }
@@ -107,8 +100,8 @@ TableRow row_of(const Host &host)
         .cells = {std::string(host.get("HostName")), std::string(host.get("MACAddress")),
                   std::string(host.get("IPAddress")), std::string(host.get("AddressSource")),
                   std::string(host.get(host.get("IPv6Address").empty() ? "IPv6LLAddress" : "IPv6Address")),
-                  type_of(host), port_of(host), since_text(host), host.active() ? "yes" : "no"},
-        .dim = !host.active()};
+                  type_of(host), port_of(host), since_text(host), is_active(host) ? "yes" : "no"},
+        .dim = !is_active(host)};
 }
 
 std::vector<std::string> host_lines(const std::vector<Host> &hosts, const Style &style, size_t width)
@@ -139,7 +132,7 @@ std::string name_of(const std::vector<Host> &hosts, int instance)
 
 std::string summary(const std::vector<Host> &hosts)
 {
-    const auto active = std::count_if(hosts.begin(), hosts.end(), [](const Host &h) { return h.active(); });
+    const auto active = std::count_if(hosts.begin(), hosts.end(), is_active);
     return std::to_string(hosts.size()) + (hosts.size() == 1 ? " host, " : " hosts, ") +
            std::to_string(active) + " active";
 }
@@ -219,7 +212,7 @@ void HostsView::event(const char *name, blob_attr *msg)
 void HostsView::refresh()
 {
     timer_.set(REFRESH_MS);
-    const auto hosts = read_hosts();
+    const auto hosts = read_objects(HOSTS_PATH);
     if (on_terminal_) {
         draw_screen(hosts);
     } else {
@@ -239,7 +232,7 @@ void HostsView::draw_screen(const std::vector<Host> &hosts)
     const size_t width = known ? size.ws_col : 80;
 
     std::vector<std::string> lines = {std::string(style_.green) + "●" + style_.plain + " LAN hosts: " +
-                                      summary(hosts) + (bus_.context() ? "" : ", no broker")};
+                                      summary(hosts) + (bus_.context() != nullptr ? "" : ", no broker")};
     if (!command_.note.empty()) {
         lines.push_back(style_.dim + printable(command_.note) + style_.plain);
     }
@@ -257,7 +250,7 @@ void HostsView::draw_screen(const std::vector<Host> &hosts)
         lines.emplace_back();
         lines.push_back(std::string(style_.bold) + "EVENTS" + style_.plain);
         const size_t room = std::min(height - lines.size() - 1, events_.size());
-        for (size_t i = events_.size() - room; i < events_.size(); i++) {
+        for (size_t i = events_.size() - room; i < events_.size(); ++i) {
             lines.push_back(style_.dim + events_[i].line + name_of(hosts, events_[i].instance) +
                             style_.plain);
         }
@@ -304,7 +297,7 @@ void show_hosts(const HostsCommand &command, const std::string &socket)
         HostsView(command, socket).run();
         return;
     }
-    const auto hosts = read_hosts();
+    const auto hosts = read_objects(HOSTS_PATH);
     if (command.json) {
         std::vector<Json> objects(hosts.size());
         std::ranges::transform(hosts, objects.begin(), host_json);

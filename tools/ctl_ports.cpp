@@ -21,7 +21,6 @@ namespace {
 
 constexpr std::string_view DRIVER_PORTS = "InternetGatewayDevice.X_QV_Driver.LANPort.";
 constexpr std::string_view DRIVER_DEVICES = "InternetGatewayDevice.X_QV_Driver.Device.";
-constexpr std::string_view HOSTS = "InternetGatewayDevice.LANDevice.1.Hosts.Host.";
 constexpr std::string_view NO_VLAN = "4093"; // how the connection without a VLAN is bound
 
 // --- Reading
@@ -54,7 +53,7 @@ std::vector<Port> read_ports()
     zk_sys_mgr_get_devinfo(&info);
     const int ethernet_ports = static_cast<int>(info.port_num);
     std::vector<Port> ports;
-    for (int number = 1; number <= ethernet_ports; number++) {
+    for (int number = 1; number <= ethernet_ports; ++number) {
         ports.push_back({port_name(number, ethernet_ports), link_of(number), {.instance = number}, {}});
     }
     for (StoreObject &asked : read_objects(DRIVER_PORTS)) {
@@ -215,7 +214,7 @@ void show_ports(bool json)
 
 void show_limits(bool json)
 {
-    const std::vector<StoreObject> hosts = read_objects(HOSTS);
+    const std::vector<StoreObject> hosts = read_objects(HOSTS_PATH);
     std::vector<TableRow> rows;
     std::vector<Json> objects;
     for (const StoreObject &device : read_objects(DRIVER_DEVICES)) {

@@ -254,7 +254,7 @@ void import_store(const std::string &file)
     std::istream &in = file == "-" ? std::cin : from_file;
     std::vector<Assignment> assignments;
     std::string line;
-    for (int number = 1; std::getline(in, line); number++) {
+    for (int number = 1; std::getline(in, line); ++number) {
         if (const char *wrong = take_line(line, assignments); wrong != nullptr) {
             fail(file + ":" + std::to_string(number) + ": " + wrong);
         }

@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -46,7 +45,7 @@ struct Client {
 std::string environment(const char *name)
 {
     const char *value = getenv(name);
-    return value ? value : "";
+    return value != nullptr ? value : "";
 }
 
 std::string state_file(const Mac &mac)
@@ -111,16 +110,6 @@ const char *device_type_of(const std::string &vendor_class)
     return "";
 }
 
-std::string time_text()
-{
-    const time_t now = time(nullptr);
-    tm local{};
-    localtime_r(&now, &local);
-    char text[32];
-    strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
-    return text;
-}
-
 } // namespace
 
 int main(int argc, char **argv)
@@ -132,7 +121,7 @@ int main(int argc, char **argv)
     const std::string_view action = argv[1];
     const bool is_new = action == "add";
     const bool is_gone = action == "del";
-    if ((!is_new && !is_gone && action != "old") || getenv("DNSMASQ_IAID")) {
+    if ((!is_new && !is_gone && action != "old") || getenv("DNSMASQ_IAID") != nullptr) {
         return 0; // TFTP, ARP, DHCPv6: no IPv4 lease
     }
     const auto mac = parse_mac(argc > 2 ? argv[2] : "");
@@ -153,7 +142,7 @@ int main(int argc, char **argv)
     Lease lease;
     lease.gone = is_gone;
     lease.address = argv[3];
-    lease.acknowledged = time_text();
+    lease.acknowledged = date_text();
     lease.seconds =
         is_gone ? 0 : parse_number(environment("DNSMASQ_TIME_REMAINING"), 0, INT32_MAX).value_or(-1);
     lease.name = client.name;

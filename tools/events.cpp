@@ -4,7 +4,6 @@
 #include <array>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 
 #include <arpa/inet.h>
 
@@ -290,16 +289,6 @@ Json decode_event(std::string_view name, blob_attr *msg)
                               std::to_string(kind->wire_length)}};
     }
     return reader->decode(payload);
-}
-
-std::string clock_text()
-{
-    const time_t now = time(nullptr);
-    tm local{};
-    localtime_r(&now, &local);
-    char text[16];
-    strftime(text, sizeof text, "%H:%M:%S", &local);
-    return text;
 }
 
 std::string event_line(std::string_view name, const Json &fields)

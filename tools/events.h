@@ -58,7 +58,5 @@ std::string event_word(std::string_view event);
 // JSON text.
 nlohmann::ordered_json decode_event(std::string_view name, blob_attr *msg);
 
-// The time of day, for people following events: 12:30:01.
-std::string clock_text();
 // One line, safe on a terminal: the fields after their names, the action without.
 std::string event_line(std::string_view name, const nlohmann::ordered_json &fields);

@@ -7,6 +7,7 @@
 #include <vector>
 
 inline constexpr int STORE_WAIT_MS = 5000;
+inline constexpr std::string_view HOSTS_PATH = "InternetGatewayDevice.LANDevice.1.Hosts.Host.";
 
 struct StoreObject {
     int instance = 0;

@@ -30,7 +30,7 @@ std::vector<std::string> drawn_cells(const TableRow &row)
 Style style_for(int fd)
 {
     const char *term = getenv("TERM");
-    if (!isatty(fd) || getenv("NO_COLOR") || !term || strcmp(term, "dumb") == 0) {
+    if (isatty(fd) == 0 || getenv("NO_COLOR") != nullptr || term == nullptr || strcmp(term, "dumb") == 0) {
         return {};
     }
     return {"\033[1m", "\033[2m", "\033[32m", "\033[0m"};
@@ -53,7 +53,7 @@ std::vector<std::string> table_lines(std::span<const char *const> titles, const 
     }
     for (const TableRow &row : rows) {
         drawn.push_back(drawn_cells(row));
-        for (size_t i = 0; i < widths.size(); i++) {
+        for (size_t i = 0; i < widths.size(); ++i) {
             widths[i] = std::max(widths[i], columns_of(drawn.back()[i]));
         }
     }
@@ -68,14 +68,14 @@ std::vector<std::string> table_lines(std::span<const char *const> titles, const 
 
     const auto line_of = [&](const auto &cells) {
         std::string line;
-        for (size_t i = 0; i < widths.size(); i++) {
+        for (size_t i = 0; i < widths.size(); ++i) {
             line += fit(cells[i], widths[i]) + "  ";
         }
         line.erase(line.find_last_not_of(' ') + 1);
         return line;
     };
     std::vector<std::string> lines = {style.bold + line_of(titles) + style.plain};
-    for (size_t i = 0; i < rows.size(); i++) {
+    for (size_t i = 0; i < rows.size(); ++i) {
         lines.push_back((rows[i].dim ? style.dim : "") + line_of(drawn[i]) + style.plain);
     }
     return lines;

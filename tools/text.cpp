@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
+#include <ctime>
 #include <cwchar>
 
 namespace {
@@ -24,7 +25,7 @@ CodePoint decode_utf8(std::string_view text)
         return {0, 0};
     }
     char32_t value = byte(0) & (0x7fU >> length);
-    for (size_t i = 1; i < length; i++) {
+    for (size_t i = 1; i < length; ++i) {
         if ((byte(i) & 0xc0) != 0x80) {
             return {0, 0};
         }
@@ -83,19 +84,15 @@ std::optional<Mac> parse_mac(std::string_view text)
     if (!separated && text.size() != 12) {
         return std::nullopt;
     }
-    const size_t step = separated ? 3 : 2;
     Mac mac{};
-    for (size_t i = 0; i < mac.size(); i++) {
-        const int high = hex_digit(text[i * step]);
-        const int low = hex_digit(text[i * step + 1]);
-        const bool last = i + 1 == mac.size();
-        if (high < 0 || low < 0) {
+    for (size_t i = 0; i < mac.size(); ++i) {
+        const size_t at = i * (separated ? 3 : 2);
+        const auto byte = parse_hex(text.substr(at, 2));
+        if (!byte || byte->size() != 1 ||
+            (separated && i > 0 && text[at - 1] != ':' && text[at - 1] != '-')) {
             return std::nullopt;
         }
-        if (separated && !last && text[i * step + 2] != ':' && text[i * step + 2] != '-') {
-            return std::nullopt;
-        }
-        mac[i] = static_cast<uint8_t>(high * 16 + low);
+        mac[i] = byte->front();
     }
     return mac;
 }
@@ -124,7 +121,7 @@ std::optional<std::vector<uint8_t>> parse_hex(std::string_view text)
     std::vector<uint8_t> bytes;
     for (size_t i = 0; i < text.size(); i += 2) {
         while (i < text.size() && (text[i] == ' ' || text[i] == ':')) {
-            i++;
+            ++i;
         }
         if (i == text.size()) {
             break;
@@ -181,7 +178,7 @@ std::string escape(std::string_view bytes)
 std::optional<std::string> unescape(std::string_view text)
 {
     std::string out;
-    for (size_t i = 0; i < text.size(); i++) {
+    for (size_t i = 0; i < text.size(); ++i) {
         if (text[i] != '\\') {
             out += text[i];
         } else if (text.substr(i, 2) == "\\\\") {
@@ -229,7 +226,7 @@ std::string fit(std::string_view printable_text, size_t width)
         }
         if (width > 0) {
             out += "…";
-            columns++;
+            ++columns;
         }
     }
     out.append(width - columns, ' ');
@@ -249,4 +246,19 @@ std::string format_duration(long seconds)
         snprintf(text, sizeof text, "%ld d %02ld h", seconds / 86400, seconds / 3600 % 24);
     }
     return text;
+}
+
+std::string date_text()
+{
+    const time_t now = time(nullptr);
+    tm local{};
+    localtime_r(&now, &local);
+    char text[32] = "";
+    strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
+    return text;
+}
+
+std::string clock_text()
+{
+    return date_text().substr(sizeof "2026-01-31");
 }

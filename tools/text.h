@@ -42,3 +42,7 @@ std::string fit(std::string_view printable_text, size_t width);
 
 // 45 s, 12 min, 3 h 05, 2 d 04 h.
 std::string format_duration(long seconds);
+
+// Now: 2026-01-31 12:30:01, or only the time of day.
+std::string date_text();
+std::string clock_text();
