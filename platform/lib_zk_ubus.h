@@ -8,8 +8,7 @@
  * process's object again and subscribes again, so that the caller keeps its context and need not know. An
  * object or pattern given meanwhile counts as accepted and takes effect then.
  *
- * Calls made on another thread than the loop's are carried out by that one, while the caller waits; they fail
- * when the loop does not run.
+ * All calls are made on the loop's thread: libubus is made for one.
  */
 #ifndef PLATFORM_LIB_ZK_UBUS_H
 #define PLATFORM_LIB_ZK_UBUS_H

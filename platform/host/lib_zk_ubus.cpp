@@ -1,25 +1,16 @@
 // The bus wrapper over libubus: one connection, kept up across the broker's restarts. OVANI_UBUS_SOCKET names
 // the broker's socket, libubus's own default otherwise.
-//
-// libubus is not made for threads: a call made on another thread than the loop's is handed over to that one,
-// which carries it out at its next turn, while the caller waits.
 #include "platform/lib_zk_ubus.h"
 
 #include <algorithm>
 #include <array>
-#include <condition_variable>
 #include <csignal>
 #include <cstdlib>
-#include <functional>
 #include <list>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include <sys/eventfd.h>
 #include <time.h>
-#include <unistd.h>
 
 #include "platform/zk_log.h"
 
@@ -47,102 +38,6 @@ struct Bus {
 };
 
 Bus bus;
-
-// The thread that libubus belongs to, and what others want done there.
-class LoopThread {
-public:
-    // From now on the calling thread is the one; it takes calls over as long as its loop runs.
-    void become()
-    {
-        std::lock_guard lock(mutex_);
-        owner_ = std::this_thread::get_id();
-    }
-
-    void loop_begins()
-    {
-        wake_.fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-        wake_.cb = [](uloop_fd *, unsigned int) { loop_thread().take_over(); };
-        uloop_fd_add(&wake_, ULOOP_READ);
-        std::lock_guard lock(mutex_);
-        runs_ = wake_.fd >= 0;
-    }
-
-    // Whoever waits still is told that nobody will do it.
-    void loop_ended()
-    {
-        std::lock_guard lock(mutex_);
-        runs_ = false;
-        for (Call *call : waiting_) {
-            call->done = true;
-        }
-        waiting_.clear();
-        done_.notify_all();
-        uloop_fd_delete(&wake_);
-        close(wake_.fd);
-    }
-
-    // Does it here, when here is the thread, and there otherwise.
-    template <typename Function>
-    int run(Function function)
-    {
-        std::unique_lock lock(mutex_);
-        if (owner_ == std::this_thread::get_id() || owner_ == std::thread::id{}) {
-            lock.unlock();
-            return function();
-        }
-        Call call{function, UBUS_STATUS_CONNECTION_FAILED, false};
-        if (!runs_) {
-            return call.status;
-        }
-        waiting_.push_back(&call);
-        eventfd_write(wake_.fd, 1);
-        done_.wait(lock, [&] { return call.done; });
-        return call.status;
-    }
-
-    static LoopThread &loop_thread()
-    {
-        static LoopThread thread;
-        return thread;
-    }
-
-private:
-    struct Call {
-        std::function<int()> function;
-        int status;
-        bool done;
-    };
-
-    void take_over()
-    {
-        eventfd_t count = 0;
-        eventfd_read(wake_.fd, &count);
-        std::unique_lock lock(mutex_);
-        while (!waiting_.empty()) {
-            Call *call = waiting_.front();
-            waiting_.erase(waiting_.begin());
-            lock.unlock();
-            int status = call->function();
-            lock.lock();
-            call->status = status;
-            call->done = true;
-            done_.notify_all();
-        }
-    }
-
-    std::mutex mutex_;
-    std::condition_variable done_;
-    std::thread::id owner_;
-    bool runs_ = false;
-    std::vector<Call *> waiting_;
-    uloop_fd wake_{};
-};
-
-template <typename Function>
-int on_loop_thread(Function function)
-{
-    return LoopThread::loop_thread().run(function);
-}
 
 const char *socket_path()
 {
@@ -347,11 +242,21 @@ ubus_context *wait_for_broker()
 
 } // namespace
 
-// --- The calls, on the loop's thread
+int lib_zk_ubus_init(struct ubus_context **ctx)
+{
+    if (ctx == nullptr || bus.context != nullptr) {
+        return UBUS_STATUS_INVALID_ARGUMENT;
+    }
+    uloop_handle_sigchld = false; // the caller's choice stands: its shell commands are reaped by the kernel
+    bus.context = wait_for_broker();
+    bus.connected = true;
+    bus.context->connection_lost = connection_lost;
+    ubus_add_uloop(bus.context);
+    *ctx = bus.context;
+    return UBUS_STATUS_OK;
+}
 
-namespace {
-
-int add_object(ubus_context *ctx, ubus_object *obj)
+int lib_zk_ubus_add_object(struct ubus_context *ctx, struct ubus_object *obj)
 {
     if (!is_ours(ctx) || obj == nullptr) {
         return UBUS_STATUS_INVALID_ARGUMENT;
@@ -366,7 +271,29 @@ int add_object(ubus_context *ctx, ubus_object *obj)
     return UBUS_STATUS_OK;
 }
 
-int unregister_event_handler(ubus_context *ctx, ubus_event_handler *ev)
+int lib_zk_ubus_register_event_handler(struct ubus_context *ctx, struct ubus_event_handler *ev,
+                                       const char *pattern)
+{
+    if (!is_ours(ctx) || ev == nullptr || pattern == nullptr) {
+        return UBUS_STATUS_INVALID_ARGUMENT;
+    }
+    Subscription &subscription = subscription_of(ev);
+    auto &patterns = subscription.patterns;
+    if (std::find(patterns.begin(), patterns.end(), pattern) != patterns.end()) {
+        return UBUS_STATUS_OK;
+    }
+    int status = is_lost() ? UBUS_STATUS_OK : ubus_register_event_handler(ctx, &subscription, pattern);
+    if (status != UBUS_STATUS_OK && !was_lost(status)) {
+        if (patterns.empty()) {
+            lib_zk_ubus_unregister_event_handler(ctx, ev);
+        }
+        return status;
+    }
+    patterns.emplace_back(pattern);
+    return UBUS_STATUS_OK;
+}
+
+int lib_zk_ubus_unregister_event_handler(struct ubus_context *ctx, struct ubus_event_handler *ev)
 {
     if (!is_ours(ctx) || ev == nullptr) {
         return UBUS_STATUS_INVALID_ARGUMENT;
@@ -386,28 +313,7 @@ int unregister_event_handler(ubus_context *ctx, ubus_event_handler *ev)
     return UBUS_STATUS_NOT_FOUND;
 }
 
-int register_event_handler(ubus_context *ctx, ubus_event_handler *ev, const char *pattern)
-{
-    if (!is_ours(ctx) || ev == nullptr || pattern == nullptr) {
-        return UBUS_STATUS_INVALID_ARGUMENT;
-    }
-    Subscription &subscription = subscription_of(ev);
-    auto &patterns = subscription.patterns;
-    if (std::find(patterns.begin(), patterns.end(), pattern) != patterns.end()) {
-        return UBUS_STATUS_OK;
-    }
-    int status = is_lost() ? UBUS_STATUS_OK : ubus_register_event_handler(ctx, &subscription, pattern);
-    if (status != UBUS_STATUS_OK && !was_lost(status)) {
-        if (patterns.empty()) {
-            unregister_event_handler(ctx, ev);
-        }
-        return status;
-    }
-    patterns.emplace_back(pattern);
-    return UBUS_STATUS_OK;
-}
-
-int send_event(ubus_context *ctx, const char *event, blob_buf msg)
+int lib_zk_ubus_send_event(struct ubus_context *ctx, const char *event, struct blob_buf msg)
 {
     if (!is_ours(ctx) || event == nullptr || msg.head == nullptr) {
         return UBUS_STATUS_INVALID_ARGUMENT;
@@ -421,8 +327,8 @@ int send_event(ubus_context *ctx, const char *event, blob_buf msg)
     return was_lost(status) ? UBUS_STATUS_CONNECTION_FAILED : status;
 }
 
-int call_method(ubus_context *ctx, const char *object, const char *method, blob_buf msg,
-                ubus_data_handler_t cb, void *priv, int timeout)
+int lib_zk_ubus_call_method(struct ubus_context *ctx, const char *object, const char *method,
+                            struct blob_buf msg, ubus_data_handler_t cb, void *priv, int timeout)
 {
     if (!is_ours(ctx) || object == nullptr || method == nullptr) {
         return UBUS_STATUS_INVALID_ARGUMENT;
@@ -438,62 +344,13 @@ int call_method(ubus_context *ctx, const char *object, const char *method, blob_
     return was_lost(status) ? UBUS_STATUS_CONNECTION_FAILED : status;
 }
 
-} // namespace
-
-// --- The calls, on any thread
-
-int lib_zk_ubus_init(struct ubus_context **ctx)
-{
-    if (ctx == nullptr || bus.context != nullptr) {
-        return UBUS_STATUS_INVALID_ARGUMENT;
-    }
-    uloop_handle_sigchld = false; // the caller's choice stands: its shell commands are reaped by the kernel
-    LoopThread::loop_thread().become();
-    bus.context = wait_for_broker();
-    bus.connected = true;
-    bus.context->connection_lost = connection_lost;
-    ubus_add_uloop(bus.context);
-    *ctx = bus.context;
-    return UBUS_STATUS_OK;
-}
-
-int lib_zk_ubus_add_object(struct ubus_context *ctx, struct ubus_object *obj)
-{
-    return on_loop_thread([=] { return add_object(ctx, obj); });
-}
-
-int lib_zk_ubus_register_event_handler(struct ubus_context *ctx, struct ubus_event_handler *ev,
-                                       const char *pattern)
-{
-    return on_loop_thread([=] { return register_event_handler(ctx, ev, pattern); });
-}
-
-int lib_zk_ubus_unregister_event_handler(struct ubus_context *ctx, struct ubus_event_handler *ev)
-{
-    return on_loop_thread([=] { return unregister_event_handler(ctx, ev); });
-}
-
-int lib_zk_ubus_send_event(struct ubus_context *ctx, const char *event, struct blob_buf msg)
-{
-    return on_loop_thread([=] { return send_event(ctx, event, msg); });
-}
-
-int lib_zk_ubus_call_method(struct ubus_context *ctx, const char *object, const char *method,
-                            struct blob_buf msg, ubus_data_handler_t cb, void *priv, int timeout)
-{
-    return on_loop_thread([=] { return call_method(ctx, object, method, msg, cb, priv, timeout); });
-}
-
-int lib_zk_ubus_run(unsigned int /*flag: other threads may always call*/)
+int lib_zk_ubus_run(unsigned int /*flag*/)
 {
     uloop_handle_sigchld = false;
     uloop_init();
     // uloop_run would forget that it was ended by a signal before it began.
     if (!uloop_cancelled) {
-        LoopThread::loop_thread().become();
-        LoopThread::loop_thread().loop_begins();
         uloop_run();
-        LoopThread::loop_thread().loop_ended();
     }
     uloop_cancelled = false;
     return UBUS_STATUS_OK;

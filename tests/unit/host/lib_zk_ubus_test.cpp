@@ -6,7 +6,6 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -197,30 +196,6 @@ TEST_F(BusWrapper, EventsArriveAllAndInOrder)
     for (size_t i = 0; i < EVENTS; i++) {
         EXPECT_EQ(listener.records[i], std::to_string(i));
     }
-}
-
-TEST_F(BusWrapper, AnotherThreadMayCallWhileTheLoopRuns)
-{
-    connect();
-    Listener listener;
-    listen_by_peer(&listener);
-    auto send_some = [&](int expected) {
-        for (int i = 0; i < 200; i++) {
-            EXPECT_EQ(lib_zk_ubus_send_event(ctx_, "event", message("x")), expected);
-        }
-        EXPECT_EQ(call("nobody"), expected == 0 ? UBUS_STATUS_NOT_FOUND : expected);
-    };
-    std::thread(send_some, UBUS_STATUS_CONNECTION_FAILED).join(); // nobody would do it
-    std::thread worker([&] {
-        while (lib_zk_ubus_send_event(ctx_, "nothing", {}) == UBUS_STATUS_CONNECTION_FAILED) {
-            usleep(1000); // until the loop runs
-        }
-        send_some(UBUS_STATUS_OK);
-        kill(getpid(), SIGTERM);
-    });
-    EXPECT_EQ(lib_zk_ubus_run(UBUS_THREAD_MULTIPLE), 0);
-    worker.join();
-    EXPECT_TRUE(run_until([&] { return listener.records.size() == 200; }));
 }
 
 TEST_F(BusWrapper, CallsMethodsOfOthers)
