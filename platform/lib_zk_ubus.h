@@ -5,8 +5,8 @@
  * failure, never followed. A blob_buf argument is passed by value and stays the caller's.
  *
  * A broker that goes away, or is not there yet, is waited for: the wrapper connects again, publishes the
- * process's object again and subscribes again, so that the caller keeps its context and need not know. An
- * object or pattern given meanwhile counts as accepted and takes effect then.
+ * process's object again, as soon as nobody else holds its name, and subscribes again, so that the caller keeps
+ * its context and need not know. An object or pattern given meanwhile counts as accepted and takes effect then.
  *
  * All calls are made on the loop's thread: libubus is made for one.
  */

@@ -20,18 +20,23 @@ constexpr int RETRY_MS = 200;
 constexpr int CALL_TIMEOUT_MS = 3000;
 constexpr int MAX_UNCONFIRMED = 64;
 
-// What libubus knows of a caller's event handler. It outlives the caller's registration: a handler that is
-// unregistered while the broker is away can only be taken off the bus later.
+// What libubus knows of a caller's event handler. It outlives the caller's registration: while the broker is
+// away libubus forgets none of them, and puts them on the next one's bus.
 struct Subscription : ubus_event_handler {
-    ubus_event_handler *owner; // null once unregistered
+    ubus_event_handler *owner; // null once unregistered: has no patterns then, and serves the next caller
     std::vector<std::string> patterns;
+};
+
+struct Publication {
+    ubus_object *object;
+    bool refused; // by the present broker, and tried again since
 };
 
 struct Bus {
     ubus_context *context = nullptr;
     bool connected = false;
     uloop_timeout retry{};
-    std::vector<ubus_object *> objects;
+    std::vector<Publication> publications;
     std::list<Subscription> subscriptions; // an address given to libubus stays
     blob_buf event{};                      // the one being sent
     int unconfirmed = 0;                   // events sent without waiting since the last that was waited for
@@ -78,22 +83,22 @@ void deliver(ubus_context *ctx, ubus_event_handler *ev, const char *type, blob_a
     }
 }
 
+Subscription *find_subscription(const ubus_event_handler *owner)
+{
+    auto found = std::ranges::find(bus.subscriptions, owner, &Subscription::owner);
+    return found == bus.subscriptions.end() ? nullptr : &*found;
+}
+
 // The caller's subscription, or a new one.
 Subscription &subscription_of(ubus_event_handler *owner)
 {
-    Subscription *unused = nullptr;
-    for (Subscription &subscription : bus.subscriptions) {
-        if (subscription.owner == owner) {
-            return subscription;
-        }
-        if (subscription.owner == nullptr && subscription.obj.id == 0) {
-            unused = &subscription;
+    for (const ubus_event_handler *wanted : {owner, static_cast<ubus_event_handler *>(nullptr)}) {
+        if (Subscription *found = find_subscription(wanted); found != nullptr) {
+            found->owner = owner;
+            return *found;
         }
     }
-    Subscription &created = unused == nullptr ? bus.subscriptions.emplace_back() : *unused;
-    created = Subscription{{}, owner, {}};
-    created.cb = deliver;
-    return created;
+    return bus.subscriptions.emplace_back(Subscription{{.cb = deliver}, owner, {}});
 }
 
 // What ubus_send_event sends, without waiting for the broker to say that it has it: who answers every event
@@ -109,71 +114,87 @@ int send_without_waiting(const char *event, blob_attr *data)
     return ubus_invoke_async(bus.context, UBUS_SYSTEM_OBJECT_EVENT, "send", bus.event.head, &request);
 }
 
-// False when the connection broke.
-bool publish(ubus_object *object)
+// A new broker may refuse an object because somebody else has taken its name meanwhile.
+int publish(Publication &publication)
 {
+    ubus_object *object = publication.object;
     if (object->type != nullptr) {
         object->type->id = 0; // another broker's
     }
     int status = ubus_add_object(bus.context, object);
-    if (status != UBUS_STATUS_OK) {
+    bool refused = status != UBUS_STATUS_OK && !was_lost(status);
+    if (refused && !publication.refused) {
         zk_mod_log_printf("ubus", VELM_LOG_ERR, "object %s: %s\n", object->name, ubus_strerror(status));
+    } else if (status == UBUS_STATUS_OK && publication.refused) {
+        zk_mod_log_printf("ubus", VELM_LOG_ERR, "object %s: published again\n", object->name);
     }
-    return !was_lost(status);
+    publication.refused = refused;
+    return status;
 }
 
-bool subscribe(Subscription &subscription, const std::string &pattern)
+// Publishes what is not on the bus, up to the loss of the connection.
+int publish_missing()
 {
-    int status = ubus_register_event_handler(bus.context, &subscription, pattern.c_str());
-    if (status != UBUS_STATUS_OK) {
-        zk_mod_log_printf("ubus", VELM_LOG_ERR, "event %s: %s\n", pattern.c_str(), ubus_strerror(status));
-    }
-    return !was_lost(status);
-}
-
-// Tells a new broker what the old one knew; false when it is gone again. Events come in already, and their
-// handlers may call us.
-bool restore()
-{
-    const std::vector<ubus_object *> objects = bus.objects;
-    for (ubus_object *object : objects) {
-        bool published = object->id != 0; // by libubus, when it was on the bus before
-        if (!published && !publish(object)) {
-            return false;
+    int result = UBUS_STATUS_OK;
+    for (Publication &publication : bus.publications) {
+        if (publication.object->id != 0) {
+            continue;
         }
+        int status = publish(publication);
+        if (was_lost(status)) {
+            return UBUS_STATUS_CONNECTION_FAILED;
+        }
+        result = status == UBUS_STATUS_OK ? result : status;
     }
+    return result;
+}
+
+// False when the connection broke.
+bool subscribe_all()
+{
     for (Subscription &subscription : bus.subscriptions) {
-        const std::vector<std::string> patterns = subscription.patterns;
-        for (const std::string &pattern : patterns) {
-            if (!subscribe(subscription, pattern)) {
+        for (const std::string &pattern : subscription.patterns) {
+            int status = ubus_register_event_handler(bus.context, &subscription, pattern.c_str());
+            if (was_lost(status)) {
                 return false;
             }
-        }
-        if (subscription.owner == nullptr && subscription.obj.id != 0) {
-            ubus_unregister_event_handler(bus.context, &subscription);
+            if (status != UBUS_STATUS_OK) {
+                zk_mod_log_printf("ubus", VELM_LOG_ERR, "event %s: %s\n", pattern.c_str(),
+                                  ubus_strerror(status));
+            }
         }
     }
     return !is_lost();
 }
 
-void reconnect(uloop_timeout *timeout)
+// Tells a new broker what the old one knew; true when that is all done.
+bool reconnect()
 {
     ubus_context *ctx = bus.context;
-    if (ubus_reconnect(ctx, socket_path()) == UBUS_STATUS_OK) {
-        bus.connected = true;
-        // Into the loop first: outside it libubus hands out calls between one request and the next, and
-        // whoever is answered may take us to be subscribed.
-        ubus_add_uloop(ctx);
-        if (restore()) {
-            log_state("connected to the broker again");
-            return;
-        }
-        uloop_fd_delete(&ctx->sock);
-    } else {
+    if (ubus_reconnect(ctx, socket_path()) != UBUS_STATUS_OK) {
         ctx->sock.fd = -1; // closed already, and not to be closed again when the number is another file's
+        return false;
     }
-    bus.connected = false;
-    uloop_timeout_set(timeout, RETRY_MS);
+    bus.connected = true;
+    // Into the loop first: outside it libubus hands out calls between one request and the next, and whoever
+    // is answered may take us to be subscribed.
+    ubus_add_uloop(ctx);
+    int published = publish_missing();
+    if (was_lost(published) || !subscribe_all()) {
+        bus.connected = false;
+        uloop_fd_delete(&ctx->sock);
+        return false;
+    }
+    log_state("connected to the broker again");
+    return published == UBUS_STATUS_OK;
+}
+
+void try_again(uloop_timeout *timeout)
+{
+    bool done = bus.connected ? publish_missing() == UBUS_STATUS_OK : reconnect();
+    if (!done) {
+        uloop_timeout_set(timeout, RETRY_MS);
+    }
 }
 
 // libubus would end the loop here. May be called in the middle of a request, and again for the same loss.
@@ -185,7 +206,10 @@ void connection_lost(ubus_context *ctx)
     bus.connected = false;
     log_state("the broker has gone, waiting for it");
     uloop_fd_delete(&ctx->sock); // else its end wakes the loop again and again
-    bus.retry.cb = reconnect;
+    for (Publication &publication : bus.publications) {
+        publication.refused = false;
+    }
+    bus.retry.cb = try_again;
     uloop_timeout_set(&bus.retry, RETRY_MS);
 }
 
@@ -265,8 +289,8 @@ int lib_zk_ubus_add_object(struct ubus_context *ctx, struct ubus_object *obj)
     if (status != UBUS_STATUS_OK && !was_lost(status)) {
         return status;
     }
-    if (std::find(bus.objects.begin(), bus.objects.end(), obj) == bus.objects.end()) {
-        bus.objects.push_back(obj);
+    if (std::ranges::find(bus.publications, obj, &Publication::object) == bus.publications.end()) {
+        bus.publications.push_back({obj, false});
     }
     return UBUS_STATUS_OK;
 }
@@ -298,19 +322,17 @@ int lib_zk_ubus_unregister_event_handler(struct ubus_context *ctx, struct ubus_e
     if (!is_ours(ctx) || ev == nullptr) {
         return UBUS_STATUS_INVALID_ARGUMENT;
     }
-    for (Subscription &subscription : bus.subscriptions) {
-        if (subscription.owner != ev) {
-            continue;
-        }
-        subscription.owner = nullptr;
-        subscription.patterns.clear();
-        if (subscription.obj.id == 0 || is_lost()) {
-            return UBUS_STATUS_OK;
-        }
-        int status = ubus_unregister_event_handler(ctx, &subscription);
-        return was_lost(status) ? UBUS_STATUS_OK : status;
+    Subscription *subscription = find_subscription(ev);
+    if (subscription == nullptr) {
+        return UBUS_STATUS_NOT_FOUND;
     }
-    return UBUS_STATUS_NOT_FOUND;
+    subscription->owner = nullptr;
+    subscription->patterns.clear();
+    if (subscription->obj.id == 0 || is_lost()) {
+        return UBUS_STATUS_OK;
+    }
+    int status = ubus_unregister_event_handler(ctx, subscription);
+    return was_lost(status) ? UBUS_STATUS_OK : status;
 }
 
 int lib_zk_ubus_send_event(struct ubus_context *ctx, const char *event, struct blob_buf msg)
@@ -368,7 +390,7 @@ int lib_zk_ubus_exit(struct ubus_context *ctx)
     uloop_timeout_cancel(&bus.retry);
     ubus_free(ctx);
     blob_buf_free(&bus.event);
-    for (ubus_object *object : bus.objects) { // as they were before they were published
+    for (const auto &[object, refused] : bus.publications) { // as they were before they were published
         object->id = 0;
         if (object->type != nullptr) {
             object->type->id = 0;

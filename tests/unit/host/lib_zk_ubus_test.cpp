@@ -19,6 +19,7 @@ namespace {
 
 using testing::ContainsRegex;
 using testing::ElementsAre;
+using testing::MatchesRegex;
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
 
@@ -114,7 +115,10 @@ protected:
 
     void connect_peer()
     {
-        peer_.reset(ubus_connect(socket_.c_str()), ubus_free);
+        for (int i = 0; i < 300 && peer_ == nullptr; ++i) { // a new broker takes its time
+            usleep(10'000);
+            peer_.reset(ubus_connect(socket_.c_str()), ubus_free);
+        }
         ASSERT_NE(peer_, nullptr);
     }
 
@@ -247,6 +251,32 @@ TEST_F(BusWrapper, ComesBackWhenTheBrokerDoes)
     std::string log = GetCapturedStderr();
     EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 4) << log;
     EXPECT_THAT(log, ContainsRegex("has gone.*\n.*connected.*again.*\n.*has gone.*\n.*connected.*again"));
+}
+
+TEST_F(BusWrapper, TakesItsNameBackFromWhoeverHasItWhenTheBrokerIsBack)
+{
+    connect();
+    CaptureStderr();
+    ASSERT_EQ(lib_zk_ubus_add_object(ctx_, &object_), 0);
+    peer_.reset();
+    kill_broker();
+    uloop_run_timeout(20);
+    broker_ = start_broker(socket_);
+    connect_peer();
+    ubus_object_type type = {.name = "it", .methods = METHODS, .n_methods = 1};
+    ubus_object other = {.name = "it", .type = &type, .methods = METHODS, .n_methods = 1};
+    ASSERT_EQ(ubus_add_object(peer_.get(), &other), 0);
+    ASSERT_TRUE(run_until([&] { return lib_zk_ubus_send_event(ctx_, "x", message("")) == 0; }));
+    for (int turns = 0; turns < 3; ++turns) {
+        uloop_run_timeout(1000); // until it is tried again
+    }
+    EXPECT_EQ(object_.id, 0U);
+    ASSERT_EQ(ubus_remove_object(peer_.get(), &other), 0);
+    EXPECT_TRUE(run_until([&] { return object_.id != 0; }));
+    EXPECT_TRUE(is_published("it"));
+    EXPECT_THAT(GetCapturedStderr(),
+                MatchesRegex("[^\n]*has gone[^\n]*\n[^\n]*object it: Invalid argument\n"
+                             "[^\n]*connected[^\n]*again[^\n]*\n[^\n]*object it: published again\n"));
 }
 
 TEST_F(BusWrapper, WaitsForABrokerThatIsNotThereYet)
