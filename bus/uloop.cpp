@@ -59,6 +59,7 @@ void wake()
 void on_end_signal(int signo)
 {
     ended_by = signo;
+    uloop_cancelled = true;
     wake();
 }
 

@@ -5,8 +5,9 @@
  * failure, never followed. A blob_buf argument is passed by value and stays the caller's.
  *
  * A broker that goes away, or is not there yet, is waited for: the wrapper connects again, publishes the
- * process's object again, as soon as nobody else holds its name, and subscribes again, so that the caller keeps
- * its context and need not know. An object or pattern given meanwhile counts as accepted and takes effect then.
+ * process's object again, as soon as nobody else holds its name, and subscribes again, so that the caller
+ * keeps its context and need not know. An object or pattern given meanwhile counts as accepted and takes
+ * effect then.
  *
  * All calls are made on the loop's thread: libubus is made for one.
  */
@@ -36,8 +37,9 @@ int lib_zk_ubus_register_event_handler(struct ubus_context *ctx, struct ubus_eve
                                        const char *pattern);
 int lib_zk_ubus_unregister_event_handler(struct ubus_context *ctx, struct ubus_event_handler *ev);
 
-/* Broadcasts an event; its subscribers, other than this process, receive `msg`. Success means that the broker
- * has been handed it; while there is no broker it fails at once. */
+/* Broadcasts an event; its subscribers, other than this process, receive `msg`, in the order of sending. Does
+ * not wait for the broker, only for room in its socket: success means that the event lies there. While there
+ * is no broker, or when the loop is to end while there is no room, it fails. */
 int lib_zk_ubus_send_event(struct ubus_context *ctx, const char *event, struct blob_buf msg);
 
 /* Calls a method and waits for its end, `timeout` milliseconds at most (0: 3000). `cb`, when given, receives
@@ -50,7 +52,7 @@ int lib_zk_ubus_call_method(struct ubus_context *ctx, const char *object, const 
  * them. */
 int lib_zk_ubus_run(unsigned int flag);
 
-/* Closes the connection and frees the context. */
+/* Closes the connection and frees the context, once the broker has what was sent or a second has passed. */
 int lib_zk_ubus_exit(struct ubus_context *ctx);
 
 /* Raw records inside a message: an attribute of unspecified type that holds the record's bytes. The getter

@@ -3,13 +3,13 @@
 #include "platform/lib_zk_ubus.h"
 
 #include <algorithm>
-#include <array>
 #include <csignal>
 #include <cstdlib>
 #include <list>
 #include <string>
 #include <vector>
 
+#include <poll.h>
 #include <time.h>
 
 #include "platform/zk_log.h"
@@ -18,7 +18,7 @@ namespace {
 
 constexpr int RETRY_MS = 200;
 constexpr int CALL_TIMEOUT_MS = 3000;
-constexpr int MAX_UNCONFIRMED = 64;
+constexpr int EXIT_MS = 500;
 
 // What libubus knows of a caller's event handler. It outlives the caller's registration: while the broker is
 // away libubus forgets none of them, and puts them on the next one's bus.
@@ -39,7 +39,6 @@ struct Bus {
     std::vector<Publication> publications;
     std::list<Subscription> subscriptions; // an address given to libubus stays
     blob_buf event{};                      // the one being sent
-    int unconfirmed = 0;                   // events sent without waiting since the last that was waited for
 };
 
 Bus bus;
@@ -101,9 +100,27 @@ Subscription &subscription_of(ubus_event_handler *owner)
     return bus.subscriptions.emplace_back(Subscription{{.cb = deliver}, owner, {}});
 }
 
-// What ubus_send_event sends, without waiting for the broker to say that it has it: who answers every event
-// with one of its own would spend half its time waiting. The broker's word is ignored when it comes; but
-// since it must be read some time, not every event is sent like this.
+// Where the kernel sees room at all there is enough for an event: three quarters of the socket's buffer.
+bool has_room(int wait_ms)
+{
+    pollfd socket{.fd = bus.context->sock.fd, .events = POLLOUT, .revents = 0};
+    return poll(&socket, 1, wait_ms) > 0;
+}
+
+// libubus would wait for a broker that reads nothing without end, and heed no signal.
+bool wait_for_room()
+{
+    while (!has_room(RETRY_MS)) {
+        if (uloop_cancelled) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// What ubus_send_event sends, without waiting for the broker to say that it has it: its answer would lie
+// behind all that has come in meanwhile, and libubus would keep that in memory to get at it. Nobody asks for
+// the answer when it comes, and libubus drops it.
 int send_without_waiting(const char *event, blob_attr *data)
 {
     blob_buf_init(&bus.event, 0);
@@ -112,6 +129,15 @@ int send_without_waiting(const char *event, blob_attr *data)
                       static_cast<unsigned int>(blob_len(data)));
     ubus_request request{};
     return ubus_invoke_async(bus.context, UBUS_SYSTEM_OBJECT_EVENT, "send", bus.event.head, &request);
+}
+
+// What the broker has not read is lost when it finds the connection closed. Once it has answered the last
+// message it has read all before; it need not know what that one asks for.
+void wait_until_all_is_read()
+{
+    if (has_room(EXIT_MS)) {
+        ubus_invoke(bus.context, UBUS_SYSTEM_OBJECT_EVENT, "", nullptr, nullptr, nullptr, EXIT_MS);
+    }
 }
 
 // A new broker may refuse an object because somebody else has taken its name meanwhile.
@@ -213,53 +239,24 @@ void connection_lost(ubus_context *ctx)
     uloop_timeout_set(&bus.retry, RETRY_MS);
 }
 
-// Ends the process as the signal does by itself.
-void end_by_signal(int signo)
-{
-    signal(signo, SIG_DFL);
-    raise(signo);
-}
-
 // Connecting sets up the loop, and from then on SIGINT and SIGTERM only end the loop, which does not run yet.
 // While there is no broker they must go on ending the process.
-class SignalsWhileWaiting {
-public:
-    SignalsWhileWaiting()
-    {
-        for (size_t i = 0; i < SIGNALS.size(); i++) {
-            sigaction(SIGNALS[i], nullptr, &before_[i]);
-            if (before_[i].sa_handler == SIG_DFL) {
-                signal(SIGNALS[i], end_by_signal);
-            }
-        }
-    }
-    SignalsWhileWaiting(const SignalsWhileWaiting &) = delete;
-    SignalsWhileWaiting &operator=(const SignalsWhileWaiting &) = delete;
-    ~SignalsWhileWaiting()
-    {
-        for (size_t i = 0; i < SIGNALS.size(); i++) {
-            sigaction(SIGNALS[i], &before_[i], nullptr);
-        }
-        uloop_init(); // takes them now
-    }
-
-private:
-    static constexpr std::array<int, 2> SIGNALS = {SIGINT, SIGTERM};
-    std::array<struct sigaction, 2> before_{};
-};
-
 ubus_context *wait_for_broker()
 {
-    SignalsWhileWaiting signals;
     ubus_context *ctx = ubus_connect(socket_path());
     if (ctx != nullptr) {
         return ctx;
     }
     log_state("there is no broker yet, waiting for it");
-    while ((ctx = ubus_connect(socket_path())) == nullptr) {
+    do {
+        if (uloop_cancelled) {
+            uloop_done();
+            raise(SIGTERM);
+        }
         timespec pause{.tv_sec = 0, .tv_nsec = RETRY_MS * 1'000'000L};
         nanosleep(&pause, nullptr);
-    }
+        ctx = ubus_connect(socket_path());
+    } while (ctx == nullptr);
     log_state("connected to the broker");
     return ctx;
 }
@@ -340,12 +337,10 @@ int lib_zk_ubus_send_event(struct ubus_context *ctx, const char *event, struct b
     if (!is_ours(ctx) || event == nullptr || msg.head == nullptr) {
         return UBUS_STATUS_INVALID_ARGUMENT;
     }
-    if (is_lost()) {
+    if (is_lost() || !wait_for_room()) {
         return UBUS_STATUS_CONNECTION_FAILED;
     }
-    int status = bus.unconfirmed < MAX_UNCONFIRMED ? send_without_waiting(event, msg.head)
-                                                   : ubus_send_event(ctx, event, msg.head);
-    bus.unconfirmed = bus.unconfirmed < MAX_UNCONFIRMED ? bus.unconfirmed + 1 : 0;
+    int status = send_without_waiting(event, msg.head);
     return was_lost(status) ? UBUS_STATUS_CONNECTION_FAILED : status;
 }
 
@@ -383,9 +378,8 @@ int lib_zk_ubus_exit(struct ubus_context *ctx)
     if (!is_ours(ctx)) {
         return UBUS_STATUS_INVALID_ARGUMENT;
     }
-    if (bus.unconfirmed > 0 && !is_lost()) {
-        uint32_t nobody = 0;
-        ubus_lookup_id(ctx, "", &nobody); // when this is answered, all that was sent before has been received
+    if (!is_lost()) {
+        wait_until_all_is_read();
     }
     uloop_timeout_cancel(&bus.retry);
     ubus_free(ctx);

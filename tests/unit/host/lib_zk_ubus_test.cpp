@@ -187,7 +187,7 @@ TEST_F(BusWrapper, EventsArriveAllAndInOrder)
     connect();
     Listener listener;
     listen_by_peer(&listener);
-    constexpr size_t EVENTS = 1000; // more than may be unconfirmed, and an end right after
+    constexpr size_t EVENTS = 1000; // more answers than the socket takes, and an end right after
     for (size_t i = 0; i < EVENTS; i++) {
         EXPECT_EQ(lib_zk_ubus_send_event(ctx_, "event", message(std::to_string(i))), 0);
         if (i % 100 == 0) {
@@ -200,6 +200,29 @@ TEST_F(BusWrapper, EventsArriveAllAndInOrder)
     for (size_t i = 0; i < EVENTS; i++) {
         EXPECT_EQ(listener.records[i], std::to_string(i));
     }
+}
+
+TEST_F(BusWrapper, ASignalEndsTheLoopThoughTheBrokerReadsNothing)
+{
+    connect();
+    kill(broker_, SIGSTOP);
+    static int result;
+    static ubus_context *ctx;
+    ctx = ctx_;
+    uloop_timeout timer{};
+    timer.cb = [](uloop_timeout *) {
+        if (fork() == 0) {
+            usleep(300'000);
+            kill(getppid(), SIGTERM);
+            _exit(0);
+        }
+        while (lib_zk_ubus_send_event(ctx, "event", message("")) == 0) {
+        }
+        result = lib_zk_ubus_send_event(ctx, "event", message(""));
+    };
+    uloop_timeout_set(&timer, 0);
+    EXPECT_EQ(lib_zk_ubus_run(UBUS_THREAD_SINGLE), 0);
+    EXPECT_EQ(result, UBUS_STATUS_CONNECTION_FAILED);
 }
 
 TEST_F(BusWrapper, CallsMethodsOfOthers)
