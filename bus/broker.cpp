@@ -7,19 +7,19 @@ namespace bus {
 
 namespace {
 
-constexpr int kNoReply = -1;
-constexpr size_t kMaxOpenCalls = 256; // of one object, that are remembered
+constexpr int NO_REPLY = -1;
+constexpr size_t MAX_OPEN_CALLS = 256; // of one object, that are remembered
 
 // What an object and a pattern count for besides their texts.
-constexpr size_t kObjectSize = 1024;
-constexpr size_t kPatternSize = 256;
+constexpr size_t OBJECT_SIZE = 1024;
+constexpr size_t PATTERN_SIZE = 256;
 
 // With the two ids that a lookup tells besides, the object must fit into a message.
-constexpr size_t kMaxObjectMessage = UBUS_MAX_MSGLEN - 2 * (sizeof(blob_attr) + sizeof(uint32_t));
+constexpr size_t MAX_OBJECT_MESSAGE = UBUS_MAX_MSGLEN - 2 * (sizeof(blob_attr) + sizeof(uint32_t));
 
-// An event's own part ends after the object id: the blob's header and the first member.
-constexpr size_t kEventHead = sizeof(ubus_msghdr) + sizeof(blob_attr) + sizeof(blob_attr) + sizeof(uint32_t);
-static_assert(kEventHead == std::tuple_size_v<MessageHead>);
+// A lookup goes on while less than this waits for the client.
+constexpr size_t LOOKUP_AHEAD = 1 << 20;
+constexpr size_t MAX_LOOKUPS = 16; // of one client, at a time
 
 std::string_view text_of(const blob_attr *attr)
 {
@@ -40,7 +40,7 @@ std::pair<std::string_view, bool> split_pattern(std::string_view text)
 
 } // namespace
 
-const Broker::Handler Broker::kHandlers[__UBUS_MSG_LAST] = {
+const Broker::Handler Broker::HANDLERS[__UBUS_MSG_LAST] = {
     nullptr,                // HELLO
     &Broker::pass_reply,    // STATUS
     &Broker::pass_reply,    // DATA
@@ -57,9 +57,9 @@ const Broker::Handler Broker::kHandlers[__UBUS_MSG_LAST] = {
 
 void Broker::handle(Client &c, const Received &m)
 {
-    const Handler handler = m.hdr.type < __UBUS_MSG_LAST ? kHandlers[m.hdr.type] : nullptr;
+    const Handler handler = m.hdr.type < __UBUS_MSG_LAST ? HANDLERS[m.hdr.type] : nullptr;
     const int status = handler ? (this->*handler)(c, m) : UBUS_STATUS_INVALID_COMMAND;
-    if (status != kNoReply) {
+    if (status != NO_REPLY) {
         reply_status(c, m.hdr, status);
     }
 }
@@ -67,8 +67,7 @@ void Broker::handle(Client &c, const Received &m)
 // Sends out_ as an answer.
 void Broker::reply(Client &c, const ubus_msghdr &request, int type)
 {
-    Outgoing m = message(type, request.seq, request.peer, out_.head);
-    send(&c, c, m);
+    send(c, type, request.seq, request.peer, out_.head);
 }
 
 void Broker::reply_status(Client &c, const ubus_msghdr &request, int status)
@@ -80,8 +79,7 @@ void Broker::reply_status(Client &c, const ubus_msghdr &request, int status)
 
 int Broker::ping(Client &c, const Received &m)
 {
-    Outgoing pong = message(UBUS_MSG_DATA, m.hdr.seq, m.hdr.peer, m.blob);
-    send(&c, c, pong);
+    send(c, UBUS_MSG_DATA, m.hdr.seq, m.hdr.peer, m.blob);
     return UBUS_STATUS_OK;
 }
 
@@ -90,7 +88,7 @@ int Broker::not_supported(Client & /*c*/, const Received & /*m*/)
     return UBUS_STATUS_NOT_SUPPORTED;
 }
 
-// ---- objects
+// --- objects
 
 Object *Broker::find_object(uint32_t id)
 {
@@ -108,9 +106,10 @@ ObjectType *Broker::find_type(const Received &m)
     if (!m[UBUS_ATTR_SIGNATURE]) {
         return nullptr;
     }
-    const auto payload = bytes_of(m[UBUS_ATTR_SIGNATURE]).subspan(sizeof(blob_attr));
+    const auto *payload = static_cast<const uint8_t *>(blob_data(m[UBUS_ATTR_SIGNATURE]));
     const uint32_t id = new_id(types_);
-    return &types_.emplace(id, ObjectType{id, 0, Bytes(payload.begin(), payload.end())}).first->second;
+    const ObjectType type = {id, 0, Bytes(payload, payload + blob_len(m[UBUS_ATTR_SIGNATURE]))};
+    return &types_.emplace(id, type).first->second;
 }
 
 void Broker::leave_type(ObjectType *type)
@@ -129,11 +128,11 @@ int Broker::add_object(Client &c, const Received &m)
     if (m[UBUS_ATTR_SIGNATURE] && !members_are_sound(m[UBUS_ATTR_SIGNATURE])) {
         return UBUS_STATUS_INVALID_ARGUMENT;
     }
-    if (blob_raw_len(m.blob) > kMaxObjectMessage) {
+    if (blob_raw_len(m.blob) > MAX_OBJECT_MESSAGE) {
         return UBUS_STATUS_INVALID_ARGUMENT;
     }
-    const size_t held = kObjectSize + blob_raw_len(m.blob);
-    if (c.registered + held > kMaxRegistered) {
+    const size_t held = OBJECT_SIZE + blob_raw_len(m.blob);
+    if (c.registered + held > MAX_REGISTERED) {
         return UBUS_STATUS_NO_MEMORY;
     }
 
@@ -150,10 +149,10 @@ int Broker::add_object(Client &c, const Received &m)
     objects_.emplace(object.id, std::move(owned));
     c.objects.push_back(&object);
     c.registered += held;
-    hold(c, held);
+    account(c);
     if (!object.path.empty()) {
         paths_.emplace(object.path, &object);
-        send_object_event(object, "ubus.object.add", &c);
+        send_object_event(object, "ubus.object.add");
     }
 
     blob_buf_init(&out_, 0);
@@ -184,21 +183,21 @@ int Broker::remove_object(Client &c, const Received &m)
         blob_put_u32(&out_, UBUS_ATTR_OBJTYPE, object->type->id);
     }
     reply(c, m.hdr, UBUS_MSG_DATA);
-    drop_object(*object, &c);
+    drop_object(*object);
     return UBUS_STATUS_OK;
 }
 
-void Broker::drop_object(Object &object, Client *cause)
+void Broker::drop_object(Object &object)
 {
     drop_patterns(object);
     if (!object.path.empty()) {
-        send_object_event(object, "ubus.object.remove", cause);
+        send_object_event(object, "ubus.object.remove");
         paths_.erase(object.path);
     }
     fail_calls(object);
     leave_type(object.type);
     object.owner->registered -= object.held;
-    release(*object.owner, object.held);
+    account(*object.owner);
     std::erase(object.owner->objects, &object);
     objects_.erase(object.id);
 }
@@ -214,8 +213,7 @@ void Broker::fail_calls(const Object &object)
         blob_buf_init(&out_, 0);
         blob_put_u32(&out_, UBUS_ATTR_STATUS, UBUS_STATUS_NO_DATA);
         blob_put_u32(&out_, UBUS_ATTR_OBJID, object.id);
-        Outgoing m = message(UBUS_MSG_STATUS, call.seq, object.id, out_.head);
-        send(nullptr, *caller, m);
+        send(*caller, UBUS_MSG_STATUS, call.seq, object.id, out_.head);
     }
 }
 
@@ -242,9 +240,12 @@ int Broker::look_up(Client &c, const Received &m)
     }
     const auto [path, prefix] = split_pattern(wanted);
     if (prefix) {
-        c.lookup = Lookup{m.hdr, std::string(path), std::string(path), all};
-        go_on_with_lookup(c);
-        return kNoReply;
+        if (c.lookups.size() == MAX_LOOKUPS) {
+            return UBUS_STATUS_NO_MEMORY;
+        }
+        c.lookups.push_back({m.hdr, std::string(path), std::string(path), all});
+        go_on_with_lookups(c);
+        return NO_REPLY;
     }
     const auto it = paths_.find(path);
     if (it == paths_.end()) {
@@ -255,25 +256,25 @@ int Broker::look_up(Client &c, const Received &m)
 }
 
 // Shows objects as long as the client keeps up with reading.
-void Broker::go_on_with_lookup(Client &c)
+void Broker::go_on_with_lookups(Client &c)
 {
-    Lookup &lookup = *c.lookup;
-    auto it = paths_.lower_bound(lookup.next);
-    for (; it != paths_.end() && it->first.starts_with(lookup.prefix); ++it) {
-        if (c.waits > 0 || c.doomed) {
-            lookup.next = it->first;
-            return;
+    while (!c.lookups.empty()) {
+        Lookup &lookup = c.lookups.front();
+        auto it = paths_.lower_bound(lookup.next);
+        for (; it != paths_.end() && it->first.starts_with(lookup.prefix); ++it) {
+            if (c.queued() > LOOKUP_AHEAD || c.doomed) {
+                lookup.next = it->first;
+                return;
+            }
+            lookup.found = true;
+            show_object(c, lookup.request, *it->second);
         }
-        lookup.found = true;
-        show_object(c, lookup.request, *it->second);
+        reply_status(c, lookup.request, lookup.found ? UBUS_STATUS_OK : UBUS_STATUS_NOT_FOUND);
+        c.lookups.pop_front();
     }
-    const ubus_msghdr request = lookup.request;
-    const int status = lookup.found ? UBUS_STATUS_OK : UBUS_STATUS_NOT_FOUND;
-    c.lookup.reset();
-    reply_status(c, request, status);
 }
 
-// ---- calls
+// --- calls
 
 int Broker::invoke(Client &c, const Received &m)
 {
@@ -307,15 +308,14 @@ int Broker::invoke(Client &c, const Received &m)
         return UBUS_STATUS_INVALID_ARGUMENT;
     }
 
-    Outgoing call = message(UBUS_MSG_INVOKE, m.hdr.seq, c.id, out_.head);
-    if (!send(&c, *object->owner, call)) {
-        return object->owner->doomed ? UBUS_STATUS_NO_DATA : UBUS_STATUS_NO_MEMORY;
+    if (!send(*object->owner, UBUS_MSG_INVOKE, m.hdr.seq, c.id, out_.head)) {
+        return UBUS_STATUS_NO_DATA;
     }
-    if (object->calls.size() == kMaxOpenCalls) { // the oldest is left to its caller's time limit
+    if (object->calls.size() == MAX_OPEN_CALLS) { // the oldest is left to its caller's time limit
         object->calls.erase(object->calls.begin());
     }
     object->calls.push_back({c.id, m.hdr.seq});
-    return kNoReply;
+    return NO_REPLY;
 }
 
 // Only an object's owner speaks for it; nothing is ever said to an answer.
@@ -323,12 +323,12 @@ int Broker::pass_reply(Client &c, const Received &m)
 {
     const bool status = m.hdr.type == UBUS_MSG_STATUS;
     if (!m[UBUS_ATTR_OBJID] || !m[status ? UBUS_ATTR_STATUS : UBUS_ATTR_DATA]) {
-        return kNoReply;
+        return NO_REPLY;
     }
     Object *object = find_object(blob_get_u32(m[UBUS_ATTR_OBJID]));
     Client *caller = find_client(m.hdr.peer);
     if (!object || object->owner != &c || !caller) {
-        return kNoReply;
+        return NO_REPLY;
     }
     if (status) {
         const auto it = std::find_if(object->calls.begin(), object->calls.end(), [&](const OpenCall &call) {
@@ -338,12 +338,11 @@ int Broker::pass_reply(Client &c, const Received &m)
             object->calls.erase(it);
         }
     }
-    Outgoing answer = message(m.hdr.type, m.hdr.seq, object->id, m.blob);
-    send(&c, *caller, answer);
-    return kNoReply;
+    send(*caller, m.hdr.type, m.hdr.seq, object->id, m.blob);
+    return NO_REPLY;
 }
 
-// ---- events
+// --- events
 
 int Broker::invoke_event_object(Client &c, std::string_view method, blob_attr *data)
 {
@@ -359,13 +358,13 @@ int Broker::invoke_event_object(Client &c, std::string_view method, blob_attr *d
 int Broker::add_pattern(Client &c, blob_attr *data)
 {
     enum { OBJECT, PATTERN, LAST };
-    static constexpr blobmsg_policy kPolicy[LAST] = {{"object", BLOBMSG_TYPE_INT32},
-                                                     {"pattern", BLOBMSG_TYPE_STRING}};
+    static constexpr blobmsg_policy policy[LAST] = {{"object", BLOBMSG_TYPE_INT32},
+                                                    {"pattern", BLOBMSG_TYPE_STRING}};
     if (!data) {
         return UBUS_STATUS_INVALID_ARGUMENT;
     }
     blob_attr *args[LAST];
-    blobmsg_parse(kPolicy, LAST, args, blob_data(data), static_cast<unsigned>(blob_len(data)));
+    blobmsg_parse(policy, LAST, args, blob_data(data), static_cast<unsigned>(blob_len(data)));
     if (!args[OBJECT] || !args[PATTERN]) {
         return UBUS_STATUS_INVALID_ARGUMENT;
     }
@@ -390,15 +389,15 @@ int Broker::add_pattern(Client &c, blob_attr *data)
     if (std::any_of(object->patterns.begin(), object->patterns.end(), same)) {
         return UBUS_STATUS_OK;
     }
-    const size_t held = kPatternSize + 2 * text.size();
-    if (c.registered + held > kMaxRegistered) {
+    const size_t held = PATTERN_SIZE + 2 * text.size();
+    if (c.registered + held > MAX_REGISTERED) {
         return UBUS_STATUS_NO_MEMORY;
     }
     object->patterns.push_back({std::string(text), prefix});
     (prefix ? prefixes_ : exact_)[std::string(text)].push_back(object);
     object->held += held;
     c.registered += held;
-    hold(c, held);
+    account(c);
     return UBUS_STATUS_OK;
 }
 
@@ -418,13 +417,13 @@ void Broker::drop_patterns(Object &object)
 int Broker::send_event(Client &c, blob_attr *data)
 {
     enum { ID, DATA, LAST };
-    static constexpr blobmsg_policy kPolicy[LAST] = {{"id", BLOBMSG_TYPE_STRING},
-                                                     {"data", BLOBMSG_TYPE_TABLE}};
+    static constexpr blobmsg_policy policy[LAST] = {{"id", BLOBMSG_TYPE_STRING},
+                                                    {"data", BLOBMSG_TYPE_TABLE}};
     if (!data) {
         return UBUS_STATUS_INVALID_ARGUMENT;
     }
     blob_attr *args[LAST];
-    blobmsg_parse(kPolicy, LAST, args, blob_data(data), static_cast<unsigned>(blob_len(data)));
+    blobmsg_parse(policy, LAST, args, blob_data(data), static_cast<unsigned>(blob_len(data)));
     if (!args[ID] || !args[DATA]) {
         return UBUS_STATUS_INVALID_ARGUMENT;
     }
@@ -438,11 +437,11 @@ int Broker::send_event(Client &c, blob_attr *data)
     blob_put_string(&out_, UBUS_ATTR_METHOD, event);
     blob_put(&out_, UBUS_ATTR_DATA, blobmsg_data(args[DATA]),
              static_cast<unsigned>(blobmsg_data_len(args[DATA])));
-    fan_out(event, &c, &c);
+    fan_out(event, &c);
     return UBUS_STATUS_OK;
 }
 
-void Broker::send_object_event(const Object &object, const char *event, Client *cause)
+void Broker::send_object_event(const Object &object, const char *event)
 {
     blob_buf_init(&out_, 0);
     blob_put_u32(&out_, UBUS_ATTR_OBJID, 0);
@@ -451,20 +450,17 @@ void Broker::send_object_event(const Object &object, const char *event, Client *
     blobmsg_add_u32(&out_, "id", object.id);
     blobmsg_add_string(&out_, "path", object.path.c_str());
     blob_nest_end(&out_, data);
-    fan_out(event, cause, nullptr);
+    fan_out(event, nullptr);
 }
 
-// Gives the event in out_ to every object with a matching pattern, but for those of `except`.
-void Broker::fan_out(std::string_view event, Client *cause, const Client *except)
+// Gives the event in out_, whose first member is the receiver's, to every object with a matching pattern, but
+// for those of `except`.
+void Broker::fan_out(std::string_view event, const Client *except)
 {
-    const auto blob = bytes_of(out_.head);
-    Outgoing m = {{}, kEventHead, blob.subspan(kEventHead - sizeof(ubus_msghdr)), nullptr};
-    std::copy_n(blob.data(), kEventHead - sizeof(ubus_msghdr), m.head.data() + sizeof(ubus_msghdr));
     event_++;
-
     if (const auto it = exact_.find(event); it != exact_.end()) {
         for (Object *object : it->second) {
-            give_event(*object, m, cause, except);
+            give_event(*object, except);
         }
     }
     // Those patterns that the name begins with, from the longest down. A pattern just below `rest` in the
@@ -479,7 +475,7 @@ void Broker::fan_out(std::string_view event, Client *cause, const Client *except
         const bool matches = common == it->first.size();
         if (matches) {
             for (Object *object : it->second) {
-                give_event(*object, m, cause, except);
+                give_event(*object, except);
             }
         }
         if (common == 0 && matches) {
@@ -489,16 +485,15 @@ void Broker::fan_out(std::string_view event, Client *cause, const Client *except
     }
 }
 
-void Broker::give_event(Object &object, Outgoing &m, Client *cause, const Client *except)
+void Broker::give_event(Object &object, const Client *except)
 {
     if (object.owner == except || object.event_seen == event_) {
         return;
     }
     object.event_seen = event_;
-    put_header(m, UBUS_MSG_INVOKE, ++event_seq_, 0);
     const uint32_t id = cpu_to_be32(object.id);
-    memcpy(m.head.data() + kEventHead - sizeof(id), &id, sizeof(id));
-    send(cause, *object.owner, m);
+    memcpy(blob_data(static_cast<blob_attr *>(blob_data(out_.head))), &id, sizeof(id));
+    send(*object.owner, UBUS_MSG_INVOKE, ++event_seq_, 0, out_.head);
 }
 
 } // namespace bus

@@ -4,14 +4,15 @@
  * It believes nothing a client says. A client whose bytes make no sense is disconnected, and whatever a
  * client had on the bus goes with it: a call it had not answered is answered with UBUS_STATUS_NO_DATA.
  *
- * What cannot be delivered at once is queued. A sender that gets far ahead of a receiver is not listened to
- * until the receiver has caught up, so neither memory nor messages are lost to a fast sender; a receiver that
- * does not read at all for a while is disconnected.
+ * Nobody waits for a client that reads slowly. What its socket does not take is queued, some megabytes at
+ * most; beyond that events to it are dropped, later calls and answers too, and standard error tells when that
+ * begins, and how many they were once it has read all or has left. A call that is dropped is answered with
+ * UBUS_STATUS_NO_DATA; who loses an answer waits until its time is up. A list of objects is sent as its
+ * reader reads, and so arrives whole, whatever its length.
  *
  * Whoever may open the socket may do everything; the socket is its owner's alone.
  */
-#ifndef BUS_BROKER_H
-#define BUS_BROKER_H
+#pragma once
 
 namespace bus {
 
@@ -25,5 +26,3 @@ Broker *broker_start(const char *path);
 void broker_stop(Broker *broker);
 
 } // namespace bus
-
-#endif

@@ -1,14 +1,12 @@
 // The broker's records, shared by broker.cpp (the register and the messages) and broker_io.cpp (the
 // connections).
-#ifndef BUS_BROKER_INTERNAL_H
-#define BUS_BROKER_INTERNAL_H
+#pragma once
 
 #include <array>
 #include <cstdint>
-#include <list>
+#include <deque>
 #include <map>
 #include <memory>
-#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -22,43 +20,15 @@
 
 namespace bus {
 
-// What is kept for a client, in bytes: messages waiting for it, what it registered, half a message it sent.
-constexpr size_t kMaxQueued = 4 << 20;
-constexpr size_t kMaxRegistered = 4 << 20;
-constexpr size_t kMaxHeldByAll = 64 << 20; // all of it, for all: then the one with most is disconnected
-
-// A client for which more than kHighWater waits holds back those who send to it, until no more than kLowWater
-// is left. If it takes nothing for kStallMs, it is disconnected.
-constexpr size_t kHighWater = 1 << 20;
-constexpr size_t kLowWater = kHighWater / 2;
-constexpr int kStallMs = 3000;
+// What is kept for a client, in bytes.
+constexpr size_t MAX_QUEUED_EVENTS = 3 << 20; // unread messages, beyond which events are dropped
+constexpr size_t MAX_QUEUED = 4 << 20;        // and beyond which calls and answers are
+constexpr size_t MAX_REGISTERED = 4 << 20;    // objects and patterns
+constexpr size_t MAX_HELD_BY_ALL = 64 << 20;  // all of it, for all: then the one with most is disconnected
 
 using Bytes = std::vector<uint8_t>;
-using MessageHead = std::array<uint8_t, sizeof(ubus_msghdr) + 12>;
 
 struct Client;
-
-// A message to one or more clients. The head is each receiver's own: the header and, for an event, the blob
-// up to the end of its first member, the receiver's object id. The body is common to all; it is copied, once,
-// when the first of them has to wait for it.
-struct Outgoing {
-    MessageHead head;
-    size_t head_len;
-    std::span<const uint8_t> body;
-    std::shared_ptr<const Bytes> kept;
-
-    size_t size() const { return head_len + body.size(); }
-};
-
-// The same, waiting. `sent` bytes of it are gone.
-struct Queued {
-    MessageHead head;
-    size_t head_len;
-    std::shared_ptr<const Bytes> body;
-    size_t sent;
-
-    size_t size() const { return head_len + body->size(); }
-};
 
 // A received message: the header in the host's byte order, the members by id.
 struct Received {
@@ -104,31 +74,24 @@ struct Lookup {
     bool found;
 };
 
-struct StallTimer : uloop_timeout {
-    Client *client;
-};
-
 struct Client : uloop_fd {
     Broker *broker;
     uint32_t id;
+    pid_t pid;
     const std::string *user; // null: not known to the system
     const std::string *group;
 
-    Bytes input; // the beginning of a message
-    std::list<Queued> queue;
-    size_t queued;     // bytes, with what a record takes
-    size_t registered; // bytes, objects and patterns
-    size_t held;       // all that is kept for it, these included
+    Bytes input;    // the beginning of a message
+    Bytes output;   // messages that the socket did not take yet
+    size_t sent;    // of that, bytes that it has taken since
+    size_t dropped; // messages for which there was no room since the output was last empty
     std::vector<Object *> objects;
-    std::optional<Lookup> lookup;
+    std::deque<Lookup> lookups;
+    size_t registered; // bytes, objects and patterns
+    size_t held;       // bytes, all that is kept for it
+    bool doomed;       // to be removed once no one looks at it any more
 
-    StallTimer stall;
-    int64_t last_read;               // when it last took something from its queue, or the queue began
-    std::vector<uint32_t> held_back; // clients that wait for this one to catch up
-    int waits;                       // for how many this one waits
-    bool doomed;                     // to be removed once no one looks at it any more
-
-    bool paused() const { return waits > 0 || lookup; }
+    size_t queued() const { return output.size() - sent; }
 };
 
 struct Acceptor : uloop_fd {
@@ -151,15 +114,6 @@ uint32_t new_id(const Map &taken)
     return id;
 }
 
-inline std::span<const uint8_t> bytes_of(const blob_attr *blob)
-{
-    return {reinterpret_cast<const uint8_t *>(blob), blob_raw_len(blob)};
-}
-
-// A message whose body is all of `blob`.
-Outgoing message(int type, uint16_t seq, uint32_t peer, const blob_attr *blob);
-void put_header(Outgoing &m, int type, uint16_t seq, uint32_t peer);
-
 struct Broker {
     Broker(const char *path, int listener);
     ~Broker();
@@ -170,11 +124,10 @@ struct Broker {
     void accept_clients();
     void listen_again();
     void on_client(Client &c, unsigned events);
-    void on_stall(Client &c);
 
 private:
     using Handler = int (Broker::*)(Client &, const Received &);
-    static const Handler kHandlers[__UBUS_MSG_LAST];
+    static const Handler HANDLERS[__UBUS_MSG_LAST];
     using Patterns = std::map<std::string, std::vector<Object *>, std::less<>>;
 
     // broker_io.cpp: connections
@@ -183,24 +136,18 @@ private:
     Client *find_client(uint32_t id);
     void doom(Client &c);
     void settle();
-    void resume(Client &c);
     void watch(Client &c);
-    void hold(Client &c, size_t bytes);
-    void release(Client &c, size_t bytes);
+    void account(Client &c);
 
     void receive(Client &c);
     size_t consume(Client &c, std::span<uint8_t> input);
-    void keep_input(Client &c, std::span<const uint8_t> rest);
 
-    // Sends a message that `from` (or null: nobody) is the cause of. False when there is no room to queue it.
-    bool send(Client *from, Client &to, Outgoing &m);
-    void enqueue(Client &to, Outgoing &m, size_t sent);
-    void hold_back(Client *from, Client &to);
+    // False when the message is lost: there is no room for it, or the client reads no more.
+    bool send(Client &to, int type, uint16_t seq, uint32_t peer, const blob_attr *blob);
     void flush(Client &c);
-    void after_progress(Client &c);
-    void let_go(Client &c);
+    void give_up_sending(Client &c);
 
-    // broker.cpp: the register and the messages. A handler gives the status to answer with, or kNoReply.
+    // broker.cpp: the register and the messages. A handler gives the status to answer with, or NO_REPLY.
     void handle(Client &c, const Received &m);
     int ping(Client &c, const Received &m);
     int add_object(Client &c, const Received &m);
@@ -216,25 +163,24 @@ private:
     Object *find_object(uint32_t id);
     ObjectType *find_type(const Received &m);
     void leave_type(ObjectType *type);
-    void drop_object(Object &object, Client *cause);
+    void drop_object(Object &object);
     void fail_calls(const Object &object);
     void show_object(Client &c, const ubus_msghdr &request, const Object &object);
-    void go_on_with_lookup(Client &c);
+    void go_on_with_lookups(Client &c);
 
     int invoke_event_object(Client &c, std::string_view method, blob_attr *data);
     int add_pattern(Client &c, blob_attr *data);
     void drop_patterns(Object &object);
     int send_event(Client &c, blob_attr *data);
-    void send_object_event(const Object &object, const char *event, Client *cause);
-    void fan_out(std::string_view event, Client *cause, const Client *except);
-    void give_event(Object &object, Outgoing &m, Client *cause, const Client *except);
+    void send_object_event(const Object &object, const char *event);
+    void fan_out(std::string_view event, const Client *except);
+    void give_event(Object &object, const Client *except);
 
     std::string path_;
     Acceptor acceptor_ = {};
     AcceptTimer accept_timer_ = {};
     std::unordered_map<uint32_t, std::unique_ptr<Client>> clients_;
     std::vector<uint32_t> doomed_;
-    std::vector<uint32_t> resumed_;
     size_t held_ = 0;
     std::array<uint8_t, 65536> read_buffer_;
 
@@ -251,5 +197,3 @@ private:
 };
 
 } // namespace bus
-
-#endif

@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <grp.h>
 #include <pwd.h>
 #include <sys/socket.h>
@@ -16,18 +16,8 @@ namespace bus {
 
 namespace {
 
-static_assert(kMaxQueued > size_t{2} * UBUS_MAX_MSGLEN);
-constexpr int kAcceptPauseMs = 100;
-constexpr size_t kQueuedSize = 128; // what a queued message takes besides its bytes
-constexpr size_t kMaxGathered = 32; // messages sent with one system call
-constexpr size_t kWireHead = sizeof(ubus_msghdr) + sizeof(blob_attr);
-
-int64_t now_ms()
-{
-    timespec ts = {};
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
+constexpr int ACCEPT_PAUSE_MS = 100;
+constexpr size_t WIRE_HEAD = sizeof(ubus_msghdr) + sizeof(blob_attr);
 
 // Name of a user or group, asked of the system once.
 const std::string *name_of(std::unordered_map<unsigned, std::string> &known, unsigned id,
@@ -38,19 +28,19 @@ const std::string *name_of(std::unordered_map<unsigned, std::string> &known, uns
         return &it->second;
     }
     const char *name = find(id);
-    return name ? &known.emplace(id, name).first->second : nullptr;
+    return name != nullptr ? &known.emplace(id, name).first->second : nullptr;
 }
 
 const char *find_user(unsigned id)
 {
     const passwd *entry = getpwuid(id);
-    return entry ? entry->pw_name : nullptr;
+    return entry != nullptr ? entry->pw_name : nullptr;
 }
 
 const char *find_group(unsigned id)
 {
     const group *entry = getgrgid(id);
-    return entry ? entry->gr_name : nullptr;
+    return entry != nullptr ? entry->gr_name : nullptr;
 }
 
 int listen_at(const char *path)
@@ -83,20 +73,22 @@ int listen_at(const char *path)
     return -1;
 }
 
-iovec part(const void *data, size_t len, size_t skip)
-{
-    skip = std::min(skip, len);
-    return {const_cast<uint8_t *>(static_cast<const uint8_t *>(data)) + skip, len - skip};
-}
-
 // Bytes written, 0 when the socket takes no more for now, -1 when it never will.
-ssize_t write_parts(int fd, iovec *parts, size_t count)
+ssize_t write_parts(int fd, std::span<iovec> parts)
 {
     msghdr m = {};
-    m.msg_iov = parts;
-    m.msg_iovlen = count;
+    m.msg_iov = parts.data();
+    m.msg_iovlen = parts.size();
     const ssize_t n = sendmsg(fd, &m, MSG_NOSIGNAL | MSG_DONTWAIT);
     return n < 0 && (errno == EAGAIN || errno == EINTR) ? 0 : n;
+}
+
+void tell_of_drops(Client &c)
+{
+    if (c.dropped > 0) {
+        fprintf(stderr, "ubusd: client %08x (process %d): %zu messages dropped\n", c.id, c.pid, c.dropped);
+        c.dropped = 0;
+    }
 }
 
 } // namespace
@@ -154,7 +146,7 @@ void Broker::accept_clients()
         if (errno != EAGAIN) {
             // Out of descriptors or memory: the connection stays there to be reported again and again.
             uloop_fd_delete(&acceptor_);
-            uloop_timeout_set(&accept_timer_, kAcceptPauseMs);
+            uloop_timeout_set(&accept_timer_, ACCEPT_PAUSE_MS);
         }
         break;
     }
@@ -170,17 +162,13 @@ void Broker::add_client(int fd)
         auto *self = static_cast<Client *>(u);
         self->broker->on_client(*self, events);
     };
-    c.stall.cb = [](uloop_timeout *t) {
-        Client *self = static_cast<StallTimer *>(t)->client;
-        self->broker->on_stall(*self);
-    };
-    c.stall.client = &c;
     c.broker = this;
     c.id = new_id(clients_);
 
     ucred who = {};
     socklen_t len = sizeof(who);
     if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &who, &len) == 0) {
+        c.pid = who.pid;
         c.user = name_of(users_, who.uid, find_user);
         c.group = name_of(groups_, who.gid, find_group);
     }
@@ -188,8 +176,7 @@ void Broker::add_client(int fd)
     clients_.emplace(c.id, std::move(client));
     watch(c);
     blob_buf_init(&out_, 0);
-    Outgoing hello = message(UBUS_MSG_HELLO, 0, c.id, out_.head);
-    send(nullptr, c, hello);
+    send(c, UBUS_MSG_HELLO, 0, c.id, out_.head);
 }
 
 Client *Broker::find_client(uint32_t id)
@@ -205,24 +192,17 @@ void Broker::doom(Client &c)
         return;
     }
     c.doomed = true;
-    held_ -= c.held;
-    c.held = 0;
+    account(c);
     doomed_.push_back(c.id);
 }
 
-// Ends each turn: removes and resumes clients until there are none to, for either may lead to more.
+// Ends each turn: removes the doomed, which may doom others.
 void Broker::settle()
 {
-    while (!doomed_.empty() || !resumed_.empty()) {
-        std::vector<uint32_t> &list = doomed_.empty() ? resumed_ : doomed_;
-        const bool remove = !doomed_.empty();
-        Client *c = find_client(list.back());
-        list.pop_back();
-        if (c && remove) {
-            remove_client(*c);
-        } else if (c) {
-            resume(*c);
-        }
+    while (!doomed_.empty()) {
+        Client *c = find_client(doomed_.back());
+        doomed_.pop_back();
+        remove_client(*c);
     }
 }
 
@@ -232,85 +212,44 @@ void Broker::remove_client(Client &c)
     const std::unique_ptr<Client> owner = std::move(it->second);
     clients_.erase(it);
     uloop_fd_delete(&c);
-    uloop_timeout_cancel(&c.stall);
     close(c.fd);
-    let_go(c);
+    tell_of_drops(c);
     while (!c.objects.empty()) {
-        drop_object(*c.objects.back(), nullptr);
+        drop_object(*c.objects.back());
     }
 }
 
-// Goes on with a client that had to wait.
-void Broker::resume(Client &c)
-{
-    if (c.doomed || c.waits > 0) {
-        return;
-    }
-    if (c.lookup) {
-        go_on_with_lookup(c);
-    }
-    if (c.doomed || c.paused()) {
-        return;
-    }
-    Bytes input;
-    input.swap(c.input);
-    release(c, input.size());
-    const size_t used = consume(c, input);
-    keep_input(c, std::span(input).subspan(used));
-    watch(c);
-}
-
-// Waits for what the client can be waited for now.
 void Broker::watch(Client &c)
 {
-    const unsigned events = (c.paused() ? 0u : ULOOP_READ) | (c.queue.empty() ? 0u : ULOOP_WRITE);
+    const unsigned events = ULOOP_READ | (c.output.empty() ? 0U : ULOOP_WRITE);
     if (!c.doomed && c.flags != events && uloop_fd_add(&c, events) < 0) {
         doom(c);
     }
 }
 
-void Broker::hold(Client &c, size_t bytes)
+// Counts what is kept for the client, after any of that has changed.
+void Broker::account(Client &c)
 {
-    if (c.doomed) {
-        return;
+    const size_t held = c.doomed ? 0 : c.registered + c.input.capacity() + c.output.capacity();
+    held_ = held_ - c.held + held;
+    c.held = held;
+    if (held_ > MAX_HELD_BY_ALL) {
+        const auto by_held = [](const auto &a, const auto &b) { return a.second->held < b.second->held; };
+        doom(*std::max_element(clients_.begin(), clients_.end(), by_held)->second);
     }
-    c.held += bytes;
-    held_ += bytes;
-    if (held_ <= kMaxHeldByAll) {
-        return;
-    }
-    const auto most = std::max_element(clients_.begin(), clients_.end(), [](const auto &a, const auto &b) {
-        return a.second->held < b.second->held;
-    });
-    doom(*most->second);
-}
-
-void Broker::release(Client &c, size_t bytes)
-{
-    bytes = std::min(bytes, c.held);
-    c.held -= bytes;
-    held_ -= bytes;
 }
 
 void Broker::on_client(Client &c, unsigned events)
 {
-    if (events & ULOOP_WRITE) {
+    if ((events & ULOOP_WRITE) != 0) {
         flush(c);
     }
     // What a client wrote before it hung up still counts.
-    if (events & ULOOP_READ) {
+    if ((events & ULOOP_READ) != 0) {
         do {
-            if (!c.doomed && !c.paused()) {
-                receive(c);
-            }
-        } while (c.error && !c.doomed && !c.paused());
+            receive(c);
+        } while (c.error && !c.doomed);
     }
-    settle();
-}
-
-void Broker::on_stall(Client &c)
-{
-    doom(c);
     settle();
 }
 
@@ -325,34 +264,17 @@ void Broker::receive(Client &c)
         doom(c);
         return;
     }
-    std::span<uint8_t> input(read_buffer_.data(), static_cast<size_t>(n));
-    if (c.input.empty()) {
-        keep_input(c, input.subspan(consume(c, input)));
-    } else {
-        Bytes joined;
-        joined.swap(c.input);
-        release(c, joined.size());
-        joined.insert(joined.end(), input.begin(), input.end());
-        const size_t used = consume(c, joined);
-        joined.erase(joined.begin(), joined.begin() + static_cast<ptrdiff_t>(used));
-        joined.swap(c.input);
-        hold(c, c.input.size());
-    }
-    watch(c);
+    c.input.insert(c.input.end(), read_buffer_.data(), read_buffer_.data() + n);
+    const size_t used = consume(c, c.input);
+    c.input = Bytes(c.input.begin() + static_cast<ptrdiff_t>(used), c.input.end());
+    account(c);
 }
 
-void Broker::keep_input(Client &c, std::span<const uint8_t> rest)
-{
-    c.input.assign(rest.begin(), rest.end());
-    hold(c, rest.size());
-}
-
-// Handles the complete messages at the front of `input`; gives their length. Stops at a client that has to
-// wait.
+// Handles the complete messages at the front of `input`; gives their length.
 size_t Broker::consume(Client &c, std::span<uint8_t> input)
 {
     size_t used = 0;
-    while (!c.doomed && !c.paused() && input.size() - used >= kWireHead) {
+    while (!c.doomed && input.size() - used >= WIRE_HEAD) {
         Received m = {};
         memcpy(&m.hdr, input.data() + used, sizeof(m.hdr));
         m.hdr.seq = be16_to_cpu(m.hdr.seq);
@@ -366,151 +288,83 @@ size_t Broker::consume(Client &c, std::span<uint8_t> input)
         if (input.size() - used < sizeof(m.hdr) + len) {
             break;
         }
-        blob_parse_untrusted(m.blob, len, m.attr, kMessagePolicy, UBUS_ATTR_MAX);
+        blob_parse_untrusted(m.blob, len, m.attr, MESSAGE_POLICY, UBUS_ATTR_MAX);
         handle(c, m);
         used += sizeof(m.hdr) + len;
     }
     return used;
 }
 
-void put_header(Outgoing &m, int type, uint16_t seq, uint32_t peer)
-{
-    const ubus_msghdr hdr = {0, static_cast<uint8_t>(type), cpu_to_be16(seq), cpu_to_be32(peer)};
-    memcpy(m.head.data(), &hdr, sizeof(hdr));
-}
-
-Outgoing message(int type, uint16_t seq, uint32_t peer, const blob_attr *blob)
-{
-    Outgoing m = {{}, sizeof(ubus_msghdr), bytes_of(blob), nullptr};
-    put_header(m, type, seq, peer);
-    return m;
-}
-
-bool Broker::send(Client *from, Client &to, Outgoing &m)
+bool Broker::send(Client &to, int type, uint16_t seq, uint32_t peer, const blob_attr *blob)
 {
     if (to.doomed) {
         return false;
     }
-    size_t sent = 0;
-    if (to.queue.empty()) {
-        iovec parts[] = {part(m.head.data(), m.head_len, 0), part(m.body.data(), m.body.size(), 0)};
-        const ssize_t n = write_parts(to.fd, parts, 2);
+    const ubus_msghdr hdr = {0, static_cast<uint8_t>(type), cpu_to_be16(seq), cpu_to_be32(peer)};
+    iovec parts[] = {{const_cast<ubus_msghdr *>(&hdr), sizeof(hdr)},
+                     {const_cast<blob_attr *>(blob), blob_raw_len(blob)}};
+    const size_t size = sizeof(hdr) + blob_raw_len(blob);
+    size_t taken = 0;
+    if (to.output.empty()) {
+        const ssize_t n = write_parts(to.fd, parts);
         if (n < 0) {
-            doom(to);
+            give_up_sending(to);
             return false;
         }
-        sent = static_cast<size_t>(n);
-        if (sent == m.size()) {
+        taken = static_cast<size_t>(n);
+        if (taken == size) {
             return true;
         }
-        to.last_read = now_ms();
     }
 
-    const bool room = to.queued + m.size() + kQueuedSize <= kMaxQueued; // always, for what has begun
-    if (room) {
-        enqueue(to, m, sent);
+    const bool event = type == UBUS_MSG_INVOKE && peer == 0;
+    if (to.queued() + size > (event ? MAX_QUEUED_EVENTS : MAX_QUEUED)) {
+        if (to.dropped++ == 0) {
+            fprintf(stderr, "ubusd: client %08x (process %d) does not keep up, dropping messages\n", to.id,
+                    to.pid);
+        }
+        return false;
     }
-    if (to.queued > kHighWater && !to.doomed) {
-        hold_back(from, to);
+    for (const iovec &part : parts) {
+        const auto *bytes = static_cast<const uint8_t *>(part.iov_base);
+        to.output.insert(to.output.end(), bytes, bytes + part.iov_len);
     }
-    return room;
-}
-
-void Broker::enqueue(Client &to, Outgoing &m, size_t sent)
-{
-    if (!m.kept) {
-        m.kept = std::make_shared<const Bytes>(m.body.begin(), m.body.end());
-    }
-    to.queue.push_back({m.head, m.head_len, m.kept, sent});
-    to.queued += m.size() + kQueuedSize;
-    hold(to, m.size() + kQueuedSize);
+    to.sent += taken;
+    account(to);
     watch(to);
-}
-
-// `from` waits until `to` has caught up; `to` has a little time to begin.
-void Broker::hold_back(Client *from, Client &to)
-{
-    const int64_t patience = to.last_read + kStallMs - now_ms();
-    if (patience <= 0) {
-        doom(to);
-        return;
-    }
-    if (!to.stall.pending) {
-        uloop_timeout_set(&to.stall, static_cast<int>(patience));
-    }
-    if (from) {
-        to.held_back.push_back(from->id);
-        from->waits++;
-        watch(*from);
-    }
+    return true;
 }
 
 void Broker::flush(Client &c)
 {
-    while (!c.queue.empty() && !c.doomed) {
-        iovec parts[2 * kMaxGathered];
-        size_t count = 0;
-        size_t gathered = 0;
-        for (const Queued &q : c.queue) {
-            if (count == 2 * kMaxGathered) {
-                break;
-            }
-            const size_t into_body = q.sent - std::min(q.sent, q.head_len);
-            parts[count++] = part(q.head.data(), q.head_len, q.sent);
-            parts[count++] = part(q.body->data(), q.body->size(), into_body);
-            gathered += q.size() - q.sent;
-        }
-        const ssize_t n = write_parts(c.fd, parts, count);
-        if (n < 0) {
-            doom(c);
-        }
-        if (n <= 0) {
-            return;
-        }
-
-        auto left = static_cast<size_t>(n);
-        while (left > 0) {
-            Queued &q = c.queue.front();
-            const size_t now = std::min(left, q.size() - q.sent);
-            q.sent += now;
-            left -= now;
-            if (q.sent == q.size()) {
-                c.queued -= q.size() + kQueuedSize;
-                release(c, q.size() + kQueuedSize);
-                c.queue.pop_front();
-            }
-        }
-        after_progress(c);
-        if (static_cast<size_t>(n) < gathered) {
-            break;
-        }
+    iovec rest[] = {{c.output.data() + c.sent, c.queued()}};
+    const ssize_t n = write_parts(c.fd, rest);
+    if (n < 0) {
+        give_up_sending(c);
+        return;
     }
+    c.sent += static_cast<size_t>(n);
+    if (c.queued() == 0) {
+        c.output = Bytes();
+        c.sent = 0;
+        tell_of_drops(c);
+    } else if (c.sent >= c.queued()) { // not more often, so that each byte is moved once at most
+        c.output.erase(c.output.begin(), c.output.begin() + static_cast<ptrdiff_t>(c.sent));
+        c.sent = 0;
+    }
+    account(c);
+    go_on_with_lookups(c);
     watch(c);
 }
 
-void Broker::after_progress(Client &c)
+// The client reads no more. What it wrote still counts: its end is behind that.
+void Broker::give_up_sending(Client &c)
 {
-    c.last_read = now_ms();
-    if (c.stall.pending && c.queued > kHighWater) {
-        uloop_timeout_set(&c.stall, kStallMs);
-    } else {
-        uloop_timeout_cancel(&c.stall);
-    }
-    if (c.queued <= kLowWater) {
-        let_go(c);
-    }
-}
-
-// Those who waited for this client need not any more.
-void Broker::let_go(Client &c)
-{
-    for (const uint32_t id : c.held_back) {
-        Client *sender = find_client(id);
-        if (sender && --sender->waits == 0) {
-            resumed_.push_back(id);
-        }
-    }
-    c.held_back.clear();
+    shutdown(c.fd, SHUT_RDWR);
+    c.output = Bytes();
+    c.sent = 0;
+    account(c);
+    watch(c);
 }
 
 } // namespace bus

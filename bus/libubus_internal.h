@@ -14,7 +14,7 @@ struct ubus_message {
 namespace bus {
 
 // The type each member of a message must have.
-extern const blob_attr_info kMessagePolicy[UBUS_ATTR_MAX];
+extern const blob_attr_info MESSAGE_POLICY[UBUS_ATTR_MAX];
 
 // Whether every member of `attr` is a sound message attribute.
 bool members_are_sound(const blob_attr *attr);

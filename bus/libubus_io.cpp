@@ -253,7 +253,7 @@ void close_connection(ubus_context *ctx)
 
 } // namespace
 
-const blob_attr_info kMessagePolicy[UBUS_ATTR_MAX] = {
+const blob_attr_info MESSAGE_POLICY[UBUS_ATTR_MAX] = {
     policy_of(BLOB_ATTR_UNSPEC), // UNSPEC
     policy_of(BLOB_ATTR_INT32),  // STATUS
     policy_of(BLOB_ATTR_STRING), // OBJPATH
@@ -285,7 +285,7 @@ bool members_are_sound(const blob_attr *attr)
 
 MessageAttrs::MessageAttrs(blob_attr *blob)
 {
-    blob_parse_untrusted(blob, blob_raw_len(blob), attr_, kMessagePolicy, UBUS_ATTR_MAX);
+    blob_parse_untrusted(blob, blob_raw_len(blob), attr_, MESSAGE_POLICY, UBUS_ATTR_MAX);
     for (const ubus_msg_attr id : {UBUS_ATTR_DATA, UBUS_ATTR_SIGNATURE}) {
         if (attr_[id] && !members_are_sound(attr_[id])) {
             attr_[id] = nullptr;

@@ -194,6 +194,12 @@ bool RawClient::write(const Bytes &bytes) const
     return true;
 }
 
+bool RawClient::has_input() const
+{
+    pollfd pfd = {fd_, POLLIN, 0};
+    return !input_.empty() || poll(&pfd, 1, 0) > 0;
+}
+
 std::optional<Message> RawClient::receive()
 {
     for (;;) {

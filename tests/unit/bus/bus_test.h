@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <libubus.h>
@@ -78,6 +79,7 @@ public:
     int fd() const { return fd_; }
     uint32_t id() const { return id_; }
     bool write(const Bytes &bytes) const;
+    bool has_input() const;
     std::optional<Message> receive();
     std::optional<Message> receive(ubus_msg_type type); // passes over others
     uint32_t status();                                  // that of the next answer; ~0 when none comes
