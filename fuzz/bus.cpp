@@ -8,39 +8,32 @@
 
 namespace {
 
-constexpr struct {
-    const char *name;
-    const char *attribute;
-    int type;
-} events[] = {
-    {UBUS_EVENT_ARP_INFO, "arp_struct", BLOBMSG_TYPE_UNSPEC},
-    {UBUS_EVENT_MAC_ADDR_INFO, "mac_struct", BLOBMSG_TYPE_UNSPEC},
-    {UBUS_EVENT_UNI_PORT_LINK_STATE, "port_status_struct", BLOBMSG_TYPE_UNSPEC},
-    {UBUS_EVENT_WIFI_ON_OFF, "wifi_user_struct", BLOBMSG_TYPE_UNSPEC},
-    {UBUS_EVENT_DHCP_USER_CONN, "dhcp_user_string", BLOBMSG_TYPE_STRING},
-    {UBUS_EVENT_WAN_VLAN_INFO, "nothing", BLOBMSG_TYPE_UNSPEC},
-};
-constexpr size_t receivers = std::size(events) + 2; // the methods come behind the events
+// Those the daemon listens to; the methods come behind them.
+constexpr std::span events{OVANI_EVENTS,
+                           static_cast<size_t>(find_event(UBUS_EVENT_LANHOST_UP_DOWN) - OVANI_EVENTS)};
+constexpr size_t receivers = events.size() + 2;
 
 void deliver(size_t receiver, const blob_attr *message)
 {
     auto bytes = copy_of({reinterpret_cast<const uint8_t *>(message), blob_raw_len(message)});
     auto *copy = reinterpret_cast<blob_attr *>(bytes.data());
-    if (receiver < std::size(events)) {
-        ubus_handle_event_msg(nullptr, nullptr, events[receiver].name, copy);
+    if (receiver < events.size()) {
+        ubus_handle_event_msg(nullptr, nullptr, events[receiver].name.data(), copy);
         return;
     }
     ubus_object *object = fake::platform().object;
-    const ubus_method &method = object->methods[receiver - std::size(events)];
+    const ubus_method &method = object->methods[receiver - events.size()];
     int status = method.handler(nullptr, object, nullptr, method.name, copy);
     PROMISE(status == UBUS_STATUS_OK || status == UBUS_STATUS_INVALID_ARGUMENT || status == -1);
 }
 
 // The block as the payload of the event's attribute.
-void add_payload(blob_buf &message, size_t event, Bytes block)
+void add_payload(blob_buf &message, const EventKind &event, Bytes block)
 {
-    auto data = events[event].type == BLOBMSG_TYPE_STRING ? text_of(block) : copy_of(block);
-    blobmsg_add_field(&message, events[event].type, events[event].attribute, data.data(),
+    bool text = event.wire_length == 0;
+    auto data = text ? text_of(block) : copy_of(block);
+    blobmsg_add_field(&message, text ? BLOBMSG_TYPE_STRING : BLOBMSG_TYPE_UNSPEC,
+                      event.attribute != nullptr ? event.attribute : "nothing", data.data(),
                       static_cast<unsigned>(data.size()));
 }
 
@@ -65,12 +58,12 @@ void take_step(unsigned kind, unsigned number, Bytes block)
     blob_buf_init(&message, 0);
     switch (kind % 4) {
     case event:
-        add_payload(message, number % std::size(events), block);
-        deliver(number % std::size(events), message.head);
+        add_payload(message, events[number % events.size()], block);
+        deliver(number % events.size(), message.head);
         break;
     case request:
         add_request(message, block);
-        deliver(std::size(events) + number % 2, message.head);
+        deliver(events.size() + number % 2, message.head);
         break;
     case members:
         deliver(number % receivers, blob_put(&message, 0, block.data(), static_cast<unsigned>(block.size())));
