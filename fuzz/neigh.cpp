@@ -39,7 +39,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     start_daemon(1);
     batch = {data, size};
+    beyond = nullptr;
     read_netlink_message(batch_fd);
+    PROMISE(beyond != nullptr); // it was read
     ASAN_UNPOISON_MEMORY_REGION(beyond, beyond_size);
     return 0;
 }
