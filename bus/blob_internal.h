@@ -1,6 +1,5 @@
 // Between blob.cpp and blobmsg.cpp.
-#ifndef BUS_BLOB_INTERNAL_H
-#define BUS_BLOB_INTERNAL_H
+#pragma once
 
 #include <libubox/blob.h>
 
@@ -10,5 +9,3 @@ namespace bus {
 void *blob_nest_start_after(blob_buf *buf, int id, size_t payload);
 
 } // namespace bus
-
-#endif

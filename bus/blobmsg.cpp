@@ -7,7 +7,7 @@
 namespace {
 
 // What a value of each message type must look like as a blob payload.
-constexpr int kPayload[__BLOBMSG_TYPE_LAST] = {
+constexpr int PAYLOAD[__BLOBMSG_TYPE_LAST] = {
     BLOB_ATTR_BINARY, // UNSPEC
     BLOB_ATTR_NESTED, // ARRAY
     BLOB_ATTR_NESTED, // TABLE
@@ -40,9 +40,9 @@ bool is_sound(const blob_attr *attr, bool name, size_t len, int nesting)
     if (type > BLOBMSG_TYPE_LAST || !name_is_sound(attr, name)) {
         return false;
     }
-    if (kPayload[type] != BLOB_ATTR_NESTED) {
+    if (PAYLOAD[type] != BLOB_ATTR_NESTED) {
         return blob_check_type(blobmsg_data(attr), static_cast<unsigned>(blobmsg_data_len(attr)),
-                               kPayload[type]);
+                               PAYLOAD[type]);
     }
 
     if (nesting == 0) {
@@ -86,6 +86,28 @@ bool blobmsg_check_attr_len(const blob_attr *attr, bool name, size_t len)
     return is_sound(attr, name, len, BLOBMSG_MAX_NESTING);
 }
 
+void *blobmsg_data(const blob_attr *attr)
+{
+    if (attr == nullptr) {
+        return nullptr;
+    }
+    auto *data = static_cast<char *>(blob_data(attr));
+    if (blob_is_extended(attr)) {
+        data += blobmsg_hdrlen(blobmsg_namelen(reinterpret_cast<const blobmsg_hdr *>(attr->data)));
+    }
+    return data;
+}
+
+size_t blobmsg_data_len(const blob_attr *attr)
+{
+    if (attr == nullptr) {
+        return 0;
+    }
+    const auto skip =
+        static_cast<size_t>(static_cast<char *>(blobmsg_data(attr)) - static_cast<char *>(blob_data(attr)));
+    return blob_len(attr) < skip ? 0 : blob_len(attr) - skip;
+}
+
 bool blobmsg_check_attr(const blob_attr *attr, bool name)
 {
     return blobmsg_check_attr_len(attr, name, blob_raw_len(attr));
@@ -94,7 +116,7 @@ bool blobmsg_check_attr(const blob_attr *attr, bool name)
 int blobmsg_parse(const blobmsg_policy *policy, int policy_len, blob_attr **tb, void *data, unsigned int len)
 {
     std::fill_n(tb, policy_len, nullptr);
-    if (!data || len == 0) {
+    if (data == nullptr || len == 0) {
         return -EINVAL;
     }
 
@@ -104,9 +126,9 @@ int blobmsg_parse(const blobmsg_policy *policy, int policy_len, blob_attr **tb, 
         if (!blobmsg_check_attr_len(attr, false, len)) {
             return -1;
         }
-        for (int i = 0; i < policy_len; i++) {
-            if (!tb[i] && policy[i].name && blob_is_extended(attr) && has_type(attr, policy[i].type) &&
-                strcmp(policy[i].name, blobmsg_name(attr)) == 0) {
+        for (int i = 0; i < policy_len; ++i) {
+            if (tb[i] == nullptr && policy[i].name != nullptr && blob_is_extended(attr) &&
+                has_type(attr, policy[i].type) && strcmp(policy[i].name, blobmsg_name(attr)) == 0) {
                 tb[i] = attr;
             }
         }
@@ -116,17 +138,17 @@ int blobmsg_parse(const blobmsg_policy *policy, int policy_len, blob_attr **tb, 
 
 int blobmsg_add_field(blob_buf *buf, int type, const char *name, const void *data, unsigned int len)
 {
-    const size_t namelen = name ? strlen(name) : 0;
+    const size_t namelen = name != nullptr ? strlen(name) : 0;
     if (namelen > UINT16_MAX || len > BLOB_ATTR_LEN_MASK) {
         return -1;
     }
     const int hdrlen = blobmsg_hdrlen(static_cast<unsigned>(namelen));
     blob_attr *attr = blob_new(buf, type, hdrlen + static_cast<int>(len));
-    if (!attr) {
+    if (attr == nullptr) {
         return -1;
     }
-    put_name(attr, name ? name : "", namelen);
-    if (data && len > 0) {
+    put_name(attr, name != nullptr ? name : "", namelen);
+    if (data != nullptr && len > 0) {
         memcpy(attr->data + hdrlen, data, len);
     }
     return 0;
@@ -134,14 +156,14 @@ int blobmsg_add_field(blob_buf *buf, int type, const char *name, const void *dat
 
 void *blobmsg_open_nested(blob_buf *buf, const char *name, bool array)
 {
-    const size_t namelen = name ? strlen(name) : 0;
+    const size_t namelen = name != nullptr ? strlen(name) : 0;
     if (namelen > UINT16_MAX) {
         return nullptr;
     }
     const auto hdrlen = static_cast<size_t>(blobmsg_hdrlen(static_cast<unsigned>(namelen)));
     void *cookie = bus::blob_nest_start_after(buf, array ? BLOBMSG_TYPE_ARRAY : BLOBMSG_TYPE_TABLE, hdrlen);
-    if (cookie) {
-        put_name(buf->head, name ? name : "", namelen);
+    if (cookie != nullptr) {
+        put_name(buf->head, name != nullptr ? name : "", namelen);
     }
     return cookie;
 }

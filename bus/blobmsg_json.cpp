@@ -19,7 +19,7 @@ using Json = nlohmann::ordered_json;
 std::string veil(const char *text)
 {
     std::string veiled;
-    for (; *text; text++) {
+    for (; *text != '\0'; ++text) {
         const auto byte = static_cast<unsigned char>(*text);
         if (byte < 0x80) {
             veiled += *text;
@@ -35,7 +35,7 @@ std::string veil(const char *text)
 std::string unveil(const std::string &veiled)
 {
     std::string text;
-    for (size_t i = 0; i < veiled.size(); i++) {
+    for (size_t i = 0; i < veiled.size(); ++i) {
         if (veiled.compare(i, 3, "\xF4\x8F\xBE") != 0 && veiled.compare(i, 3, "\xF4\x8F\xBF") != 0) {
             text += veiled[i];
             continue;
@@ -63,7 +63,7 @@ bool add_element(blob_buf *b, const char *name, const Json &value, int nesting)
     case Json::value_t::object:
     case Json::value_t::array: {
         void *cookie = nesting > 0 ? blobmsg_open_nested(b, name, value.is_array()) : nullptr;
-        const bool added = cookie && add_members(b, value, nesting - 1);
+        const bool added = cookie != nullptr && add_members(b, value, nesting - 1);
         blob_nest_end(b, cookie);
         return added;
     }
@@ -117,9 +117,9 @@ void new_line(Writer &w)
 
 void write_string(Writer &w, const char *text)
 {
-    static constexpr const char *kHex = "0123456789abcdef";
+    static constexpr const char *hex = "0123456789abcdef";
     w.out += '"';
-    for (; *text; text++) {
+    for (; *text != '\0'; ++text) {
         const auto c = static_cast<unsigned char>(*text);
         switch (c) {
         case '\b':
@@ -142,8 +142,8 @@ void write_string(Writer &w, const char *text)
         default:
             if (c < 0x20) {
                 w.out += "\\u00";
-                w.out += kHex[c >> 4];
-                w.out += kHex[c & 15];
+                w.out += hex[c >> 4];
+                w.out += hex[c & 15];
             } else {
                 w.out += *text;
             }
@@ -212,12 +212,12 @@ void write_value(Writer &w, blob_attr *attr)
 
 void write_element(Writer &w, blob_attr *attr, bool with_name)
 {
-    if (with_name && blobmsg_name(attr)[0]) {
+    if (with_name && blobmsg_name(attr)[0] != '\0') {
         write_string(w, blobmsg_name(attr));
         w.out += w.indent < 0 ? ":" : ": ";
     }
-    const char *custom = w.custom ? w.custom(w.priv, attr) : nullptr;
-    if (custom) {
+    const char *custom = w.custom != nullptr ? w.custom(w.priv, attr) : nullptr;
+    if (custom != nullptr) {
         w.out += custom;
     } else {
         write_value(w, attr);

@@ -58,7 +58,7 @@ const Broker::Handler Broker::HANDLERS[__UBUS_MSG_LAST] = {
 void Broker::handle(Client &c, const Received &m)
 {
     const Handler handler = m.hdr.type < __UBUS_MSG_LAST ? HANDLERS[m.hdr.type] : nullptr;
-    const int status = handler ? (this->*handler)(c, m) : UBUS_STATUS_INVALID_COMMAND;
+    const int status = handler != nullptr ? (this->*handler)(c, m) : UBUS_STATUS_INVALID_COMMAND;
     if (status != NO_REPLY) {
         reply_status(c, m.hdr, status);
     }
@@ -99,11 +99,11 @@ Object *Broker::find_object(uint32_t id)
 // The type a new object names or describes; null without one.
 ObjectType *Broker::find_type(const Received &m)
 {
-    if (m[UBUS_ATTR_OBJTYPE]) {
+    if (m[UBUS_ATTR_OBJTYPE] != nullptr) {
         const auto it = types_.find(blob_get_u32(m[UBUS_ATTR_OBJTYPE]));
         return it == types_.end() ? nullptr : &it->second;
     }
-    if (!m[UBUS_ATTR_SIGNATURE]) {
+    if (m[UBUS_ATTR_SIGNATURE] == nullptr) {
         return nullptr;
     }
     const auto *payload = static_cast<const uint8_t *>(blob_data(m[UBUS_ATTR_SIGNATURE]));
@@ -114,18 +114,19 @@ ObjectType *Broker::find_type(const Received &m)
 
 void Broker::leave_type(ObjectType *type)
 {
-    if (type && --type->users == 0) {
+    if (type != nullptr && --type->users == 0) {
         types_.erase(type->id);
     }
 }
 
 int Broker::add_object(Client &c, const Received &m)
 {
-    const std::string_view path = m[UBUS_ATTR_OBJPATH] ? text_of(m[UBUS_ATTR_OBJPATH]) : std::string_view();
+    const std::string_view path =
+        m[UBUS_ATTR_OBJPATH] != nullptr ? text_of(m[UBUS_ATTR_OBJPATH]) : std::string_view();
     if (!path.empty() && paths_.contains(path)) {
         return UBUS_STATUS_INVALID_ARGUMENT;
     }
-    if (m[UBUS_ATTR_SIGNATURE] && !members_are_sound(m[UBUS_ATTR_SIGNATURE])) {
+    if (m[UBUS_ATTR_SIGNATURE] != nullptr && !members_are_sound(m[UBUS_ATTR_SIGNATURE])) {
         return UBUS_STATUS_INVALID_ARGUMENT;
     }
     if (blob_raw_len(m.blob) > MAX_OBJECT_MESSAGE) {
@@ -143,8 +144,8 @@ int Broker::add_object(Client &c, const Received &m)
     object.path = path;
     object.held = held;
     object.type = find_type(m);
-    if (object.type) {
-        object.type->users++;
+    if (object.type != nullptr) {
+        ++object.type->users;
     }
     objects_.emplace(object.id, std::move(owned));
     c.objects.push_back(&object);
@@ -157,7 +158,7 @@ int Broker::add_object(Client &c, const Received &m)
 
     blob_buf_init(&out_, 0);
     blob_put_u32(&out_, UBUS_ATTR_OBJID, object.id);
-    if (m[UBUS_ATTR_SIGNATURE] && object.type) {
+    if (m[UBUS_ATTR_SIGNATURE] != nullptr && object.type != nullptr) {
         blob_put_u32(&out_, UBUS_ATTR_OBJTYPE, object.type->id);
     }
     reply(c, m.hdr, UBUS_MSG_DATA);
@@ -166,11 +167,11 @@ int Broker::add_object(Client &c, const Received &m)
 
 int Broker::remove_object(Client &c, const Received &m)
 {
-    if (!m[UBUS_ATTR_OBJID]) {
+    if (m[UBUS_ATTR_OBJID] == nullptr) {
         return UBUS_STATUS_INVALID_ARGUMENT;
     }
     Object *object = find_object(blob_get_u32(m[UBUS_ATTR_OBJID]));
-    if (!object) {
+    if (object == nullptr) {
         return UBUS_STATUS_NOT_FOUND;
     }
     if (object->owner != &c) {
@@ -179,7 +180,7 @@ int Broker::remove_object(Client &c, const Received &m)
 
     blob_buf_init(&out_, 0);
     blob_put_u32(&out_, UBUS_ATTR_OBJID, object->id);
-    if (object->type && object->type->users == 1) {
+    if (object->type != nullptr && object->type->users == 1) {
         blob_put_u32(&out_, UBUS_ATTR_OBJTYPE, object->type->id);
     }
     reply(c, m.hdr, UBUS_MSG_DATA);
@@ -207,7 +208,7 @@ void Broker::fail_calls(const Object &object)
 {
     for (const OpenCall &call : object.calls) {
         Client *caller = find_client(call.caller);
-        if (!caller) {
+        if (caller == nullptr) {
             continue;
         }
         blob_buf_init(&out_, 0);
@@ -219,7 +220,7 @@ void Broker::fail_calls(const Object &object)
 
 void Broker::show_object(Client &c, const ubus_msghdr &request, const Object &object)
 {
-    if (!object.type) {
+    if (object.type == nullptr) {
         return;
     }
     const Bytes &signature = object.type->signature;
@@ -233,7 +234,7 @@ void Broker::show_object(Client &c, const ubus_msghdr &request, const Object &ob
 
 int Broker::look_up(Client &c, const Received &m)
 {
-    const bool all = !m[UBUS_ATTR_OBJPATH];
+    const bool all = m[UBUS_ATTR_OBJPATH] == nullptr;
     const std::string_view wanted = all ? "*" : text_of(m[UBUS_ATTR_OBJPATH]);
     if (wanted.empty()) {
         return UBUS_STATUS_INVALID_ARGUMENT;
@@ -278,7 +279,7 @@ void Broker::go_on_with_lookups(Client &c)
 
 int Broker::invoke(Client &c, const Received &m)
 {
-    if (!m[UBUS_ATTR_METHOD] || !m[UBUS_ATTR_OBJID]) {
+    if (m[UBUS_ATTR_METHOD] == nullptr || m[UBUS_ATTR_OBJID] == nullptr) {
         return UBUS_STATUS_INVALID_ARGUMENT;
     }
     const uint32_t id = blob_get_u32(m[UBUS_ATTR_OBJID]);
@@ -287,17 +288,17 @@ int Broker::invoke(Client &c, const Received &m)
         return invoke_event_object(c, method, m[UBUS_ATTR_DATA]);
     }
     Object *object = find_object(id);
-    if (!object) {
+    if (object == nullptr) {
         return UBUS_STATUS_NOT_FOUND;
     }
 
     blob_buf_init(&out_, 0);
     blob_put_u32(&out_, UBUS_ATTR_OBJID, id);
     blob_put_string(&out_, UBUS_ATTR_METHOD, method);
-    if (c.user) {
+    if (c.user != nullptr) {
         blob_put_string(&out_, UBUS_ATTR_USER, c.user->c_str());
     }
-    if (c.group) {
+    if (c.group != nullptr) {
         blob_put_string(&out_, UBUS_ATTR_GROUP, c.group->c_str());
     }
     if (const blob_attr *data = m[UBUS_ATTR_DATA]) {
@@ -322,12 +323,12 @@ int Broker::invoke(Client &c, const Received &m)
 int Broker::pass_reply(Client &c, const Received &m)
 {
     const bool status = m.hdr.type == UBUS_MSG_STATUS;
-    if (!m[UBUS_ATTR_OBJID] || !m[status ? UBUS_ATTR_STATUS : UBUS_ATTR_DATA]) {
+    if (m[UBUS_ATTR_OBJID] == nullptr || m[status ? UBUS_ATTR_STATUS : UBUS_ATTR_DATA] == nullptr) {
         return NO_REPLY;
     }
     Object *object = find_object(blob_get_u32(m[UBUS_ATTR_OBJID]));
     Client *caller = find_client(m.hdr.peer);
-    if (!object || object->owner != &c || !caller) {
+    if (object == nullptr || object->owner != &c || caller == nullptr) {
         return NO_REPLY;
     }
     if (status) {
@@ -360,12 +361,12 @@ int Broker::add_pattern(Client &c, blob_attr *data)
     enum { OBJECT, PATTERN, LAST };
     static constexpr blobmsg_policy policy[LAST] = {{"object", BLOBMSG_TYPE_INT32},
                                                     {"pattern", BLOBMSG_TYPE_STRING}};
-    if (!data) {
+    if (data == nullptr) {
         return UBUS_STATUS_INVALID_ARGUMENT;
     }
     blob_attr *args[LAST];
     blobmsg_parse(policy, LAST, args, blob_data(data), static_cast<unsigned>(blob_len(data)));
-    if (!args[OBJECT] || !args[PATTERN]) {
+    if (args[OBJECT] == nullptr || args[PATTERN] == nullptr) {
         return UBUS_STATUS_INVALID_ARGUMENT;
     }
 
@@ -375,7 +376,7 @@ int Broker::add_pattern(Client &c, blob_attr *data)
         return UBUS_STATUS_PERMISSION_DENIED;
     }
     Object *object = find_object(id);
-    if (!object) {
+    if (object == nullptr) {
         return UBUS_STATUS_NOT_FOUND;
     }
     if (object->owner != &c) {
@@ -419,12 +420,12 @@ int Broker::send_event(Client &c, blob_attr *data)
     enum { ID, DATA, LAST };
     static constexpr blobmsg_policy policy[LAST] = {{"id", BLOBMSG_TYPE_STRING},
                                                     {"data", BLOBMSG_TYPE_TABLE}};
-    if (!data) {
+    if (data == nullptr) {
         return UBUS_STATUS_INVALID_ARGUMENT;
     }
     blob_attr *args[LAST];
     blobmsg_parse(policy, LAST, args, blob_data(data), static_cast<unsigned>(blob_len(data)));
-    if (!args[ID] || !args[DATA]) {
+    if (args[ID] == nullptr || args[DATA] == nullptr) {
         return UBUS_STATUS_INVALID_ARGUMENT;
     }
     const char *event = blobmsg_get_string(args[ID]);
@@ -457,7 +458,7 @@ void Broker::send_object_event(const Object &object, const char *event)
 // for those of `except`.
 void Broker::fan_out(std::string_view event, const Client *except)
 {
-    event_++;
+    ++event_;
     if (const auto it = exact_.find(event); it != exact_.end()) {
         for (Object *object : it->second) {
             give_event(*object, except);

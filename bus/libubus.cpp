@@ -10,7 +10,7 @@ namespace bus {
 
 namespace {
 
-constexpr const char *kStatusText[__UBUS_STATUS_LAST] = {
+constexpr const char *STATUS_TEXT[__UBUS_STATUS_LAST] = {
     "Success",
     "Invalid command",
     "Invalid argument",
@@ -42,8 +42,8 @@ blob_buf *new_message(ubus_context *ctx)
 
 bool put_data(blob_buf *out, const blob_attr *msg)
 {
-    return blob_put(out, UBUS_ATTR_DATA, msg ? blob_data(msg) : nullptr,
-                    msg ? static_cast<unsigned>(blob_len(msg)) : 0);
+    return blob_put(out, UBUS_ATTR_DATA, msg != nullptr ? blob_data(msg) : nullptr,
+                    msg != nullptr ? static_cast<unsigned>(blob_len(msg)) : 0) != nullptr;
 }
 
 // Sends ctx->out as a request.
@@ -80,7 +80,7 @@ void finish_request(ubus_request *req, int status)
     req->status_code = status;
     const ubus_complete_handler_t cb = req->complete_cb;
     req->complete_cb = nullptr;
-    if (cb) {
+    if (cb != nullptr) {
         cb(req, status);
     }
 }
@@ -99,14 +99,14 @@ ubus_request *find_request(ubus_context *ctx, const ubus_msghdr &hdr)
 
 void give_data(ubus_request *req, ubus_message *msg)
 {
-    if (req->raw_data_cb) {
+    if (req->raw_data_cb != nullptr) {
         req->raw_data_cb(req, msg->hdr.type, &msg->blob);
     }
-    if (!req->data_cb) {
+    if (req->data_cb == nullptr) {
         return;
     }
     const MessageAttrs attrs(&msg->blob);
-    if (attrs[UBUS_ATTR_DATA]) {
+    if (attrs[UBUS_ATTR_DATA] != nullptr) {
         req->data_cb(req, msg->hdr.type, attrs[UBUS_ATTR_DATA]);
     }
 }
@@ -138,8 +138,8 @@ bool is_listed(ubus_context *ctx, const ubus_object *obj)
 
 const ubus_method *find_method(const ubus_object *obj, const char *name)
 {
-    for (int i = 0; i < obj->n_methods; i++) {
-        if (!obj->methods[i].name || strcmp(obj->methods[i].name, name) == 0) {
+    for (int i = 0; i < obj->n_methods; ++i) {
+        if (obj->methods[i].name == nullptr || strcmp(obj->methods[i].name, name) == 0) {
             return &obj->methods[i];
         }
     }
@@ -148,21 +148,21 @@ const ubus_method *find_method(const ubus_object *obj, const char *name)
 
 int call_method(ubus_context *ctx, ubus_object *obj, ubus_request_data *req, const MessageAttrs &attrs)
 {
-    if (!obj) {
+    if (obj == nullptr) {
         return UBUS_STATUS_NOT_FOUND;
     }
-    if (!attrs[UBUS_ATTR_METHOD]) {
+    if (attrs[UBUS_ATTR_METHOD] == nullptr) {
         return UBUS_STATUS_INVALID_ARGUMENT;
     }
     const char *name = blob_get_string(attrs[UBUS_ATTR_METHOD]);
     const ubus_method *method = find_method(obj, name);
-    if (!method) {
+    if (method == nullptr) {
         return UBUS_STATUS_METHOD_NOT_FOUND;
     }
-    if (!attrs[UBUS_ATTR_DATA]) {
+    if (attrs[UBUS_ATTR_DATA] == nullptr) {
         return UBUS_STATUS_INVALID_ARGUMENT;
     }
-    if (attrs[UBUS_ATTR_USER] && attrs[UBUS_ATTR_GROUP]) {
+    if (attrs[UBUS_ATTR_USER] != nullptr && attrs[UBUS_ATTR_GROUP] != nullptr) {
         req->acl.user = blob_get_string(attrs[UBUS_ATTR_USER]);
         req->acl.group = blob_get_string(attrs[UBUS_ATTR_GROUP]);
         req->acl.object = obj->name;
@@ -178,7 +178,8 @@ struct Lookup {
 void on_lookup_data(ubus_request *req, int /*type*/, blob_attr *msg)
 {
     const MessageAttrs attrs(msg);
-    if (!attrs[UBUS_ATTR_OBJID] || !attrs[UBUS_ATTR_OBJPATH] || !attrs[UBUS_ATTR_OBJTYPE]) {
+    if (attrs[UBUS_ATTR_OBJID] == nullptr || attrs[UBUS_ATTR_OBJPATH] == nullptr ||
+        attrs[UBUS_ATTR_OBJTYPE] == nullptr) {
         return;
     }
     ubus_object_data obj = {blob_get_u32(attrs[UBUS_ATTR_OBJID]), blob_get_u32(attrs[UBUS_ATTR_OBJTYPE]),
@@ -190,7 +191,7 @@ void on_lookup_data(ubus_request *req, int /*type*/, blob_attr *msg)
 void on_lookup_id_data(ubus_request *req, int /*type*/, blob_attr *msg)
 {
     const MessageAttrs attrs(msg);
-    if (attrs[UBUS_ATTR_OBJID]) {
+    if (attrs[UBUS_ATTR_OBJID] != nullptr) {
         *static_cast<uint32_t *>(req->priv) = blob_get_u32(attrs[UBUS_ATTR_OBJID]);
     }
 }
@@ -198,7 +199,7 @@ void on_lookup_id_data(ubus_request *req, int /*type*/, blob_attr *msg)
 int send_lookup(ubus_context *ctx, const char *path, ubus_data_handler_t cb, void *priv)
 {
     blob_buf *out = new_message(ctx);
-    if (!out || (path && !blob_put_string(out, UBUS_ATTR_OBJPATH, path))) {
+    if (out == nullptr || (path != nullptr && blob_put_string(out, UBUS_ATTR_OBJPATH, path) == nullptr)) {
         return UBUS_STATUS_INVALID_ARGUMENT;
     }
     return ask_broker(ctx, UBUS_MSG_LOOKUP, cb, priv);
@@ -207,10 +208,10 @@ int send_lookup(ubus_context *ctx, const char *path, ubus_data_handler_t cb, voi
 bool put_method(blob_buf *out, const ubus_method &method)
 {
     void *table = blobmsg_open_table(out, method.name);
-    if (!table) {
+    if (table == nullptr) {
         return false;
     }
-    for (int i = 0; i < method.n_policy; i++) {
+    for (int i = 0; i < method.n_policy; ++i) {
         const bool masked_out = method.mask != 0 && (method.mask & (1UL << i)) == 0;
         if (!masked_out && blobmsg_add_u32(out, method.policy[i].name, method.policy[i].type) < 0) {
             return false;
@@ -223,10 +224,10 @@ bool put_method(blob_buf *out, const ubus_method &method)
 bool put_signature(blob_buf *out, const ubus_object_type &type)
 {
     void *signature = blob_nest_start(out, UBUS_ATTR_SIGNATURE);
-    if (!signature) {
+    if (signature == nullptr) {
         return false;
     }
-    for (int i = 0; i < type.n_methods; i++) {
+    for (int i = 0; i < type.n_methods; ++i) {
         if (!put_method(out, type.methods[i])) {
             return false;
         }
@@ -239,11 +240,11 @@ void on_object_added(ubus_request *req, int /*type*/, blob_attr *msg)
 {
     auto *obj = static_cast<ubus_object *>(req->priv);
     const MessageAttrs attrs(msg);
-    if (!attrs[UBUS_ATTR_OBJID]) {
+    if (attrs[UBUS_ATTR_OBJID] == nullptr) {
         return;
     }
     obj->id = blob_get_u32(attrs[UBUS_ATTR_OBJID]);
-    if (attrs[UBUS_ATTR_OBJTYPE] && obj->type) {
+    if (attrs[UBUS_ATTR_OBJTYPE] != nullptr && obj->type != nullptr) {
         obj->type->id = blob_get_u32(attrs[UBUS_ATTR_OBJTYPE]);
     }
     if (!is_listed(req->ctx, obj)) {
@@ -255,7 +256,7 @@ void on_object_added(ubus_request *req, int /*type*/, blob_attr *msg)
 void on_object_removed(ubus_request *req, int /*type*/, blob_attr *msg)
 {
     auto *obj = static_cast<ubus_object *>(req->priv);
-    if (MessageAttrs(msg)[UBUS_ATTR_OBJTYPE] && obj->type) {
+    if (MessageAttrs(msg)[UBUS_ATTR_OBJTYPE] != nullptr && obj->type != nullptr) {
         obj->type->id = 0;
     }
 }
@@ -268,13 +269,13 @@ int on_event(ubus_context *ctx, ubus_object *obj, ubus_request_data * /*req*/, c
     return UBUS_STATUS_OK;
 }
 
-constexpr ubus_method kEventMethod = {nullptr, on_event, 0, 0, nullptr, 0};
+constexpr ubus_method EVENT_METHOD = {nullptr, on_event, 0, 0, nullptr, 0};
 
 int register_pattern(ubus_context *ctx, uint32_t object, const char *pattern)
 {
     blob_buf args = {};
     const bool built = blob_buf_init(&args, 0) == 0 && blobmsg_add_u32(&args, "object", object) == 0 &&
-                       (!pattern || blobmsg_add_string(&args, "pattern", pattern) == 0);
+                       (pattern == nullptr || blobmsg_add_string(&args, "pattern", pattern) == 0);
     const int status =
         built ? ubus_invoke(ctx, UBUS_SYSTEM_OBJECT_EVENT, "register", args.head, nullptr, nullptr, 0)
               : UBUS_STATUS_NO_MEMORY;
@@ -287,7 +288,7 @@ int register_pattern(ubus_context *ctx, uint32_t object, const char *pattern)
 void handle_reply(ubus_context *ctx, ubus_message *msg)
 {
     ubus_request *req = find_request(ctx, msg->hdr);
-    if (!req) {
+    if (req == nullptr) {
         free(msg);
         return;
     }
@@ -301,7 +302,7 @@ void handle_reply(ubus_context *ctx, ubus_message *msg)
         msg = take_first(&req->pending);
         if (msg->hdr.type == UBUS_MSG_STATUS) {
             const blob_attr *status = MessageAttrs(&msg->blob)[UBUS_ATTR_STATUS];
-            const int code = status ? blob_get_int32(status) : UBUS_STATUS_INVALID_ARGUMENT;
+            const int code = status != nullptr ? blob_get_int32(status) : UBUS_STATUS_INVALID_ARGUMENT;
             free(msg);
             req->blocked = false;
             finish_request(req, code);
@@ -316,13 +317,14 @@ void handle_reply(ubus_context *ctx, ubus_message *msg)
 void handle_invoke(ubus_context *ctx, ubus_message *msg)
 {
     const MessageAttrs attrs(&msg->blob);
-    if (attrs[UBUS_ATTR_OBJID]) {
+    if (attrs[UBUS_ATTR_OBJID] != nullptr) {
         ubus_request_data req = {};
         req.object = blob_get_u32(attrs[UBUS_ATTR_OBJID]);
         req.peer = msg->hdr.peer;
         req.seq = msg->hdr.seq;
         const int status = call_method(ctx, find_object(ctx, req.object), &req, attrs);
-        const bool wanted = !attrs[UBUS_ATTR_NO_REPLY] || blob_get_u8(attrs[UBUS_ATTR_NO_REPLY]) == 0;
+        const bool wanted =
+            attrs[UBUS_ATTR_NO_REPLY] == nullptr || blob_get_u8(attrs[UBUS_ATTR_NO_REPLY]) == 0;
         if (req.peer != 0 && wanted && !req.deferred) { // 0: an event
             ubus_complete_deferred_request(ctx, &req, status);
         }
@@ -336,13 +338,13 @@ int publish_objects(ubus_context *ctx)
     list_for_each_entry(obj, &ctx->objects, list)
     {
         obj->id = 0;
-        if (obj->type) {
+        if (obj->type != nullptr) {
             obj->type->id = 0;
         }
     }
 
     int status = UBUS_STATUS_OK;
-    ctx->stack_depth++; // no handler runs in between: the list stays as it is
+    ++ctx->stack_depth; // no handler runs in between: the list stays as it is
     list_for_each_entry(obj, &ctx->objects, list)
     {
         status = ubus_add_object(ctx, obj);
@@ -350,7 +352,7 @@ int publish_objects(ubus_context *ctx)
             break;
         }
     }
-    ctx->stack_depth--;
+    --ctx->stack_depth;
     return status;
 }
 
@@ -361,7 +363,7 @@ using namespace bus;
 const char *ubus_strerror(int error)
 {
     if (error >= 0 && error < __UBUS_STATUS_LAST) {
-        return kStatusText[error];
+        return STATUS_TEXT[error];
     }
     thread_local char text[32];
     snprintf(text, sizeof(text), "Unknown error: %d", error);
@@ -375,21 +377,21 @@ int ubus_complete_request(ubus_context *ctx, ubus_request *req, int timeout)
     req->complete_cb = nullptr;
     ubus_complete_request_async(ctx, req);
 
-    ctx->stack_depth++;
+    ++ctx->stack_depth;
     while (!req->status_msg) {
-        const int64_t left = deadline ? deadline - now_ms() : -1;
+        const int64_t left = deadline != 0 ? deadline - now_ms() : -1;
         if (ctx->lost) {
             finish_request(req, UBUS_STATUS_CONNECTION_FAILED);
-        } else if (deadline && left <= 0) {
+        } else if (deadline != 0 && left <= 0) {
             finish_request(req, UBUS_STATUS_TIMEOUT);
         } else {
             wait_and_receive(ctx, static_cast<int>(left));
         }
     }
-    ctx->stack_depth--;
+    --ctx->stack_depth;
 
     const int status = req->status_code;
-    if (complete_cb) {
+    if (complete_cb != nullptr) {
         complete_cb(req, status);
     }
     if (!ctx->sock.registered) {
@@ -437,10 +439,10 @@ int ubus_add_object(ubus_context *ctx, ubus_object *obj)
 {
     blob_buf *out = new_message(ctx);
     bool built = out != nullptr;
-    if (built && obj->name && obj->type) {
-        built = blob_put_string(out, UBUS_ATTR_OBJPATH, obj->name) &&
-                (obj->type->id ? blob_put_u32(out, UBUS_ATTR_OBJTYPE, obj->type->id) != nullptr
-                               : put_signature(out, *obj->type));
+    if (built && obj->name != nullptr && obj->type != nullptr) {
+        built = blob_put_string(out, UBUS_ATTR_OBJPATH, obj->name) != nullptr &&
+                (obj->type->id != 0 ? blob_put_u32(out, UBUS_ATTR_OBJTYPE, obj->type->id) != nullptr
+                                    : put_signature(out, *obj->type));
     }
     if (!built) {
         return UBUS_STATUS_INVALID_ARGUMENT;
@@ -450,7 +452,7 @@ int ubus_add_object(ubus_context *ctx, ubus_object *obj)
     if (status != UBUS_STATUS_OK) {
         return status;
     }
-    return obj->id ? UBUS_STATUS_OK : UBUS_STATUS_NO_DATA;
+    return obj->id != 0 ? UBUS_STATUS_OK : UBUS_STATUS_NO_DATA;
 }
 
 int ubus_remove_object(ubus_context *ctx, ubus_object *obj)
@@ -462,7 +464,7 @@ int ubus_remove_object(ubus_context *ctx, ubus_object *obj)
     obj->id = 0;
 
     blob_buf *out = new_message(ctx);
-    if (!out || !blob_put_u32(out, UBUS_ATTR_OBJID, id)) {
+    if (out == nullptr || blob_put_u32(out, UBUS_ATTR_OBJID, id) == nullptr) {
         return UBUS_STATUS_INVALID_ARGUMENT;
     }
     return ask_broker(ctx, UBUS_MSG_REMOVE_OBJECT, on_object_removed, obj);
@@ -471,8 +473,8 @@ int ubus_remove_object(ubus_context *ctx, ubus_object *obj)
 int ubus_invoke_async(ubus_context *ctx, uint32_t obj, const char *method, blob_attr *msg, ubus_request *req)
 {
     blob_buf *out = new_message(ctx);
-    if (!out || !blob_put_u32(out, UBUS_ATTR_OBJID, obj) || !blob_put_string(out, UBUS_ATTR_METHOD, method) ||
-        !put_data(out, msg)) {
+    if (out == nullptr || blob_put_u32(out, UBUS_ATTR_OBJID, obj) == nullptr ||
+        blob_put_string(out, UBUS_ATTR_METHOD, method) == nullptr || !put_data(out, msg)) {
         return UBUS_STATUS_INVALID_ARGUMENT;
     }
     return start_request(ctx, req, UBUS_MSG_INVOKE, obj);
@@ -494,7 +496,7 @@ int ubus_invoke(ubus_context *ctx, uint32_t obj, const char *method, blob_attr *
 int ubus_send_reply(ubus_context *ctx, ubus_request_data *req, blob_attr *msg)
 {
     blob_buf *out = new_message(ctx);
-    if (!out || !blob_put_u32(out, UBUS_ATTR_OBJID, req->object) || !put_data(out, msg)) {
+    if (out == nullptr || blob_put_u32(out, UBUS_ATTR_OBJID, req->object) == nullptr || !put_data(out, msg)) {
         return UBUS_STATUS_NO_DATA;
     }
     return send_message(ctx, UBUS_MSG_DATA, req->seq, req->peer);
@@ -503,8 +505,8 @@ int ubus_send_reply(ubus_context *ctx, ubus_request_data *req, blob_attr *msg)
 void ubus_complete_deferred_request(ubus_context *ctx, ubus_request_data *req, int ret)
 {
     blob_buf *out = new_message(ctx);
-    if (out && blob_put_int32(out, UBUS_ATTR_STATUS, static_cast<uint32_t>(ret)) &&
-        blob_put_u32(out, UBUS_ATTR_OBJID, req->object)) {
+    if (out != nullptr && blob_put_int32(out, UBUS_ATTR_STATUS, static_cast<uint32_t>(ret)) &&
+        blob_put_u32(out, UBUS_ATTR_OBJID, req->object) != nullptr) {
         send_message(ctx, UBUS_MSG_STATUS, req->seq, req->peer);
     }
 }
@@ -512,14 +514,14 @@ void ubus_complete_deferred_request(ubus_context *ctx, ubus_request_data *req, i
 int ubus_send_event(ubus_context *ctx, const char *id, blob_attr *data)
 {
     blob_buf *out = new_message(ctx);
-    if (!out || !blob_put_u32(out, UBUS_ATTR_OBJID, UBUS_SYSTEM_OBJECT_EVENT) ||
-        !blob_put_string(out, UBUS_ATTR_METHOD, "send")) {
+    if (out == nullptr || blob_put_u32(out, UBUS_ATTR_OBJID, UBUS_SYSTEM_OBJECT_EVENT) == nullptr ||
+        blob_put_string(out, UBUS_ATTR_METHOD, "send") == nullptr) {
         return UBUS_STATUS_INVALID_ARGUMENT;
     }
     void *args = blob_nest_start(out, UBUS_ATTR_DATA);
-    if (!args || blobmsg_add_string(out, "id", id) < 0 ||
-        blobmsg_add_field(out, BLOBMSG_TYPE_TABLE, "data", data ? blob_data(data) : nullptr,
-                          data ? static_cast<unsigned>(blob_len(data)) : 0) < 0) {
+    if (args == nullptr || blobmsg_add_string(out, "id", id) < 0 ||
+        blobmsg_add_field(out, BLOBMSG_TYPE_TABLE, "data", data != nullptr ? blob_data(data) : nullptr,
+                          data != nullptr ? static_cast<unsigned>(blob_len(data)) : 0) < 0) {
         return UBUS_STATUS_INVALID_ARGUMENT;
     }
     blob_nest_end(out, args);
@@ -532,11 +534,11 @@ int ubus_send_event(ubus_context *ctx, const char *id, blob_attr *data)
 int ubus_register_event_handler(ubus_context *ctx, ubus_event_handler *ev, const char *pattern)
 {
     ubus_object *obj = &ev->obj;
-    if (!obj->id) {
-        if (!obj->name != !obj->type) {
+    if (obj->id == 0) {
+        if ((obj->name == nullptr) != (obj->type == nullptr)) {
             return UBUS_STATUS_INVALID_ARGUMENT;
         }
-        obj->methods = &kEventMethod;
+        obj->methods = &EVENT_METHOD;
         obj->n_methods = 1;
         const int status = ubus_add_object(ctx, obj);
         if (status != UBUS_STATUS_OK) {

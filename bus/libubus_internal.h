@@ -1,6 +1,5 @@
 // Between libubus.cpp (requests, objects, events) and libubus_io.cpp (connection and messages).
-#ifndef BUS_LIBUBUS_INTERNAL_H
-#define BUS_LIBUBUS_INTERNAL_H
+#pragma once
 
 #include <libubus.h>
 
@@ -52,5 +51,3 @@ void handle_invoke(ubus_context *ctx, ubus_message *msg);
 int publish_objects(ubus_context *ctx);
 
 } // namespace bus
-
-#endif

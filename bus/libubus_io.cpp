@@ -17,15 +17,15 @@ namespace bus {
 
 namespace {
 
-constexpr size_t kInSize = 16384;
-constexpr int kConnectTimeoutMs = 3000; // for a broker that is there but does not answer
+constexpr size_t IN_SIZE = 16384;
+constexpr int CONNECT_TIMEOUT_MS = 3000; // for a broker that is there but does not answer
 
 // What precedes a message's payload on the socket.
 struct WireHead {
     ubus_msghdr hdr;
     blob_attr blob;
 };
-constexpr size_t kWireHead = sizeof(ubus_msghdr) + sizeof(blob_attr);
+constexpr size_t WIRE_HEAD = sizeof(ubus_msghdr) + sizeof(blob_attr);
 
 constexpr blob_attr_info policy_of(unsigned type)
 {
@@ -47,14 +47,14 @@ void forget_input(ubus_context *ctx)
 void begin_message(ubus_context *ctx)
 {
     WireHead head;
-    memcpy(&head, ctx->in + ctx->in_begin, kWireHead);
+    memcpy(&head, ctx->in + ctx->in_begin, WIRE_HEAD);
     const size_t len = blob_raw_len(&head.blob);
     if (head.hdr.version != 0 || len < sizeof(blob_attr) || len > UBUS_MAX_MSGLEN) {
         ctx->lost = true;
         return;
     }
     ctx->incoming = static_cast<ubus_message *>(malloc(offsetof(ubus_message, blob) + len));
-    if (!ctx->incoming) {
+    if (ctx->incoming == nullptr) {
         ctx->lost = true;
         return;
     }
@@ -63,7 +63,7 @@ void begin_message(ubus_context *ctx)
     ctx->incoming->hdr.peer = be32_to_cpu(head.hdr.peer);
     ctx->incoming->blob.id_len = head.blob.id_len;
     ctx->incoming_len = sizeof(blob_attr);
-    ctx->in_begin += kWireHead;
+    ctx->in_begin += WIRE_HEAD;
 }
 
 size_t incoming_missing(const ubus_context *ctx)
@@ -79,14 +79,14 @@ char *incoming_end(const ubus_context *ctx)
 // Reads once; the body of a long message goes straight to its place.
 bool read_some(ubus_context *ctx)
 {
-    const bool straight = ctx->incoming && incoming_missing(ctx) >= kInSize;
+    const bool straight = ctx->incoming != nullptr && incoming_missing(ctx) >= IN_SIZE;
     if (!straight) {
         std::copy(ctx->in + ctx->in_begin, ctx->in + ctx->in_end, ctx->in);
         ctx->in_end -= ctx->in_begin;
         ctx->in_begin = 0;
     }
     char *target = straight ? incoming_end(ctx) : ctx->in + ctx->in_end;
-    const size_t room = straight ? incoming_missing(ctx) : kInSize - ctx->in_end;
+    const size_t room = straight ? incoming_missing(ctx) : IN_SIZE - ctx->in_end;
 
     ssize_t n = 0;
     do {
@@ -107,10 +107,10 @@ bool read_some(ubus_context *ctx)
 ubus_message *next_message(ubus_context *ctx, bool &may_read)
 {
     while (!ctx->lost) {
-        if (!ctx->incoming && ctx->in_end - ctx->in_begin >= kWireHead) {
+        if (ctx->incoming == nullptr && ctx->in_end - ctx->in_begin >= WIRE_HEAD) {
             begin_message(ctx);
         }
-        if (ctx->incoming) {
+        if (ctx->incoming != nullptr) {
             const size_t n = std::min(incoming_missing(ctx), ctx->in_end - ctx->in_begin);
             memcpy(incoming_end(ctx), ctx->in + ctx->in_begin, n);
             ctx->in_begin += n;
@@ -141,9 +141,9 @@ void dispatch(ubus_context *ctx, ubus_message *msg)
         break;
     case UBUS_MSG_INVOKE:
         if (ctx->stack_depth == 0) {
-            ctx->stack_depth++;
+            ++ctx->stack_depth;
             handle_invoke(ctx, msg);
-            ctx->stack_depth--;
+            --ctx->stack_depth;
             break;
         }
         list_add_tail(&msg->list, &ctx->pending);
@@ -214,7 +214,7 @@ int open_socket(const char *path)
     if (fd < 0) {
         return -1;
     }
-    const timeval limit = {kConnectTimeoutMs / 1000, 0}; // bounds connect as well
+    const timeval limit = {CONNECT_TIMEOUT_MS / 1000, 0}; // bounds connect as well
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
     if (connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) < 0) {
         close(fd);
@@ -227,7 +227,7 @@ int open_socket(const char *path)
 bool receive_hello(ubus_context *ctx)
 {
     pollfd pfd = {ctx->sock.fd, POLLIN, 0};
-    while (!ctx->lost && poll(&pfd, 1, kConnectTimeoutMs) > 0) {
+    while (!ctx->lost && poll(&pfd, 1, CONNECT_TIMEOUT_MS) > 0) {
         bool may_read = true;
         if (ubus_message *msg = next_message(ctx, may_read)) {
             const bool hello = msg->hdr.type == UBUS_MSG_HELLO;
@@ -287,7 +287,7 @@ MessageAttrs::MessageAttrs(blob_attr *blob)
 {
     blob_parse_untrusted(blob, blob_raw_len(blob), attr_, MESSAGE_POLICY, UBUS_ATTR_MAX);
     for (const ubus_msg_attr id : {UBUS_ATTR_DATA, UBUS_ATTR_SIGNATURE}) {
-        if (attr_[id] && !members_are_sound(attr_[id])) {
+        if (attr_[id] != nullptr && !members_are_sound(attr_[id])) {
             attr_[id] = nullptr;
         }
     }
@@ -337,8 +337,8 @@ int send_message(ubus_context *ctx, ubus_msg_type type, uint16_t seq, uint32_t p
         auto sent = static_cast<size_t>(n);
         while (out.msg_iovlen > 0 && sent >= out.msg_iov->iov_len) {
             sent -= out.msg_iov->iov_len;
-            out.msg_iov++;
-            out.msg_iovlen--;
+            ++out.msg_iov;
+            --out.msg_iovlen;
         }
         if (out.msg_iovlen > 0) {
             out.msg_iov->iov_base = static_cast<char *>(out.msg_iov->iov_base) + sent;
@@ -376,7 +376,7 @@ int ubus_reconnect(ubus_context *ctx, const char *path)
     close_connection(ctx);
     ubus_flush_requests(ctx);
 
-    ctx->sock.fd = open_socket(path ? path : UBUS_UNIX_SOCKET);
+    ctx->sock.fd = open_socket(path != nullptr ? path : UBUS_UNIX_SOCKET);
     if (ctx->sock.fd < 0) {
         return UBUS_STATUS_CONNECTION_FAILED;
     }
@@ -401,8 +401,8 @@ int ubus_connect_ctx(ubus_context *ctx, const char *path)
     INIT_LIST_HEAD(&ctx->requests);
     INIT_LIST_HEAD(&ctx->objects);
     INIT_LIST_HEAD(&ctx->pending);
-    ctx->in = static_cast<char *>(malloc(kInSize));
-    if (ctx->in && uloop_init() == 0 && ubus_reconnect(ctx, path) == UBUS_STATUS_OK) {
+    ctx->in = static_cast<char *>(malloc(IN_SIZE));
+    if (ctx->in != nullptr && uloop_init() == 0 && ubus_reconnect(ctx, path) == UBUS_STATUS_OK) {
         return 0;
     }
     ubus_shutdown(ctx);
@@ -412,7 +412,7 @@ int ubus_connect_ctx(ubus_context *ctx, const char *path)
 ubus_context *ubus_connect(const char *path)
 {
     auto *ctx = static_cast<ubus_context *>(malloc(sizeof(ubus_context)));
-    if (ctx && ubus_connect_ctx(ctx, path) < 0) {
+    if (ctx != nullptr && ubus_connect_ctx(ctx, path) < 0) {
         free(ctx);
         return nullptr;
     }
@@ -421,7 +421,7 @@ ubus_context *ubus_connect(const char *path)
 
 void ubus_shutdown(ubus_context *ctx)
 {
-    if (!ctx) {
+    if (ctx == nullptr) {
         return;
     }
     close_connection(ctx);

@@ -12,8 +12,8 @@
 namespace {
 
 // Exit statuses are bus statuses, but for these two.
-constexpr int kUsageError = 254;
-constexpr int kFailed = 255;
+constexpr int USAGE_ERROR = 254;
+constexpr int FAILED = 255;
 
 struct Options {
     const char *socket = nullptr;
@@ -23,11 +23,11 @@ struct Options {
 };
 Options options;
 
-constexpr int kDefaultTimeout = 30;
+constexpr int DEFAULT_TIMEOUT = 30;
 
 int time_limit()
 {
-    return options.timeout ? options.timeout : kDefaultTimeout;
+    return options.timeout != 0 ? options.timeout : DEFAULT_TIMEOUT;
 }
 
 // A message built from an optional JSON argument.
@@ -39,12 +39,12 @@ struct Message {
     Message(const Message &) = delete;
     Message &operator=(const Message &) = delete;
 
-    bool parse(const char *json) { return !json || blobmsg_add_json_from_string(&buf, json); }
+    bool parse(const char *json) { return json == nullptr || blobmsg_add_json_from_string(&buf, json); }
 };
 
 void print_json(const char *before, char *json, const char *after)
 {
-    printf("%s%s%s\n", before, json ? json : "", after);
+    printf("%s%s%s\n", before, json != nullptr ? json : "", after);
     free(json);
 }
 
@@ -119,7 +119,7 @@ void print_event(ubus_context * /*ctx*/, ubus_event_handler * /*ev*/, const char
 int list_objects(ubus_context *ctx, int argc, char **argv)
 {
     if (argc > 1) {
-        return kUsageError;
+        return USAGE_ERROR;
     }
     return ubus_lookup(ctx, argc == 1 ? argv[0] : nullptr, print_object, nullptr);
 }
@@ -127,11 +127,11 @@ int list_objects(ubus_context *ctx, int argc, char **argv)
 // Into a log goes the whole command that failed; its exit status is negative then.
 int call_error(int argc, char **argv, int status)
 {
-    if (options.simple || isatty(STDERR_FILENO)) {
+    if (options.simple || isatty(STDERR_FILENO) != 0) {
         return status;
     }
     fprintf(stderr, "Command failed: ubus call ");
-    for (int i = 0; i < argc; i++) {
+    for (int i = 0; i < argc; ++i) {
         fprintf(stderr, "%s ", argv[i]);
     }
     fprintf(stderr, "(%s)\n", ubus_strerror(status));
@@ -141,7 +141,7 @@ int call_error(int argc, char **argv, int status)
 int call_method(ubus_context *ctx, int argc, char **argv)
 {
     if (argc < 2 || argc > 3) {
-        return kUsageError;
+        return USAGE_ERROR;
     }
     Message message;
     if (!message.parse(argc == 3 ? argv[2] : nullptr)) {
@@ -159,7 +159,7 @@ int call_method(ubus_context *ctx, int argc, char **argv)
 int send_event(ubus_context *ctx, int argc, char **argv)
 {
     if (argc < 1 || argc > 2) {
-        return kUsageError;
+        return USAGE_ERROR;
     }
     Message message;
     if (!message.parse(argc == 2 ? argv[1] : nullptr)) {
@@ -172,7 +172,7 @@ int print_events(ubus_context *ctx, int argc, char **argv)
 {
     ubus_event_handler handler = {};
     handler.cb = print_event;
-    for (int i = 0; i < (argc > 0 ? argc : 1); i++) {
+    for (int i = 0; i < (argc > 0 ? argc : 1); ++i) {
         const char *pattern = argc > 0 ? argv[i] : "*";
         const int status = ubus_register_event_handler(ctx, &handler, pattern);
         if (status == UBUS_STATUS_OK) {
@@ -181,7 +181,7 @@ int print_events(ubus_context *ctx, int argc, char **argv)
         if (!options.simple) {
             fprintf(stderr, "Error while registering for event '%s': %s\n", pattern, ubus_strerror(status));
         }
-        return kFailed;
+        return FAILED;
     }
 
     const EndTimer timer(options.timeout);
@@ -200,10 +200,10 @@ struct Waiting {
 
 void strike_out(Waiting &waiting, const char *path)
 {
-    for (int i = 0; i < waiting.count; i++) {
-        if (waiting.paths[i] && strcmp(waiting.paths[i], path) == 0) {
+    for (int i = 0; i < waiting.count; ++i) {
+        if (waiting.paths[i] != nullptr && strcmp(waiting.paths[i], path) == 0) {
             waiting.paths[i] = nullptr;
-            waiting.missing--;
+            --waiting.missing;
         }
     }
     if (waiting.missing == 0) {
@@ -213,10 +213,10 @@ void strike_out(Waiting &waiting, const char *path)
 
 void on_object_added(ubus_context * /*ctx*/, ubus_event_handler *ev, const char * /*type*/, blob_attr *msg)
 {
-    static constexpr blobmsg_policy kPolicy = {"path", BLOBMSG_TYPE_STRING};
+    static constexpr blobmsg_policy policy = {"path", BLOBMSG_TYPE_STRING};
     blob_attr *path = nullptr;
-    blobmsg_parse(&kPolicy, 1, &path, blob_data(msg), static_cast<unsigned>(blob_len(msg)));
-    if (path) {
+    blobmsg_parse(&policy, 1, &path, blob_data(msg), static_cast<unsigned>(blob_len(msg)));
+    if (path != nullptr) {
         strike_out(*container_of(ev, Waiting, handler), blobmsg_get_string(path));
     }
 }
@@ -229,7 +229,7 @@ void on_object_listed(ubus_context * /*ctx*/, ubus_object_data *object, void *pr
 int wait_for_objects(ubus_context *ctx, int argc, char **argv)
 {
     if (argc < 1) {
-        return kUsageError;
+        return USAGE_ERROR;
     }
     Waiting waiting;
     waiting.handler.cb = on_object_added;
@@ -257,7 +257,7 @@ struct Command {
     const char *name;
     int (*run)(ubus_context *ctx, int argc, char **argv);
 };
-constexpr Command kCommands[] = {
+constexpr Command COMMANDS[] = {
     {"list", list_objects}, {"call", call_method},          {"listen", print_events},
     {"send", send_event},   {"wait_for", wait_for_objects},
 };
@@ -330,26 +330,26 @@ int main(int argc, char **argv)
         return usage(argv[0]);
     }
     const Command *command = nullptr;
-    for (const Command &c : kCommands) {
+    for (const Command &c : COMMANDS) {
         if (strcmp(c.name, argv[optind]) == 0) {
             command = &c;
         }
     }
 
-    if (!command) {
+    if (command == nullptr) {
         usage(argv[0]);
-        return kUsageError;
+        return USAGE_ERROR;
     }
 
     ubus_context *ctx = ubus_connect(options.socket);
-    if (!ctx) {
+    if (ctx == nullptr) {
         if (!options.simple) {
             fprintf(stderr, "Failed to connect to ubus\n");
         }
-        return kFailed;
+        return FAILED;
     }
     const int status = command->run(ctx, argc - optind - 1, argv + optind + 1);
-    if (status == kUsageError) {
+    if (status == USAGE_ERROR) {
         usage(argv[0]);
     } else if (status > 0 && status < __UBUS_STATUS_LAST && !options.simple) {
         fprintf(stderr, "Command failed: %s\n", ubus_strerror(status));

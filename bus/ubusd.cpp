@@ -53,7 +53,7 @@ int main(int argc, char **argv)
     if (optind < argc) {
         return usage(argv[0], stderr);
     }
-    if (!path) {
+    if (path == nullptr) {
         path = UBUS_UNIX_SOCKET;
         mkdir("/var/run/ubus", 0755);
     }
@@ -62,7 +62,7 @@ int main(int argc, char **argv)
     raise_descriptor_limit();
     uloop_init();
     bus::Broker *broker = bus::broker_start(path);
-    if (!broker) {
+    if (broker == nullptr) {
         perror(path);
         return 1;
     }

@@ -15,7 +15,7 @@ bool uloop_handle_sigchld = true;
 
 namespace {
 
-constexpr int kMaxEvents = 32;
+constexpr int MAX_EVENTS = 32;
 
 list_head timeouts = LIST_HEAD_INIT(timeouts); // by time
 list_head processes = LIST_HEAD_INIT(processes);
@@ -34,7 +34,7 @@ struct Running {
     uloop_fd *u;
     Running *outer;
 };
-epoll_event events[kMaxEvents];
+epoll_event events[MAX_EVENTS];
 int events_next = 0;
 int events_end = 0;
 Running *running = nullptr;
@@ -135,7 +135,7 @@ void run_due_timeouts()
             return;
         }
         uloop_timeout_cancel(t);
-        if (t->cb) {
+        if (t->cb != nullptr) {
             t->cb(t);
         }
     }
@@ -167,7 +167,7 @@ void reap_children()
         }
         while (uloop_process *p = find_process(pid)) {
             uloop_process_delete(p);
-            if (p->cb) {
+            if (p->cb != nullptr) {
                 p->cb(p, status);
             }
         }
@@ -177,30 +177,30 @@ void reap_children()
 void dispatch(const epoll_event &event)
 {
     auto *u = static_cast<uloop_fd *>(event.data.ptr);
-    if (!u) {
+    if (u == nullptr) {
         return;
     }
-    if (event.events & EPOLLRDHUP) {
+    if ((event.events & EPOLLRDHUP) != 0) {
         u->eof = true;
     }
-    if (event.events & (EPOLLERR | EPOLLHUP)) {
+    if ((event.events & (EPOLLERR | EPOLLHUP)) != 0) {
         u->error = true;
     }
     unsigned what = 0;
-    if (event.events & (EPOLLIN | EPOLLRDHUP | EPOLLERR | EPOLLHUP)) {
+    if ((event.events & (EPOLLIN | EPOLLRDHUP | EPOLLERR | EPOLLHUP)) != 0) {
         what |= ULOOP_READ;
     }
-    if (event.events & EPOLLOUT) {
+    if ((event.events & EPOLLOUT) != 0) {
         what |= ULOOP_WRITE;
     }
 
     Running self = {u, running};
     running = &self;
-    if (u->cb) {
+    if (u->cb != nullptr) {
         u->cb(u, what);
     }
     running = self.outer;
-    if (self.u && u->error) { // still there, and not added anew
+    if (self.u != nullptr && u->error) { // still there, and not added anew
         uloop_fd_delete(u);
     }
 }
@@ -211,7 +211,7 @@ void run_one_event(int timeout)
     if (events_next == events_end) {
         events_next = 0;
         events_end = 0;
-        const int n = epoll_wait(poll_fd, events, kMaxEvents, timeout);
+        const int n = epoll_wait(poll_fd, events, MAX_EVENTS, timeout);
         if (n <= 0) {
             return;
         }
@@ -275,7 +275,7 @@ void uloop_done(void)
 
 int uloop_run_timeout(int timeout)
 {
-    run_depth++;
+    ++run_depth;
     uloop_cancelled = false;
     do {
         run_due_timeouts();
@@ -291,7 +291,7 @@ int uloop_run_timeout(int timeout)
         }
         run_one_event(wait);
     } while (!uloop_cancelling() && timeout < 0);
-    run_depth--;
+    --run_depth;
     return run_depth > 0 ? ended_by.load() : ended_by.exchange(0);
 }
 
@@ -302,22 +302,22 @@ bool uloop_cancelling(void)
 
 int uloop_fd_add(uloop_fd *sock, unsigned int flags)
 {
-    if (!(flags & (ULOOP_READ | ULOOP_WRITE))) {
+    if ((flags & (ULOOP_READ | ULOOP_WRITE)) == 0) {
         return uloop_fd_delete(sock);
     }
-    if (!sock->registered && !(flags & ULOOP_BLOCKING)) {
+    if (!sock->registered && (flags & ULOOP_BLOCKING) == 0) {
         fcntl(sock->fd, F_SETFL, fcntl(sock->fd, F_GETFL) | O_NONBLOCK);
     }
 
     epoll_event event = {};
     event.data.ptr = sock;
-    if (flags & ULOOP_READ) {
+    if ((flags & ULOOP_READ) != 0) {
         event.events |= EPOLLIN | EPOLLRDHUP;
     }
-    if (flags & ULOOP_WRITE) {
+    if ((flags & ULOOP_WRITE) != 0) {
         event.events |= EPOLLOUT;
     }
-    if (flags & ULOOP_EDGE_TRIGGER) {
+    if ((flags & ULOOP_EDGE_TRIGGER) != 0) {
         event.events |= EPOLLET;
     }
     if (epoll_ctl(poll_fd, sock->registered ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, sock->fd, &event) < 0) {
@@ -332,12 +332,12 @@ int uloop_fd_add(uloop_fd *sock, unsigned int flags)
 
 int uloop_fd_delete(uloop_fd *sock)
 {
-    for (int i = events_next; i < events_end; i++) {
+    for (int i = events_next; i < events_end; ++i) {
         if (events[i].data.ptr == sock) {
             events[i].data.ptr = nullptr;
         }
     }
-    for (Running *r = running; r; r = r->outer) {
+    for (Running *r = running; r != nullptr; r = r->outer) {
         if (r->u == sock) {
             r->u = nullptr;
         }
@@ -376,7 +376,7 @@ int uloop_timeout_set(uloop_timeout *timeout, int msecs)
     timeout->time.tv_sec += msecs / 1000;
     timeout->time.tv_usec += msecs % 1000 * 1000L;
     if (timeout->time.tv_usec >= 1000000) {
-        timeout->time.tv_sec++;
+        ++timeout->time.tv_sec;
         timeout->time.tv_usec -= 1000000;
     }
     return uloop_timeout_add(timeout);

@@ -17,20 +17,20 @@
 
 namespace {
 
-constexpr int clients = 3;
-constexpr int turns = 8; // of the loop, enough for all that one message sets going
-constexpr unsigned filled = 0x40;
-constexpr uint8_t filling[0x10000] = {};
-constexpr size_t unlimited = SIZE_MAX;
+constexpr int CLIENTS = 3;
+constexpr int TURNS = 8; // of the loop, enough for all that one message sets going
+constexpr unsigned FILLED = 0x40;
+constexpr uint8_t FILLING[0x10000] = {};
+constexpr size_t UNLIMITED = SIZE_MAX;
 
 uint32_t next_id;
-size_t room = unlimited; // what a client's socket takes at a time
+size_t room = UNLIMITED; // what a client's socket takes at a time
 std::string path;
 bus::Broker *broker;
 
 void let_work()
 {
-    for (int i = 0; i < turns; ++i) {
+    for (int i = 0; i < TURNS; ++i) {
         uloop_run_timeout(0);
     }
 }
@@ -108,25 +108,25 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     next_id = 0x10000;
-    int fds[clients];
+    int fds[CLIENTS];
     std::ranges::generate(fds, connect_client);
     for (Input input{{data, size}}; !input.rest.empty();) {
         unsigned kind = input.byte();
-        unsigned number = kind % (clients + 1);
+        unsigned number = kind % (CLIENTS + 1);
         Bytes message = input.block();
-        if (number == clients) {
+        if (number == CLIENTS) {
             room = message.size() * message.size(); // from none to much
             continue;
         }
         send(fds[number], message.data(), message.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-        if ((kind & filled) != 0) {
-            send(fds[number], filling, sizeof filling, MSG_DONTWAIT | MSG_NOSIGNAL);
+        if ((kind & FILLED) != 0) {
+            send(fds[number], FILLING, sizeof FILLING, MSG_DONTWAIT | MSG_NOSIGNAL);
         }
         let_work();
         read_all(fds);
     }
-    room = unlimited;
-    for (int i = 0; i < turns; ++i) {
+    room = UNLIMITED;
+    for (int i = 0; i < TURNS; ++i) {
         let_work();
         read_all(fds);
     }

@@ -9,20 +9,20 @@
 namespace {
 
 // Those the daemon listens to; the methods come behind them.
-constexpr std::span events{OVANI_EVENTS,
+constexpr std::span EVENTS{OVANI_EVENTS,
                            static_cast<size_t>(find_event(UBUS_EVENT_LANHOST_UP_DOWN) - OVANI_EVENTS)};
-constexpr size_t receivers = events.size() + 2;
+constexpr size_t RECEIVERS = EVENTS.size() + 2;
 
 void deliver(size_t receiver, const blob_attr *message)
 {
     auto bytes = copy_of({reinterpret_cast<const uint8_t *>(message), blob_raw_len(message)});
     auto *copy = reinterpret_cast<blob_attr *>(bytes.data());
-    if (receiver < events.size()) {
-        ubus_handle_event_msg(nullptr, nullptr, events[receiver].name.data(), copy);
+    if (receiver < EVENTS.size()) {
+        ubus_handle_event_msg(nullptr, nullptr, EVENTS[receiver].name.data(), copy);
         return;
     }
     ubus_object *object = fake::platform().object;
-    const ubus_method &method = object->methods[receiver - events.size()];
+    const ubus_method &method = object->methods[receiver - EVENTS.size()];
     int status = method.handler(nullptr, object, nullptr, method.name, copy);
     PROMISE(status == UBUS_STATUS_OK || status == UBUS_STATUS_INVALID_ARGUMENT || status == -1);
 }
@@ -53,22 +53,22 @@ void add_request(blob_buf &message, Bytes block)
 
 void take_step(unsigned kind, unsigned number, Bytes block)
 {
-    enum { event, request, members, output };
+    enum { EVENT, REQUEST, MEMBERS, OUTPUT };
     blob_buf message{};
     blob_buf_init(&message, 0);
     switch (kind % 4) {
-    case event:
-        add_payload(message, events[number % events.size()], block);
-        deliver(number % events.size(), message.head);
+    case EVENT:
+        add_payload(message, EVENTS[number % EVENTS.size()], block);
+        deliver(number % EVENTS.size(), message.head);
         break;
-    case request:
+    case REQUEST:
         add_request(message, block);
-        deliver(events.size() + number % 2, message.head);
+        deliver(EVENTS.size() + number % 2, message.head);
         break;
-    case members:
-        deliver(number % receivers, blob_put(&message, 0, block.data(), static_cast<unsigned>(block.size())));
+    case MEMBERS:
+        deliver(number % RECEIVERS, blob_put(&message, 0, block.data(), static_cast<unsigned>(block.size())));
         break;
-    case output:
+    case OUTPUT:
         set_command_output(block);
         break;
     }

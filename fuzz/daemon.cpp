@@ -17,9 +17,9 @@ namespace {
 #define WAN_IP WAN "WANIPConnection.1."
 #define MESH GATEWAY "LANDevice.1.WLANMeshConfiguration."
 
-constexpr int most_hosts = 8; // few, so that inputs get there
+constexpr int MOST_HOSTS = 8; // few, so that inputs get there
 
-constexpr const char *stored[][2] = {
+constexpr const char *STORED[][2] = {
     {GATEWAY "LANDevice.1.Hosts.HostNumberOfEntries", "0"},
     {GATEWAY "LANDevice.1.Hosts.LANHostMaxNumber", "8"},
     {WAN_IP "Enable", "1"},
@@ -43,7 +43,7 @@ void start_daemon(uint8_t profile)
     fake::reset();
     fake::platform().carrier = profile % 4;
     fake::platform().objects = {WAN, WAN_IP};
-    for (const auto &[path, value] : stored) {
+    for (const auto &[path, value] : STORED) {
         fake::platform().values[path] = value;
     }
     if ((profile & 4) != 0) {
@@ -77,7 +77,7 @@ void check_daemon()
     int stations = count_nodes(g_mac_table.top);
     PROMISE(hosts == g_host_table_ipv4.host_node_num && hosts == MemAllocCount[MTYPE_HOST_NODE]);
     PROMISE(stations == g_mac_table.mac_node_num && stations == MemAllocCount[MTYPE_MAC_NODE]);
-    PROMISE(stations <= OVANI_MAC_MAX_NUM && s_hostnumberofentries <= most_hosts);
+    PROMISE(stations <= OVANI_MAC_MAX_NUM && s_hostnumberofentries <= MOST_HOSTS);
 }
 
 // --- No shell
@@ -86,7 +86,7 @@ namespace {
 
 std::vector<char> command_output;
 
-constexpr const char *commands[] = {
+constexpr const char *COMMANDS[] = {
     "brctl showmacs br0 |grep -i  | awk '{print $(NF-2),$(NF-1),$NF}'",
     "brctl showmacs br0 | grep -i  | awk '{print $NF}'",
     "brctl showmacs br0 | sed -n '2p' | grep : | awk '{print NF}'",
@@ -109,7 +109,7 @@ std::string without_address_letters(std::string text)
 
 bool is_command(const char *command)
 {
-    return std::ranges::any_of(commands, [bare = without_address_letters(command)](const char *known) {
+    return std::ranges::any_of(COMMANDS, [bare = without_address_letters(command)](const char *known) {
         return without_address_letters(known) == bare;
     });
 }

@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr int batch_fd = 1000;
+constexpr int BATCH_FD = 1000;
 Bytes batch;
 void *beyond; // the part of the reader's buffer that nothing was read into
 size_t beyond_size;
@@ -17,7 +17,7 @@ size_t beyond_size;
 extern "C" ssize_t __real_read(int fd, void *buffer, size_t size);
 extern "C" ssize_t __wrap_read(int fd, void *buffer, size_t size)
 {
-    if (fd != batch_fd) {
+    if (fd != BATCH_FD) {
         return __real_read(fd, buffer, size);
     }
     PROMISE(batch.size() <= size);
@@ -40,7 +40,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     start_daemon(1);
     batch = {data, size};
     beyond = nullptr;
-    read_netlink_message(batch_fd);
+    read_netlink_message(BATCH_FD);
     PROMISE(beyond != nullptr); // it was read
     ASAN_UNPOISON_MEMORY_REGION(beyond, beyond_size);
     return 0;

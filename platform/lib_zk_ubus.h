@@ -11,8 +11,7 @@
  *
  * All calls are made on the loop's thread: libubus is made for one.
  */
-#ifndef PLATFORM_LIB_ZK_UBUS_H
-#define PLATFORM_LIB_ZK_UBUS_H
+#pragma once
 
 #include <stdbool.h>
 #include <stdint.h>
@@ -69,6 +68,4 @@ bool ubus_parse_kv_config(void *data, int len, ubus_KV_Set_Func func, void *priv
 
 #ifdef __cplusplus
 }
-#endif
-
 #endif

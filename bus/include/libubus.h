@@ -12,8 +12,7 @@
  * Once the connection is lost (`sock.eof`), everything fails with UBUS_STATUS_CONNECTION_FAILED until
  * ubus_reconnect succeeds. A context belongs to one thread at a time.
  */
-#ifndef LIBUBUS_H
-#define LIBUBUS_H
+#pragma once
 
 #include <libubox/blobmsg.h>
 #include <libubox/list.h>
@@ -264,6 +263,4 @@ static inline int ubus_unregister_event_handler(struct ubus_context *ctx, struct
 
 #ifdef __cplusplus
 }
-#endif
-
 #endif

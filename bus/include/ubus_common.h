@@ -1,6 +1,5 @@
 /* Shared by clients and brokers. */
-#ifndef UBUS_COMMON_H
-#define UBUS_COMMON_H
+#pragma once
 
 #include <stdbool.h>
 
@@ -12,7 +11,7 @@ extern "C" {
 static inline bool ubus_strmatch_len(const char *s1, const char *s2, int *len)
 {
     for (*len = 0; s1[*len] == s2[*len]; (*len)++) {
-        if (!s1[*len]) {
+        if (s1[*len] == '\0') {
             return true;
         }
     }
@@ -21,6 +20,4 @@ static inline bool ubus_strmatch_len(const char *s1, const char *s2, int *len)
 
 #ifdef __cplusplus
 }
-#endif
-
 #endif

@@ -22,8 +22,7 @@
  * the caller receive the events that match; "send" { id, data } sends one. It reaches the object as INVOKE
  * with the event's name as METHOD and peer 0: nobody waits for an answer.
  */
-#ifndef UBUSMSG_H
-#define UBUSMSG_H
+#pragma once
 
 #include <libubox/blob.h>
 #include <stdint.h>
@@ -93,5 +92,3 @@ enum ubus_msg_status {
     UBUS_STATUS_SYSTEM_ERROR,
     __UBUS_STATUS_LAST
 };
-
-#endif

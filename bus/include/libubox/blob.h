@@ -15,8 +15,7 @@
  * outside is reached through blob_parse_untrusted, blobmsg_parse or the iterators, all of which stay within
  * the length they are told, and its payload's size is checked by the policy given to the parser.
  */
-#ifndef LIBUBOX_BLOB_H
-#define LIBUBOX_BLOB_H
+#pragma once
 
 #include <errno.h>
 #include <stdbool.h>
@@ -259,6 +258,4 @@ static inline struct blob_attr *blob_put_u64(struct blob_buf *buf, int id, uint6
 
 #ifdef __cplusplus
 }
-#endif
-
 #endif

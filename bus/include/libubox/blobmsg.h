@@ -9,8 +9,7 @@
  * The getters believe the attribute they are given; blobmsg_parse hands out only attributes that passed
  * blobmsg_check_attr_len and have the type that the policy names.
  */
-#ifndef LIBUBOX_BLOBMSG_H
-#define LIBUBOX_BLOBMSG_H
+#pragma once
 
 #include "blob.h"
 
@@ -69,29 +68,9 @@ static inline int blobmsg_type(const struct blob_attr *attr)
     return (int)blob_id(attr);
 }
 
-/* The value; null for a null attribute. */
-static inline void *blobmsg_data(const struct blob_attr *attr)
-{
-    char *data = (char *)(uintptr_t)attr;
-    if (!attr) {
-        return data;
-    }
-    data += sizeof(struct blob_attr);
-    if (blob_is_extended(attr)) {
-        data += blobmsg_hdrlen(blobmsg_namelen((const struct blobmsg_hdr *)(const void *)attr->data));
-    }
-    return data;
-}
-
-static inline size_t blobmsg_data_len(const struct blob_attr *attr)
-{
-    size_t skip;
-    if (!attr) {
-        return 0;
-    }
-    skip = (size_t)((char *)blobmsg_data(attr) - (char *)blob_data(attr));
-    return blob_len(attr) < skip ? 0 : blob_len(attr) - skip;
-}
+/* The value; null and 0 for a null attribute. */
+void *blobmsg_data(const struct blob_attr *attr);
+size_t blobmsg_data_len(const struct blob_attr *attr);
 
 static inline size_t blobmsg_len(const struct blob_attr *attr)
 {
@@ -288,6 +267,4 @@ static inline char *blobmsg_get_string(struct blob_attr *attr)
 
 #ifdef __cplusplus
 }
-#endif
-
 #endif

@@ -4,8 +4,7 @@
  * true/false is BLOBMSG_TYPE_BOOL, an integer INT32 or, when it does not fit, INT64; a fraction DOUBLE; null
  * an empty UNSPEC. Texts are bytes: they need not be UTF-8, either way. A text ends at "\u0000".
  */
-#ifndef LIBUBOX_BLOBMSG_JSON_H
-#define LIBUBOX_BLOBMSG_JSON_H
+#pragma once
 
 #include "blobmsg.h"
 
@@ -33,6 +32,4 @@ char *blobmsg_format_json_with_cb(struct blob_attr *attr, bool list, blobmsg_jso
 
 #ifdef __cplusplus
 }
-#endif
-
 #endif

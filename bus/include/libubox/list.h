@@ -2,8 +2,7 @@
  * Circular doubly linked lists whose links live inside the records. An entry that was never in a list is all
  * zeroes (or initialised); one taken out with list_del is zeroed again.
  */
-#ifndef LIBUBOX_LIST_H
-#define LIBUBOX_LIST_H
+#pragma once
 
 #include <stdbool.h>
 #include <stddef.h>
@@ -83,6 +82,4 @@ static inline void list_del_init(struct list_head *entry)
 
 #ifdef __cplusplus
 }
-#endif
-
 #endif

@@ -5,8 +5,7 @@
  * The records are the caller's; they must stay where they are while they are registered. A callback may add,
  * delete and free any record, its own included.
  */
-#ifndef LIBUBOX_ULOOP_H
-#define LIBUBOX_ULOOP_H
+#pragma once
 
 #include <signal.h>
 #include <stdbool.h>
@@ -121,6 +120,4 @@ int uloop_process_delete(struct uloop_process *p);
 
 #ifdef __cplusplus
 }
-#endif
-
 #endif

@@ -1,6 +1,5 @@
 /* Byte order and small conveniences. */
-#ifndef LIBUBOX_UTILS_H
-#define LIBUBOX_UTILS_H
+#pragma once
 
 #include <stdbool.h>
 #include <stdint.h>
@@ -58,6 +57,4 @@ static inline uint64_t be64_to_cpu(uint64_t value)
 
 #ifdef __cplusplus
 }
-#endif
-
 #endif

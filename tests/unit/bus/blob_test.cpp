@@ -116,7 +116,7 @@ TEST(Blobmsg, ParseTakesTheFirstSoundMemberOfTheRightNameAndType)
     EXPECT_EQ(blobmsg_cast_s64(tb[1]), -2);
     EXPECT_EQ(blobmsg_cast_u64(tb[1]), 0xfffeU);
     EXPECT_EQ(blobmsg_type(tb[2]), BLOBMSG_TYPE_INT32);
-    for (int i = 3; i < 7; i++) {
+    for (int i = 3; i < 7; ++i) {
         EXPECT_EQ(tb[i], nullptr) << i;
     }
     EXPECT_EQ(blobmsg_parse(policy, 7, tb, nullptr, 0), -EINVAL);
@@ -137,9 +137,9 @@ TEST(Blobmsg, SurvivesAnyBytes)
     std::mt19937 random(20090423);
     const auto below = [&](size_t n) { return random() % n; };
     const uint8_t nasty[] = {0x00, 0x01, 0x03, 0x04, 0x7f, 0x80, 0x81, 0x82, 0xff};
-    for (size_t round = 0; round < 20000; round++) {
+    for (size_t round = 0; round < 20000; ++round) {
         Bytes mutant = valid;
-        for (size_t n = 1 + below(4); n > 0; n--) {
+        for (size_t n = 1 + below(4); n > 0; --n) {
             mutant[below(mutant.size())] =
                 below(2) ? nasty[below(sizeof(nasty))] : static_cast<uint8_t>(random());
         }

@@ -33,17 +33,17 @@ std::vector<std::string> events_until_end(RawClient &client)
 
 TEST_F(BrokerTest, NonsenseCostsAtMostItsSender)
 {
-    constexpr int kDropped = -1;
-    constexpr int kSilence = -2;
+    constexpr int dropped = -1;
+    constexpr int silence = -2;
     const struct {
         const char *what, *bytes;
         int answer; // a status or what else becomes of the sender
     } cases[] = {
-        {"a wrong version", "01 03 0001 00000000 00000004", kDropped},
-        {"a length below the header's", "00 03 0001 00000000 00000003", kDropped},
-        {"a message too long by a word", "00 03 0001 00000000 00100004", kDropped},
-        {"the longest length there is", "00 03 0001 00000000 00ffffff", kDropped},
-        {"text", "'GET / HTTP/1.1'", kDropped},
+        {"a wrong version", "01 03 0001 00000000 00000004", dropped},
+        {"a length below the header's", "00 03 0001 00000000 00000003", dropped},
+        {"a message too long by a word", "00 03 0001 00000000 00100004", dropped},
+        {"the longest length there is", "00 03 0001 00000000 00ffffff", dropped},
+        {"text", "'GET / HTTP/1.1'", dropped},
         {"an unknown type", "00 0c 0001 00000000 00000004", UBUS_STATUS_INVALID_COMMAND},
         {"a greeting", "00 00 0001 00000000 00000004", UBUS_STATUS_INVALID_COMMAND},
         {"a call of a short id", "00 05 0001 00000000 00000014 03000006 0001 0000 04000005 00 000000",
@@ -65,16 +65,16 @@ TEST_F(BrokerTest, NonsenseCostsAtMostItsSender)
          UBUS_STATUS_OK},
         {"a member beyond the end", "00 04 0001 00000000 0000000c 02ffffff 'abcd'", UBUS_STATUS_OK},
         {"an answer nobody asked for", "00 01 0001 12345678 00000014 01000008 00000000 03000008 12345678",
-         kSilence},
+         silence},
     };
     RawClient bystander(path_);
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
         RawClient client(path_);
         EXPECT_TRUE(client.write(bytes(c.bytes)));
-        if (c.answer == kDropped) {
+        if (c.answer == dropped) {
             EXPECT_TRUE(client.closed());
-        } else if (c.answer == kSilence) {
+        } else if (c.answer == silence) {
             EXPECT_TRUE(client.ping());
         } else {
             EXPECT_EQ(client.status(), static_cast<uint32_t>(c.answer));
@@ -100,7 +100,7 @@ TEST_F(BrokerTest, HalfMessagesWaitAndPiecesAreJoined)
     // Two and a half in one piece.
     EXPECT_TRUE(pieces.write(bytes("00 03 0001 00000000 00000004 00 03 0002 00000000 00000004 00 03 0003")));
     EXPECT_TRUE(pieces.write(bytes("00000000 00000004")));
-    for (uint16_t seq = 1; seq <= 3; seq++) {
+    for (uint16_t seq = 1; seq <= 3; ++seq) {
         EXPECT_EQ(pieces.receive(UBUS_MSG_STATUS)->seq(), seq);
     }
 }
@@ -108,12 +108,12 @@ TEST_F(BrokerTest, HalfMessagesWaitAndPiecesAreJoined)
 TEST_F(BrokerTest, HundredsOfClients)
 {
     std::deque<RawClient> clients;
-    for (int i = 0; i < 500; i++) {
+    for (int i = 0; i < 500; ++i) {
         RawClient &client = clients.emplace_back(path_);
         ASSERT_EQ(client.listen(client.add_object(nullptr), "all"), UBUS_STATUS_OK);
     }
     EXPECT_EQ(clients[0].send_event("all"), UBUS_STATUS_OK);
-    for (size_t i = 1; i < clients.size(); i++) {
+    for (size_t i = 1; i < clients.size(); ++i) {
         EXPECT_TRUE(clients[i].receive(UBUS_MSG_INVOKE));
     }
     EXPECT_TRUE(clients[0].ping());
@@ -134,7 +134,7 @@ TEST(Broker, OutOfDescriptorsItWaitsWithoutSpinning)
     sleep_ms(500);
     std::ifstream stat(broker.proc("stat"));
     std::string field;
-    for (int i = 0; i < 13; i++) {
+    for (int i = 0; i < 13; ++i) {
         stat >> field;
     }
     long user = 0;
@@ -180,7 +180,7 @@ TEST_F(BrokerTest, EventsGoToWhoeverMatchesButTheirSender)
     for (const char *event : {"a", "ab", "abc", "b", "abd", "end"}) {
         EXPECT_EQ(sender.send_event(event), UBUS_STATUS_OK);
     }
-    for (size_t i = 0; i < clients.size(); i++) {
+    for (size_t i = 0; i < clients.size(); ++i) {
         EXPECT_EQ(events_until_end(clients[i]), cases[i].heard) << cases[i].patterns[0];
     }
     EXPECT_EQ(sender.calls_passed_over(), 0U);
@@ -207,12 +207,12 @@ TEST_F(BrokerTest, CallersOfWhoGoesAwayAreAnswered)
     EXPECT_TRUE(owner->answer(*owner->receive(UBUS_MSG_INVOKE), dying, 7));
     EXPECT_EQ(caller.status(), 7U);
 
-    for (uint16_t seq = 2; seq <= 3; seq++) {
+    for (uint16_t seq = 2; seq <= 3; ++seq) {
         EXPECT_TRUE(caller.call(seq, dying, "m"));
         EXPECT_TRUE(owner->receive(UBUS_MSG_INVOKE));
     }
     owner.reset();
-    for (uint16_t seq = 2; seq <= 3; seq++) {
+    for (uint16_t seq = 2; seq <= 3; ++seq) {
         const auto status = caller.receive(UBUS_MSG_STATUS);
         ASSERT_TRUE(status);
         EXPECT_EQ(status->seq(), seq) << "only calls that are open";
@@ -314,7 +314,7 @@ TEST_F(BrokerTest, RegisterIsBoundedAndALongListIsReadAtLeisure)
     std::deque<RawClient> owners;
     std::set<std::string> paths;
     const std::string method(5000, 'm');
-    for (int i = 0; i < 3; i++) {
+    for (int i = 0; i < 3; ++i) {
         owners.emplace_back(path_);
         std::string path = std::to_string(paths.size());
         while (paths.size() < 5000 && owners.back().add_object(path.c_str(), method.c_str()) != 0) {

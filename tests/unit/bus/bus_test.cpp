@@ -50,7 +50,7 @@ void put_invoke(blob_buf *buf, uint32_t object, const char *method)
 Bytes bytes(const std::string &text, const Words &words)
 {
     Bytes result;
-    for (size_t i = 0; i < text.size(); i++) {
+    for (size_t i = 0; i < text.size(); ++i) {
         const size_t end = text.find(text[i] == '[' ? ']' : '\'', i + 1);
         if (text[i] == '[') {
             const uint32_t word = cpu_to_be32(words.at(text.substr(i + 1, end - i - 1)));
@@ -63,7 +63,7 @@ Bytes bytes(const std::string &text, const Words &words)
             i = end;
         } else if (text[i] != ' ') {
             result.push_back(static_cast<uint8_t>(std::stoul(text.substr(i, 2), nullptr, 16)));
-            i++;
+            ++i;
         }
     }
     return result;
@@ -214,7 +214,7 @@ std::optional<Message> RawClient::receive()
         }
         uint8_t buffer[65536];
         pollfd pfd = {fd_, POLLIN, 0};
-        const ssize_t n = poll(&pfd, 1, kWaitMs) > 0 ? recv(fd_, buffer, sizeof(buffer), 0) : -1;
+        const ssize_t n = poll(&pfd, 1, WAIT_MS) > 0 ? recv(fd_, buffer, sizeof(buffer), 0) : -1;
         if (n <= 0) {
             return std::nullopt;
         }
@@ -237,7 +237,7 @@ bool RawClient::closed() const
 {
     uint8_t buffer[65536];
     pollfd pfd = {fd_, POLLIN, 0};
-    while (poll(&pfd, 1, kWaitMs) > 0) {
+    while (poll(&pfd, 1, WAIT_MS) > 0) {
         if (recv(fd_, buffer, sizeof(buffer), 0) <= 0) {
             return true;
         }

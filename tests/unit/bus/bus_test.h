@@ -1,7 +1,6 @@
 // What the tests of the bus share: a broker of their own, clients that speak raw bytes, bytes written as
 // text.
-#ifndef TESTS_UNIT_BUS_BUS_TEST_H
-#define TESTS_UNIT_BUS_BUS_TEST_H
+#pragma once
 
 #include <map>
 #include <memory>
@@ -14,7 +13,7 @@
 
 #include <libubus.h>
 
-constexpr int kWaitMs = 10000; // for what must come; only a failing test waits so long
+constexpr int WAIT_MS = 10000; // for what must come; only a failing test waits so long
 
 using Bytes = std::vector<uint8_t>;
 
@@ -113,5 +112,3 @@ protected:
     BrokerProcess broker_;
     const char *path_ = broker_.path();
 };
-
-#endif

@@ -46,8 +46,8 @@ int ask_back(ubus_context *ctx, ubus_object *, ubus_request_data *, const char *
     return UBUS_STATUS_OK;
 }
 
-const ubus_method kMethods[] = {UBUS_METHOD_NOARG("note", note), UBUS_METHOD_NOARG("echo", echo),
-                                UBUS_METHOD_NOARG("defer", defer), UBUS_METHOD_NOARG("ask_back", ask_back)};
+const ubus_method METHODS[] = {UBUS_METHOD_NOARG("note", note), UBUS_METHOD_NOARG("echo", echo),
+                               UBUS_METHOD_NOARG("defer", defer), UBUS_METHOD_NOARG("ask_back", ask_back)};
 
 void turn(int times)
 {
@@ -59,7 +59,7 @@ void turn(int times)
 // Turns the loop until so much was seen.
 void run_until(size_t count)
 {
-    for (int i = 0; i < kWaitMs / 5 && seen.size() < count; i++) {
+    for (int i = 0; i < WAIT_MS / 5 && seen.size() < count; ++i) {
         turn(1);
     }
 }
@@ -92,9 +92,9 @@ protected:
     }
     ubus_context *ctx_ = nullptr;
     uint32_t id_ = 0;
-    ubus_object_type type_ = UBUS_OBJECT_TYPE("server", kMethods);
+    ubus_object_type type_ = UBUS_OBJECT_TYPE("server", METHODS);
     ubus_object server_ = {
-        .name = "server", .type = &type_, .methods = kMethods, .n_methods = ARRAY_SIZE(kMethods)};
+        .name = "server", .type = &type_, .methods = METHODS, .n_methods = ARRAY_SIZE(METHODS)};
     ubus_event_handler listener_ = {};
 };
 
@@ -256,7 +256,7 @@ TEST_F(ClientTest, SurvivesTheBrokersRestart)
 TEST_F(ClientTest, LosingTheBrokerEndsTheLoopOnceAllIsRead)
 {
     RawClient peer(path_);
-    for (int i = 0; i < 20; i++) { // more than is read at once
+    for (int i = 0; i < 20; ++i) { // more than is read at once
         EXPECT_TRUE(peer.write(event_message("event", 2000)));
     }
     EXPECT_TRUE(peer.ping());
@@ -315,7 +315,7 @@ TEST_F(ClientTest, CommandLine)
     // Events are printed as they come; the end of the broker ends it.
     FILE *listening = start_ubus(at + "listen 'ev*' other");
     RawClient peer(path_);
-    for (int i = 0; i < kWaitMs / 50 && !has_output(listening, 50); i++) {
+    for (int i = 0; i < WAIT_MS / 50 && !has_output(listening, 50); ++i) {
         EXPECT_EQ(peer.send_event("event"), UBUS_STATUS_OK);
     }
     for (const char *event : {"event", "nothing", "other"}) {

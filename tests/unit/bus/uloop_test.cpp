@@ -70,7 +70,7 @@ TEST_F(Uloop, HungUpDescriptorIsReportedOnce)
 {
     static int calls;
     Pipe *p = new_pipe([](uloop_fd *, unsigned) { calls++; });
-    for (int i = 0; i < 3; i++) {
+    for (int i = 0; i < 3; ++i) {
         uloop_run_timeout(1);
     }
     EXPECT_EQ(calls, 1);

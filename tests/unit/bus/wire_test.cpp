@@ -15,40 +15,40 @@ namespace {
 using std::string;
 
 // Message headers are "version type seq peer"; these are the blobs after them.
-const string kEmpty = "00000004";
-const string kStatusOk = "0000000c 01000008 00000000";
-const string kPermissionDenied = "0000000c 01000008 00000006";
-const string kNotFound = "0000000c 01000008 00000004";
+const string EMPTY = "00000004";
+const string STATUS_OK = "0000000c 01000008 00000000";
+const string PERMISSION_DENIED = "0000000c 01000008 00000006";
+const string NOT_FOUND = "0000000c 01000008 00000004";
 
 // An object "test.obj" with methods args (name: String, on: Boolean) and get.
-const string kPath = "0200000d 'test.obj' 00 000000";
-const string kSignature = "0600003c 8200002c 0004 'args' 0000 85000010 0004 'name' 0000 00000003"
-                          "85000010 0002 'on' 00000000 00000007 8200000c 0003 'get' 000000";
-const string kAddObject = "00000050" + kPath + kSignature;
-const string kObject = "0000000c 03000008 [object]";
-const string kObjectAndType = "00000014 03000008 [object] 05000008 [type]";
-const string kLookup = "00000014" + kPath;
-const string kLookedUp = "00000060" + kPath + "03000008 [object] 05000008 [type]" + kSignature;
+const string PATH = "0200000d 'test.obj' 00 000000";
+const string SIGNATURE = "0600003c 8200002c 0004 'args' 0000 85000010 0004 'name' 0000 00000003"
+                         "85000010 0002 'on' 00000000 00000007 8200000c 0003 'get' 000000";
+const string ADD_OBJECT = "00000050" + PATH + SIGNATURE;
+const string OBJECT = "0000000c 03000008 [object]";
+const string OBJECT_AND_TYPE = "00000014 03000008 [object] 05000008 [type]";
+const string LOOKUP = "00000014" + PATH;
+const string LOOKED_UP = "00000060" + PATH + "03000008 [object] 05000008 [type]" + SIGNATURE;
 
 // A call of args { name: "abc", raw: 5 bytes }, its reply { ok: true } and its status.
-const string kArgs =
+const string ARGS =
     "07000028 83000010 0004 'name' 0000 'abc' 00 80000011 0003 'raw' 000000 0102030405 000000";
-const string kCall = "00000040 03000008 [object] 04000009 'args' 00 000000" + kArgs;
-const string kReply = "00000020 03000008 [object] 07000014 8700000d 0002 'ok' 00000000 01 000000";
-const string kCallStatus = "00000014 01000008 00000006 03000008 [object]";
-const string kCallUnknown = "00000018 03000008 00012345 04000006 'm' 00 0000 07000004";
+const string CALL = "00000040 03000008 [object] 04000009 'args' 00 000000" + ARGS;
+const string REPLY = "00000020 03000008 [object] 07000014 8700000d 0002 'ok' 00000000 01 000000";
+const string CALL_STATUS = "00000014 01000008 00000006 03000008 [object]";
+const string CALL_UNKNOWN = "00000018 03000008 00012345 04000006 'm' 00 0000 07000004";
 
 // Events: the object that listens, its pattern, one sent and received, one that only the broker may send.
-const string kListener = "0000000c 03000008 [listener]";
-const string kRegister = "0000004c 03000008 00000001 0400000d 'register' 00 000000"
-                         "07000030 85000014 0006 'object' 00000000 [listener]"
-                         "83000018 0007 'pattern' 000000 'event.*' 00";
-const string kSend =
+const string LISTENER = "0000000c 03000008 [listener]";
+const string REGISTER = "0000004c 03000008 00000001 0400000d 'register' 00 000000"
+                        "07000030 85000014 0006 'object' 00000000 [listener]"
+                        "83000018 0007 'pattern' 000000 'event.*' 00";
+const string SEND =
     "0000004c 03000008 00000001 04000009 'send' 00 000000 07000034 83000014 0002 'id' 00000000"
     "'event.x' 00 8200001c 0004 'data' 0000 85000010 0005 'value' 00 00000007";
-const string kEvent =
+const string EVENT =
     "0000002c 03000008 [listener] 0400000c 'event.x' 00 07000014 85000010 0005 'value' 00 00000007";
-const string kSendUbus =
+const string SEND_UBUS =
     "0000004c 03000008 00000001 04000009 'send' 00 000000 07000034 83000013 0002 'id'"
     "00000000 'ubus.x' 00 00 8200001c 0004 'data' 0000 85000010 0005 'value' 00 00000007";
 
@@ -71,7 +71,7 @@ struct Exchange {
 
 // `about` is the sequence and the peer, both ways the same; data and a status come back.
 Exchange exchange(const string &type, const string &about, const string &request, const string &data = "",
-                  const string &status = kStatusOk)
+                  const string &status = STATUS_OK)
 {
     return {"00" + type + about + request,
             (data.empty() ? "" : "00 02" + about + data) + "00 01" + about + status};
@@ -141,50 +141,50 @@ TEST_F(BrokerTest, SaysTheKnownBytes)
         EXPECT_EQ(heard, hex(bytes(asked.answer, words)));
     };
 
-    ask(owner, exchange("06", "0001 00000000", kAddObject, kObjectAndType), "object");
-    ask(owner, exchange("06", "0002 00000000", kEmpty, kListener), "listener");
-    ask(owner, exchange("05", "0003 00000001", kRegister));
-    ask(caller, exchange("04", "0001 00000000", kLookup, kLookedUp));
-    say(caller, "00 05 0002 [object]" + kCall);
+    ask(owner, exchange("06", "0001 00000000", ADD_OBJECT, OBJECT_AND_TYPE), "object");
+    ask(owner, exchange("06", "0002 00000000", EMPTY, LISTENER), "listener");
+    ask(owner, exchange("05", "0003 00000001", REGISTER));
+    ask(caller, exchange("04", "0001 00000000", LOOKUP, LOOKED_UP));
+    say(caller, "00 05 0002 [object]" + CALL);
     hear(owner,
-         "00 05 0002 [caller] [size] 03000008 [object] 04000009 'args' 00 000000" + hex(own_names()) + kArgs);
-    say(owner, "00 02 0002 [caller]" + kReply);
-    hear(caller, "00 02 0002 [object]" + kReply);
-    say(owner, "00 01 0002 [caller]" + kCallStatus);
-    hear(caller, "00 01 0002 [object]" + kCallStatus);
-    ask(caller, exchange("05", "0005 00012345", kCallUnknown, "", kNotFound));
+         "00 05 0002 [caller] [size] 03000008 [object] 04000009 'args' 00 000000" + hex(own_names()) + ARGS);
+    say(owner, "00 02 0002 [caller]" + REPLY);
+    hear(caller, "00 02 0002 [object]" + REPLY);
+    say(owner, "00 01 0002 [caller]" + CALL_STATUS);
+    hear(caller, "00 01 0002 [object]" + CALL_STATUS);
+    ask(caller, exchange("05", "0005 00012345", CALL_UNKNOWN, "", NOT_FOUND));
 
-    ask(caller, exchange("05", "0003 00000001", kSend));
-    hear(owner, "00 05 0001 00000000" + kEvent);
-    ask(caller, exchange("05", "0004 00000001", kSendUbus, "", kPermissionDenied));
+    ask(caller, exchange("05", "0003 00000001", SEND));
+    hear(owner, "00 05 0001 00000000" + EVENT);
+    ask(caller, exchange("05", "0004 00000001", SEND_UBUS, "", PERMISSION_DENIED));
 
-    ask(owner, exchange("07", "0004 00000000", kListener, kListener));
+    ask(owner, exchange("07", "0004 00000000", LISTENER, LISTENER));
     words["watcher"] = caller.add_object(nullptr);
     EXPECT_EQ(caller.listen(words["watcher"], "ubus.object.*"), UBUS_STATUS_OK);
-    ask(owner, exchange("07", "0005 00000000", kObject, kObjectAndType));
+    ask(owner, exchange("07", "0005 00000000", OBJECT, OBJECT_AND_TYPE));
     hear(caller,
          "00 05 0002 00000000 00000050 03000008 [watcher] 04000017 'ubus.object.remove' 00 00 0700002c"
          "85000010 0002 'id' 00000000 [object] 83000015 0004 'path' 0000 'test.obj' 00 000000");
-    ask(owner, exchange("04", "0006 00000000", kLookup, "", kNotFound));
+    ask(owner, exchange("04", "0006 00000000", LOOKUP, "", NOT_FOUND));
 }
 
 TEST(Wire, ClientSaysTheKnownBytes)
 {
     const Words words = {{"client", 0x1001}, {"object", 0x2001}, {"listener", 0x2002}, {"type", 0x3001}};
     const Exchange script[] = {
-        exchange("06", "0001 00000000", kAddObject, kObjectAndType),
-        exchange("06", "0002 00000000", kEmpty, kListener),
-        exchange("05", "0003 00000001", kRegister),
-        exchange("04", "0004 00000000", kLookup, kLookedUp),
-        exchange("05", "0005 [object]", kCall, kReply, kCallStatus),
-        exchange("05", "0006 00012345", kCallUnknown, "", kNotFound),
+        exchange("06", "0001 00000000", ADD_OBJECT, OBJECT_AND_TYPE),
+        exchange("06", "0002 00000000", EMPTY, LISTENER),
+        exchange("05", "0003 00000001", REGISTER),
+        exchange("04", "0004 00000000", LOOKUP, LOOKED_UP),
+        exchange("05", "0005 [object]", CALL, REPLY, CALL_STATUS),
+        exchange("05", "0006 00012345", CALL_UNKNOWN, "", NOT_FOUND),
         // An event and a call come in between: the call alone is answered.
-        {"00 05 0007 00000001" + kSend,
-         "00 05 0001 00000000" + kEvent + "00 05 0102 00005005" + kCall + "00 01 0007 00000001" + kStatusOk},
-        {"00 02 0102 00005005" + kReply, ""},
-        {"00 01 0102 00005005" + kCallStatus, ""},
-        exchange("07", "0008 00000000", kListener, kListener),
-        exchange("07", "0009 00000000", kObject, kObjectAndType)};
+        {"00 05 0007 00000001" + SEND,
+         "00 05 0001 00000000" + EVENT + "00 05 0102 00005005" + CALL + "00 01 0007 00000001" + STATUS_OK},
+        {"00 02 0102 00005005" + REPLY, ""},
+        {"00 01 0102 00005005" + CALL_STATUS, ""},
+        exchange("07", "0008 00000000", LISTENER, LISTENER),
+        exchange("07", "0009 00000000", OBJECT, OBJECT_AND_TYPE)};
     const string path = socket_path();
     const int listening = socket(AF_UNIX, SOCK_STREAM, 0);
     sockaddr_un address = {.sun_family = AF_UNIX};
@@ -193,7 +193,7 @@ TEST(Wire, ClientSaysTheKnownBytes)
     ASSERT_EQ(listen(listening, 1), 0);
     std::thread broker([&] {
         RawClient client(accept(listening, nullptr, nullptr));
-        EXPECT_TRUE(client.write(bytes("00 00 0000 [client]" + kEmpty, words)));
+        EXPECT_TRUE(client.write(bytes("00 00 0000 [client]" + EMPTY, words)));
         for (const Exchange &step : script) {
             const auto m = client.receive();
             EXPECT_EQ(m ? hex(m->raw) : "nothing", hex(bytes(step.request, words)));
@@ -230,10 +230,10 @@ TEST(Wire, ClientSaysTheKnownBytes)
     const auto on_reply = [](ubus_request *req, int, blob_attr *msg) {
         *static_cast<size_t *>(req->priv) = blob_len(msg);
     };
-    EXPECT_EQ(ubus_invoke(ctx, id, "args", args, on_reply, &reply_len, kWaitMs),
+    EXPECT_EQ(ubus_invoke(ctx, id, "args", args, on_reply, &reply_len, WAIT_MS),
               UBUS_STATUS_PERMISSION_DENIED);
     EXPECT_EQ(reply_len, 16U);
-    EXPECT_EQ(ubus_invoke(ctx, 0x12345, "m", nullptr, nullptr, nullptr, kWaitMs), UBUS_STATUS_NOT_FOUND);
+    EXPECT_EQ(ubus_invoke(ctx, 0x12345, "m", nullptr, nullptr, nullptr, WAIT_MS), UBUS_STATUS_NOT_FOUND);
 
     Blob event;
     blobmsg_add_u32(&event.buf, "value", 7);
@@ -252,14 +252,14 @@ TEST(Wire, ClientSaysTheKnownBytes)
 // Whatever comes near a valid message: the sender may be dropped, the broker and a bystander may not.
 TEST_F(BrokerTest, SurvivesWhatIsNearlyRight)
 {
-    const string blobs[] = {kAddObject, kLookup, kCall,  kReply,    kCallStatus,
-                            kListener,  kEmpty,  kEvent, kRegister, kSend};
+    const string blobs[] = {ADD_OBJECT, LOOKUP, CALL,  REPLY,    CALL_STATUS,
+                            LISTENER,   EMPTY,  EVENT, REGISTER, SEND};
     RawClient bystander(path_);
     std::mt19937 random(20110601);
     const auto below = [&](size_t n) { return random() % n; };
     std::unique_ptr<RawClient> client;
     Words words = {{"type", 1234}};
-    for (int round = 0; round < 5000; round++) {
+    for (int round = 0; round < 5000; ++round) {
         if (!client || below(50) == 0) {
             client = std::make_unique<RawClient>(path_);
             words["object"] = client->add_object(nullptr);
@@ -270,7 +270,7 @@ TEST_F(BrokerTest, SurvivesWhatIsNearlyRight)
         if (below(2)) {
             mutant[1] = static_cast<uint8_t>(below(__UBUS_MSG_LAST + 1));
         }
-        for (size_t n = below(4); n > 0; n--) {
+        for (size_t n = below(4); n > 0; --n) {
             mutant[11 + below(mutant.size() - 11)] = static_cast<uint8_t>(below(2) ? below(16) : random());
         }
         const bool written = client->write(mutant);

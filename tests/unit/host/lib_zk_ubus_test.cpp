@@ -39,7 +39,7 @@ pid_t start_broker(const std::string &path, const char *delay_seconds = "0")
 // Runs the loop until `done`; false when that takes absurdly long.
 bool run_until(const std::function<bool()> &done)
 {
-    for (int turns = 0; turns < 1500; turns++) {
+    for (int turns = 0; turns < 1500; ++turns) {
         if (done()) {
             return true;
         }
@@ -188,7 +188,7 @@ TEST_F(BusWrapper, EventsArriveAllAndInOrder)
     Listener listener;
     listen_by_peer(&listener);
     constexpr size_t EVENTS = 1000; // more answers than the socket takes, and an end right after
-    for (size_t i = 0; i < EVENTS; i++) {
+    for (size_t i = 0; i < EVENTS; ++i) {
         EXPECT_EQ(lib_zk_ubus_send_event(ctx_, "event", message(std::to_string(i))), 0);
         if (i % 100 == 0) {
             uloop_run_timeout(0);
@@ -197,7 +197,7 @@ TEST_F(BusWrapper, EventsArriveAllAndInOrder)
     EXPECT_EQ(lib_zk_ubus_exit(ctx_), 0);
     ctx_ = nullptr;
     ASSERT_TRUE(run_until([&] { return listener.records.size() >= EVENTS; }));
-    for (size_t i = 0; i < EVENTS; i++) {
+    for (size_t i = 0; i < EVENTS; ++i) {
         EXPECT_EQ(listener.records[i], std::to_string(i));
     }
 }
@@ -246,7 +246,7 @@ TEST_F(BusWrapper, ComesBackWhenTheBrokerDoes)
     }
     ASSERT_EQ(lib_zk_ubus_register_event_handler(ctx_, gone.get(), "*"), 0);
 
-    for (int round = 0; round < 2; round++) {
+    for (int round = 0; round < 2; ++round) {
         peer_.reset();
         kill_broker();
         // Whether the loop has noticed or not, nothing blocks, and what is asked for is done later.
