@@ -51,8 +51,10 @@ void end_soon(int signal)
         end_commands();
         _exit(EXIT_SUCCESS);
     }
-    uloop_end();
-    alarm(patience_s);
+    if (!uloop_cancelled) {
+        uloop_end();
+        alarm(patience_s);
+    }
 }
 
 } // namespace

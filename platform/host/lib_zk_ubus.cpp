@@ -3,7 +3,6 @@
 #include "platform/lib_zk_ubus.h"
 
 #include <algorithm>
-#include <csignal>
 #include <cstdlib>
 #include <list>
 #include <string>
@@ -239,8 +238,7 @@ void connection_lost(ubus_context *ctx)
     uloop_timeout_set(&bus.retry, RETRY_MS);
 }
 
-// Connecting sets up the loop, and from then on SIGINT and SIGTERM only end the loop, which does not run yet.
-// While there is no broker they must go on ending the process.
+// Null when a signal ended the loop before it ran.
 ubus_context *wait_for_broker()
 {
     ubus_context *ctx = ubus_connect(socket_path());
@@ -250,8 +248,7 @@ ubus_context *wait_for_broker()
     log_state("there is no broker yet, waiting for it");
     do {
         if (uloop_cancelled) {
-            uloop_done();
-            raise(SIGTERM);
+            return nullptr;
         }
         timespec pause{.tv_sec = 0, .tv_nsec = RETRY_MS * 1'000'000L};
         nanosleep(&pause, nullptr);
@@ -270,6 +267,9 @@ int lib_zk_ubus_init(struct ubus_context **ctx)
     }
     uloop_handle_sigchld = false; // the caller's choice stands: its shell commands are reaped by the kernel
     bus.context = wait_for_broker();
+    if (bus.context == nullptr) {
+        return UBUS_STATUS_CONNECTION_FAILED;
+    }
     bus.connected = true;
     bus.context->connection_lost = connection_lost;
     ubus_add_uloop(bus.context);
