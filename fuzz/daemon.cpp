@@ -41,6 +41,8 @@ constexpr const char *STORED[][2] = {
 void start_daemon(uint8_t profile)
 {
     fake::reset();
+    fake::platform().log_level = 3;
+    fake::platform().keep_calls = false;
     fake::platform().carrier = profile % 4;
     fake::platform().objects = {WAN, WAN_IP};
     for (const auto &[path, value] : STORED) {
@@ -51,8 +53,6 @@ void start_daemon(uint8_t profile)
     }
     set_command_output({});
     ovani_start(0, nullptr, [](void *(*)(void *)) { return 0; });
-    fake::platform().log.clear();
-    fake::platform().calls.clear();
 }
 
 namespace {

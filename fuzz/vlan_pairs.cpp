@@ -8,6 +8,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     constexpr int port = 1;
     start_daemon(1);
+    fake::platform().keep_calls = true;
     auto text = text_of({data, size});
     int lan[MAX_VLAN_PAIRS] = {};
     int wan[MAX_VLAN_PAIRS] = {};

@@ -94,6 +94,9 @@ std::ostream &operator<<(std::ostream &out, OP_DEVFUNC mode)
 template <typename... Word>
 int record(const char *name, const Word &...words)
 {
+    if (!current.keep_calls && !current.fail) {
+        return 0;
+    }
     std::scoped_lock lock(in_use);
     std::ostringstream text;
     text << name;
@@ -146,6 +149,9 @@ void send(const std::string &name, const blob_buf &message)
 {
     const char *head = reinterpret_cast<const char *>(message.head);
     current.sent.push_back({name, {head, head + blob_raw_len(message.head)}});
+    if (!current.keep_trace) {
+        return;
+    }
     blob_attr *member = nullptr;
     auto rest = static_cast<size_t>(blob_len(message.head));
     __blob_for_each_attr(member, blob_data(message.head), rest)
@@ -190,6 +196,9 @@ extern "C" {
 
 void zk_mod_log_printf(const char *module, int level, const char *fmt, ...)
 {
+    if (level > platform().log_level) {
+        return;
+    }
     char text[4096];
     va_list args;
     va_start(args, fmt);

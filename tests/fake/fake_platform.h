@@ -57,6 +57,9 @@ struct Platform {
     std::vector<std::string> written; // names of the parameters of the last batch written, in order
     std::vector<std::string> trace;   // log lines, calls and messages in one order; only while it is kept
     bool keep_trace = false;
+    // For who wants speed: log lines above this level are not even formatted, and calls are not noted.
+    int log_level = 7;
+    bool keep_calls = true;
 
     // Called with each entry of `calls`; a non-zero result is what the call then fails with.
     std::function<int(const std::string &call)> fail;
