@@ -165,10 +165,9 @@ void add_kinds(CLI::App *emit, const std::shared_ptr<Arguments> &args, const Sen
 
 // --- Many events
 
-constexpr char LINES_FORMAT[] =
-    R"(A line holds the words that would follow "emit", with blanks between them; empty lines and those that begin
-with # are for people. In a word \\ stands for \ and \xNN for any byte; "" stands for an empty word. The first line
-that is wrong ends the command.)";
+constexpr char LINES_FORMAT[] = R"(A line holds the words that would follow "emit", with blanks between them;
+empty lines and those that begin with # are for people. In a word \\ stands for \ and
+\xNN for any byte; "" stands for an empty word. The first wrong line ends the command.)";
 
 // The words of a line, last first, as the parser takes them.
 std::vector<std::string> words_of(std::string_view line)

@@ -1,153 +1,159 @@
-"""LAN policy: ports, VLAN bindings, hosts' ceilings and aliases, by the methods of the bus; what the drivers were
-asked is the evidence."""
+"""LAN policy: ports, VLAN bindings, hosts' ceilings and aliases, by the methods of the bus and by ovanictl as a front
+end; what the drivers were asked is the evidence."""
 
 import json
-import unittest
+import os
+import re
 
-from gateway import HOSTS, Gateway, mac, setUpModule, wait_for  # noqa: F401
+from gateway import HOSTS, OPERATORS, ROOT, GatewayTest, mac
 
 LAN = "InternetGatewayDevice.LANDevice.1."
 ETHERNET = LAN + "LANEthernetInterfaceConfig."
 CM = "InternetGatewayDevice.LANInterfaces."
-MESH_MODE = LAN + "WLANMeshConfiguration.MeshMode"
+MESH = LAN + "WLANMeshConfiguration."
 PORT, HOST = "ovani_devfuc_port_cfg", "set_lanhost_config"
 
 
-class Policy(unittest.TestCase):
-    def up(self, operator):
-        self.gateway = Gateway(operator=operator)
-        self.addCleanup(self.gateway.close)
-        return self.gateway
+def read_sample(operator):
+    """An operator's sample, the VLANs it binds by port, and the path and the prefix of its Ethernet ports' bindings."""
+    with open(os.path.join(ROOT, "tools", "samples", operator + ".conf"), encoding="utf-8") as file:
+        sample = file.read()
+    bound, places = {}, {}
+    for path, table, port, prefix, pairs in re.findall(
+            r"^(\S+\.(LANEthernetInterfaceConfig|WLANConfiguration)\.)(\d+)\.(X_\S+)_VLAN=(\S+)$", sample, re.M):
+        name = {"WLANConfiguration": "Wi-Fi "}.get(table, "LAN") + port
+        bound[name] = {int(lan): int(wan) for lan, wan in (pair.split("/") for pair in pairs.split(","))}
+        places[table] = path, prefix
+    return sample, bound, *places["LANEthernetInterfaceConfig"]
 
-    def call(self, method, message):
+
+class Policy(GatewayTest):
+    def call(self, method, url, data):
         """A method of the daemon; its status, by the command line client's exit."""
+        message = {k: v for k, v in (("url", url), ("data", data)) if v is not None}
         return self.gateway.exec("ubus", "call", "ovani", method, json.dumps(message), check=False).returncode
 
     def ports(self):
         return {port["port"]: port for port in json.loads(self.gateway.ctl("ports", "--json"))}
 
-    def bindings(self, port):
-        return {b["lan_vlan"]: b["wan_vlan"] for b in self.ports()[port]["bindings"]} if port in self.ports() else {}
+    def port(self, name, *fields):
+        return [self.ports()[name][field] for field in fields]
+
+    def bindings(self):
+        found = {name: {b["lan_vlan"]: b["wan_vlan"] for b in port["bindings"]} for name, port in self.ports().items()}
+        return {name: bindings for name, bindings in found.items() if bindings}
 
     def limits(self):
         return {device["mac"]: device for device in json.loads(self.gateway.ctl("limits", "--json"))}
 
-    def host(self, number):
-        """Brings a host; its object's path."""
-        self.gateway.emit("mac", "add", mac(number))
-        self.gateway.emit("arp", "add", f"192.168.1.{number}", mac(number))
-        return f"{HOSTS}Host.{self.gateway.host_with(mac(number), Active='1')['instance']}."
-
     def test_each_operator_from_its_sample(self):
-        # What is bound at start-up, what a binding's names are, and whether Enable and the MAC limit are heeded.
-        for operator, voice, bound, url, prefix in (
-                ("cm", 46, {"LAN2": {48: 48}, "LAN3": {10: 41, 20: 48}, "Wi-Fi 2": {30: 41}},
-                 CM + "LANEthernetInterfaceConfig.", "X_CMCC"),
-                ("ct", 46, {"LAN2": {45: 45}, "LAN3": {10: 41, 20: 45}, "Wi-Fi 2": {30: 41}}, ETHERNET, "X_CT-COM"),
-                ("cu", 3961, {"LAN2": {3964: 3964}, "LAN3": {10: 4093, 20: 3964}}, ETHERNET, "X_CU")):
+        for operator in OPERATORS:
             with self.subTest(operator=operator):
-                gw = self.up(operator)
-                wait_for(lambda: gw.exec("ubus", "list", check=False).stdout.count("ovani"), "the daemon")
-                self.assertEqual({name: self.bindings(name) for name in self.ports() if self.bindings(name)}, bound)
-                self.assertEqual([self.ports()["LAN2"][n] for n in ("auto", "rate", "duplex")], [False, 100, "Full"])
-                self.assertEqual([self.ports()["LAN1"][n] for n in ("auto", "rate", "duplex")], [True, 1000, "Half"])
-                television = self.ports()["LAN2"]["bindings"][0]
+                sample, bound, url, prefix = read_sample(operator)
+                gw = self.gateway = self.up(operator=operator)
+                self.assertEqual(self.bindings(), bound)
+                self.assertEqual(self.port("LAN2", "auto", "rate", "duplex"), [False, 100, "Full"])
+                self.assertEqual(self.port("LAN1", "auto", "rate", "duplex"), [True, 1000, "Half"])
+                [television] = self.ports()["LAN2"]["bindings"]  # in every sample
                 self.assertEqual([television[n] for n in ("service", "type", "priority")], ["IPTV", "BRIDGE", 5])
-                self.assertEqual(len(self.limits()), 19 if operator == "ct" else 0)
+                self.assertEqual(len(self.limits()), 19 if "X_QV_SpeedLimit=1" in sample else 0)
 
-                for text, mode, expected in ((f"7/{voice},x,8/{voice}", "1", {7: voice, 8: voice}), ("x", "1", {}),
-                                             (f"9/{voice},4095/{voice}", "1", {9: voice}), ("NULL", "1", {}),
-                                             (f"9/{voice}", "", {9: voice}), ("", "0", {})):
-                    data = {f"{prefix}_VLAN": text, f"{prefix}_Mode": mode}
-                    self.assertEqual(self.call(PORT, {"url": url + "4.", "data": data}), 0)
-                    self.assertEqual(self.bindings("LAN4"), expected, text)
-                self.call(PORT, {"url": ETHERNET + "1.", "data": {"Enable": "0", "X_CMCC_MACAddressNum": "7"}})
-                port = self.ports()["LAN1"]
-                self.assertEqual((port["enabled"], port["mac_limit"]), (False, 7) if operator == "cm" else (None, None))
-
+                wan = television["wan_vlan"]
+                for text, mode, expected in ((f"7/{wan},x,8/{wan}", "1", {7: wan, 8: wan}), ("x", "1", {}),
+                                             (f"9/{wan},10/4000,4095/{wan}", "1", {9: wan}), ("NULL", "1", {}),
+                                             (f"9/{wan}", "", {9: wan}), (f"5/{wan}", "", {5: wan}), ("", "0", {})):
+                    self.assertEqual(self.call(PORT, url + "4.", {f"{prefix}_VLAN": text, f"{prefix}_Mode": mode}), 0)
+                    self.assertEqual(self.bindings().get("LAN4", {}), expected, text)
                 # The SSIDs' numbers follow the four Ethernet ports'.
                 for path in (CM + "WLANConfiguration.3.", LAN + "WLANConfiguration.3."):
-                    self.call(PORT, {"url": path, "data": {f"{prefix}_VLAN": f"5/{voice}", f"{prefix}_Mode": "1"}})
-                    self.assertEqual(self.bindings("Wi-Fi 3"), {5: voice})
-                    self.call(PORT, {"url": path, "data": {f"{prefix}_Mode": "0"}})
-                    self.assertEqual(self.bindings("Wi-Fi 3"), {})
+                    self.call(PORT, path, {f"{prefix}_VLAN": f"5/{wan}", f"{prefix}_Mode": "1"})
+                    self.assertEqual(self.bindings()["Wi-Fi 3"], {5: wan})
+                    self.call(PORT, path, {f"{prefix}_Mode": "0"})
+                    self.assertNotIn("Wi-Fi 3", self.bindings())
 
-    def test_leaving_means_what_the_operator_says(self):
-        for operator, deleted in (("ct", True), ("cm", False), ("cu", False)):
-            with self.subTest(operator=operator):
-                gw = self.up(operator)
-                first = self.host(1)
-                gw.emit("mac", "del", mac(1))
-                gw.settle_daemon()
-                if deleted:
-                    self.assertEqual((gw.host(mac(1)), gw.entries()), (None, 0))
-                else:
-                    self.assertEqual([gw.host(mac(1))[n] for n in ("Active", "LeaseTimeRemaining")], ["0", "0"])
-                second = self.host(2)
-                self.assertEqual((second == first, gw.entries()), (deleted, 1 if deleted else 2))
-                self.assertNotEqual(self.host(1), second)
+                # Only an operator who limits a port's MACs may switch it off.
+                gw("plug", "4", "host", "--mac", mac(1), "dhcp", "study")
+                gw.host_with(mac(1), Active="1")
+                for rate, duplex, expected in (("100", "Full", [False, 100, "Full"]),
+                                               ("Auto", "Auto", [True, 0, "None"])):
+                    self.assertEqual(gw.ctl("set", ETHERNET + "4.", "MaxBitRate=" + rate, "DuplexMode=" + duplex),
+                                     PORT + ": Success\n")
+                    self.assertEqual(self.port("LAN4", "auto", "rate", "duplex"), expected)
+                self.call(PORT, url + "4.", {f"{prefix}_MACAddressNum": "7"})
+                gw.ctl("set", ETHERNET + "4.Enable", "0")
+                heeded = "_MACAddressNum=" in sample
+                self.assertEqual(self.port("LAN4", "enabled", "mac_limit"), [False, 7] if heeded else [None, None])
+                if heeded:
+                    gw.wait_for_host(mac(1), lambda host: not host or host["Active"] == "0", "to leave")
+                gw.ctl("set", ETHERNET + "4.Enable", "1")
+                gw.host_with(mac(1), Active="1")
 
     def test_a_wan_change_sets_the_mac_limits_again_and_binds_nothing(self):
-        gw = self.up("cm")
-        wait_for(lambda: self.bindings("LAN3"), "the bindings")
+        gw = self.gateway = self.up(operator="cm")
+        bound = self.bindings()
         gw.ctl("set", "InternetGatewayDevice.X_QV_Driver.LANPort.3.MACLimit", "99")
-        gw.ctl("set", "InternetGatewayDevice.WANDevice.1.WANConnectionDevice.1.WANPPPConnection.2.", "X_CMCC_VLANIDMark=42")
-        gw.emit("wan")
+        connection = "InternetGatewayDevice.WANDevice.1.WANConnectionDevice.1.WANPPPConnection.2."
+        gw.ctl("set", connection, "X_CMCC_VLANIDMark=42")
+        gw.emit(("wan",))
         gw.settle_daemon()
-        self.assertEqual((self.ports()["LAN3"]["mac_limit"], self.bindings("LAN3")), (8, {10: 41, 20: 48}))
+        self.assertEqual((self.port("LAN3", "mac_limit"), self.bindings()), ([8], bound))
 
     def test_hosts(self):
-        gw = self.up("cu")
-        path = self.host(1)
+        gw = self.gateway = self.up("watcher", "dhcp")
+        path = gw.bring(1)
         with gw.recording("lanhost_param_change") as announced:
             for data in ({"MaxUSBandwidth": "100"}, {"MaxDSBandwidth": "200"}, {"HostAlias": "study"},
                          {"HostAlias": "书房"}, {"Brand": "x", "Nonsense": "y"}):
-                self.assertEqual(self.call(HOST, {"url": path, "data": data}), 0)
+                self.assertEqual(self.call(HOST, path, data), 0)
             self.assertEqual(len(announced.settle()), 6, "one a parameter, whatever it is")
         self.assertEqual([self.limits()[mac(1)][n] for n in ("max_up", "max_down", "total_up")], [100, 200, None])
         self.assertEqual(gw.get(HOSTS + "HostAliases.1.HostAlias"), "书房")
         self.assertNotIn("HostAliases.2.", gw.get(HOSTS + "HostAliases."))
-        self.assertEqual(self.call(HOST, {"url": HOSTS + "Host.99.", "data": {"MaxUSBandwidth": "1"}}), 0)
-        self.assertEqual(list(self.limits()), [mac(1)])
+        self.assertEqual(self.call(HOST, HOSTS + "Host.99.", {"MaxUSBandwidth": "1"}), 0)
+        # The speed-limit list counts whenever a host it names is updated.
+        gw.exec("sh", "-c", f"echo 512 1024 {mac(1).upper()} >/qvconf/speedlimit_maclist")
+        gw.bring(2)
+        gw.emit(("dhcp", "add", "192.168.1.1", mac(1)))
+        gw.settle_daemon()
+        self.assertEqual({each: (limit["max_up"], limit["max_down"]) for each, limit in self.limits().items()},
+                         {mac(1): (512, 1024)})
+
+    def test_a_mesh_satellite_is_connected_as_the_controller_says(self):
+        gw = self.up()
+        gw.ctl("set", MESH + "MeshMode", "Master")
+        gw.exec("sh", "-c", f"echo {mac(2)} wireless >/qvconf/mesh_repeaters && meshinfo repeater_update")
+        gw.ctl("set", MESH + "Controller.Repeater.1.connect_type", "")
+        gw("plug", "4", "satellite", "--mac", mac(2), "dhcp", "SlaveAP_Attic")
+        gw.host_with(mac(2), X_QV_DeviceType="9", InterfaceType="802.11", ConnectionType="1")
+        self.assertEqual(gw.get(MESH + "Controller.Repeater.1.connect_type"), "wireless")
 
     def test_what_nobody_should_call(self):
-        gw = self.up("cm")
-        path, pid = self.host(1), gw.pid("daemon")
+        gw = self.gateway = self.up(operator="cm")
+        path = gw.bring(1)
         before = gw.ctl("store", "export")
         good = {"X_CMCC_VLAN": "5/41", "X_CMCC_Mode": "1", "MaxUSBandwidth": "1", "MaxBitRate": "10"}
         many = good | {f"n{i}": "v" for i in range(996)}
         for method, right in ((PORT, ETHERNET + "4."), (HOST, path)):
-            for message, accepted in (
-                    ({}, False), ({"url": right}, False), ({"data": good}, False), ({"url": 5, "data": good}, False),
-                    ({"url": right, "data": "x"}, False), ({"url": right, "data": list(good)}, False),
-                    ({"url": right, "data": many}, False),
-                    ({"url": right, "data": {name: 5 for name in good}}, True), ({"url": right, "data": {}}, True),
-                    ({"url": right, "data": {"x" * 500: "y" * 5000}}, True), ({"url": "", "data": good}, True),
-                    ({"url": ETHERNET + "99999999999.", "data": good}, True),
-                    ({"url": HOSTS + "Host.-1.", "data": good}, True), ({"url": "x." * 2000, "data": good}, True)):
-                status = self.call(method, message)
-                self.assertEqual(status == 0, accepted, (method, str(message)[:100]))
-                self.assertEqual(gw.ctl("store", "export"), before, (method, str(message)[:100]))
+            for url, data, accepted in (
+                    (None, None, False), (right, None, False), (None, good, False), (5, good, False),
+                    (right, "x", False), (right, list(good), False), (right, many, False),
+                    (right, dict.fromkeys(good, 5), True), (right, {}, True), (right, {"x" * 500: "y" * 5000}, True),
+                    ("", good, True), (ETHERNET + "99999999999.", good, True), (HOSTS + "Host.-1.", good, True),
+                    ("x." * 2000, good, True)):
+                case = method, str(url)[:100], str(data)[:100]
+                self.assertEqual(self.call(method, url, data) == 0, accepted, case)
+                self.assertEqual(gw.ctl("store", "export"), before, case)
         many.popitem()
-        self.assertEqual(self.call(PORT, {"url": ETHERNET + "4.", "data": many}), 0)
-        self.assertEqual(self.bindings("LAN4"), {5: 41})
-        self.assertEqual(gw.pid("daemon"), pid)
-        self.assertEqual(self.call(PORT, {"url": ETHERNET + "4.", "data": {"X_CMCC_VLAN": "/".join("5" * 200)}}), 0)
-        self.assertEqual(self.bindings("LAN4"), {})
+        for data, expected in ((many, {5: 41}), ({"X_CMCC_VLAN": "/".join("5" * 200)}, {})):
+            self.assertEqual(self.call(PORT, ETHERNET + "4.", data), 0)
+            self.assertEqual(self.bindings().get("LAN4", {}), expected)
 
-
-class Front(unittest.TestCase):
-    """ovanictl as a front end."""
-
-    def test_set_tells_the_daemon_once(self):
-        gw = Gateway(operator="cm")
-        self.addCleanup(gw.close)
-        gw.emit("mac", "add", mac(1))
-        gw.emit("arp", "add", "192.168.1.1", mac(1))
-        path = f"{HOSTS}Host.{gw.host_with(mac(1), Active='1')['instance']}."
+    def test_what_is_set_goes_to_store_and_daemon(self):
+        gw = self.up("watcher", "dhcp")
+        path = gw.bring(1)
         with gw.recording("lanhost_param_change") as announced:
             self.assertEqual(gw.ctl("set", path, "HostAlias=a=b", "OS="), "set_lanhost_config: Success\n")
-            self.assertEqual(len(announced.settle()), 2)
+            self.assertEqual(len(announced.settle()), 2, "one a parameter")
         self.assertEqual(gw.get(HOSTS + "HostAliases.1.HostAlias"), "a=b")
         before = gw.ctl("store", "export")
         for wrong in ((path, "HostAlias"), (path, "HostAlias=x", "None=y"), (path, "HostAlias=x", "Port=" + "9" * 300),
@@ -161,28 +167,23 @@ class Front(unittest.TestCase):
         self.assertIn("no daemon", told.stderr)
 
     def test_export_and_import(self):
-        gw = Gateway(without=["daemon", "dhcp", "watcher", "sysmgr"])
-        self.addCleanup(gw.close)
-        odd = (b"", b"\\x41", b"a=b#c", b"\x01\x7f\xff\r\n\t", "名\u202e".encode(), bytes(range(1, 32)), b" a ")
-        for number, value in enumerate(odd, 1):
-            gw.ctl("set", ETHERNET + "1.X_CU_VLAN", value)
+        gw = self.up("daemon", "dhcp", "watcher", "sysmgr")
+        parameter = ETHERNET + "1.X_CU_VLAN"
+        for value in (b"", b"\\x41", b"a=b#c", b"\x7f\xff", "名\u202e".encode(), bytes(range(1, 32)), b" a "):
+            gw.ctl("set", parameter, value)
             gw.exec("sh", "-c", "ovanictl store export /var/1 && ovanictl set $1 x && ovanictl store import /var/1 &&"
-                    "ovanictl store export /var/2 && cmp /var/1 /var/2", "sh", ETHERNET + "1.X_CU_VLAN")
-            self.assertEqual(json.loads(gw.ctl("get", "--json", ETHERNET + "1.X_CU_VLAN"))[ETHERNET + "1.X_CU_VLAN"],
-                             value.decode(errors="replace"), number)
+                    "ovanictl store export /var/2 && cmp /var/1 /var/2", "sh", parameter)
+            self.assertEqual(json.loads(gw.ctl("get", "--json", parameter)),
+                             {parameter: value.decode(errors="replace")})
         text = gw.exec("cat", "/var/1")
         lines = text.splitlines()
         self.assertEqual([line.split("=")[0] for line in lines], sorted(line.split("=")[0] for line in lines))
         self.assertEqual(lines, [line.strip() for line in lines], "no editor strips anything")
-        good = MESH_MODE + "=Master\n# for people\n\n"
-        for wrong in ("x", "=", ".=", "None=1", MESH_MODE + "=" + "x" * 32, MESH_MODE + "=\\", MESH_MODE + "=\\x0",
-                      MESH_MODE + "=\\x00", MESH_MODE + "=\tx", HOSTS + "HostNumberOfEntries=3", ETHERNET + "1.=2"):
-            refused = gw.exec("sh", "-c", "printf '%s' \"$1\" | ovanictl store import", "sh", good + wrong + "\n" + good,
-                              check=False)
+        mode = MESH + "MeshMode="
+        good = mode + "Master\n# for people\n\n"
+        for wrong in ("x", "=", ".=", "None=1", mode + "x" * 32, mode + "\\", mode + "\\x0", mode + "\\x00",
+                      mode + "\tx", HOSTS + "HostNumberOfEntries=3", ETHERNET + "1.=2"):
+            refused = gw.ctl("store", "import", input=good + wrong + "\n" + good, check=False)
             self.assertEqual(refused.returncode, 1, wrong)
             self.assertIn("-:4: ", refused.stderr, wrong)
         self.assertEqual(gw.ctl("store", "export"), text)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -1,34 +1,29 @@
 """run.sh, and that a simulated gateway leaves nothing behind."""
 
+import contextlib
 import glob
 import os
 import signal
 import subprocess
 import tempfile
-import unittest
 
-from gateway import BUILD, GATEWAY, GBK_NAME, ROOT, Gateway, setUpModule, wait_for  # noqa: F401
+from gateway import BUILD, GATEWAY, GBK_NAME, OPERATORS, ROOT, Gateway, GatewayTest, wait_for
 
 
 def traces(state):
     """Processes that have to do with a gateway, and its files."""
     found = [state] if os.path.exists(state) else []
-    for process in glob.glob("/proc/[0-9]*"):
-        if process == f"/proc/{os.getpid()}":
-            continue
-        for file in ("cmdline", "environ"):
-            try:
-                with open(f"{process}/{file}", "rb") as content:
-                    if state.encode() in content.read():
-                        found.append(process)
-            except OSError:
-                pass  # it has ended
+    for file in glob.glob("/proc/[0-9]*/cmdline") + glob.glob("/proc/[0-9]*/environ"):
+        with contextlib.suppress(OSError), open(file, "rb") as content:  # its process may have ended
+            if state.encode() in content.read() and not file.startswith(f"/proc/{os.getpid()}/"):
+                found.append(file)
     return found
 
 
-class Run(unittest.TestCase):
+class Run(GatewayTest):
+    state = os.path.join(tempfile.gettempdir(), f"ovani-run-test.{os.getpid()}")
+
     def start(self, *options, build=BUILD):
-        self.state = os.path.join(tempfile.gettempdir(), f"ovani-run-test.{os.getpid()}")
         options = [os.path.join(ROOT, "run.sh"), "--build", build, *options]
         return subprocess.Popen(options, text=True, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                                 stderr=subprocess.STDOUT, start_new_session=True,
@@ -38,16 +33,13 @@ class Run(unittest.TestCase):
         wait_for(lambda: not traces(self.state), "everything to be gone")
 
     def test_once(self):
-        for operator, tables in (("ct", (5, 4, 4, 5, 3)), ("cm", (5, 5, 5, 6, 6))):
-            with self.subTest(operator=operator):
-                run = self.start("--once", "--operator", operator)
-                output = run.communicate(timeout=120)[0]
-                self.assertEqual(run.returncode, 0, output)
-                shown = [len([line for line in table.splitlines() if "02:00:00:00:01:" in line])
-                         for table in output.split("NAME ")[1:]]
-                self.assertEqual(tuple(shown), tables, output)
-                self.assertIn(GBK_NAME, output)
-                self.nothing_left()
+        for run in [self.start("--once", "--operator", operator) for operator in OPERATORS]:
+            output = run.communicate(timeout=120)[0]
+            self.assertEqual(run.returncode, 0, output)
+            tables = [table.count("02:00:00:00:01:") for table in output.split("NAME ")[1:]]
+            self.assertEqual((len(tables), tables[0]), (5, 5), output)
+            self.assertIn(GBK_NAME, output)
+        self.nothing_left()
 
     def test_once_says_what_is_wrong(self):
         with tempfile.TemporaryDirectory() as build:
@@ -79,7 +71,7 @@ class Run(unittest.TestCase):
     def test_a_gateway_ends_with_its_owner(self):
         owner = subprocess.Popen(["sleep", "infinity"])
         gateway = Gateway.__new__(Gateway)
-        gateway.state = self.state = tempfile.mkdtemp(prefix="ovani-test.")
+        gateway.state = self.state
         try:
             gateway("up", "--build", BUILD, "--owner", str(owner.pid))
             gateway("plug", "1", "device", "static", "192.168.1.10")
@@ -88,8 +80,7 @@ class Run(unittest.TestCase):
             owner.kill()
             owner.wait()
         self.nothing_left()
-        refused = subprocess.run([GATEWAY, "-s", self.state, "status"], capture_output=True, text=True)
-        self.assertEqual(refused.returncode, 1)
+        self.assertEqual(gateway("status", check=False).returncode, 1)
 
     def test_a_directory_of_somebody_else_is_left_alone(self):
         with tempfile.TemporaryDirectory() as directory:
@@ -99,7 +90,3 @@ class Run(unittest.TestCase):
                 done = subprocess.run([GATEWAY, "-s", directory, *command], capture_output=True, text=True)
                 self.assertEqual(done.returncode, 1, done)
             self.assertEqual(os.listdir(directory), ["config"])
-
-
-if __name__ == "__main__":
-    unittest.main()

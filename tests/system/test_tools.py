@@ -2,92 +2,84 @@
 
 import json
 import unicodedata
-import unittest
 
-from gateway import GBK_NAME, HOSTS, Gateway, mac, setUpModule, wait_for  # noqa: F401
+from gateway import GBK_NAME, HOSTS, GatewayTest, mac
 
 CARRIER = "InternetGatewayDevice.DeviceInfo.X_QV_Carrier"
 
 
-class Hook(unittest.TestCase):
+class Hook(GatewayTest):
     def setUp(self):
-        self.gateway = Gateway(without=["daemon", "dhcp"])
-        self.addCleanup(self.gateway.close)
+        self.gateway = self.up("daemon", "dhcp")
 
     def hook(self, *arguments, check=True, **environment):
         settings = [f"DNSMASQ_{name.upper()}=".encode() + value for name, value in environment.items()]
         return self.gateway.exec("env", *settings, "ovani-dhcp-hook", *arguments, check=check)
 
     def test_whatever_a_client_sends(self):
-        gw = self.gateway
-        sent_and_told = (
-            (b"plain", b"MSFT 5.0", "plain", "MSFT 5.0", "Computer"),
-            (b"Pixel", b"android-dhcp-14", "Pixel", "android-dhcp-14", "Phone"),
-            (b'q"uo\'te\\{}', b"$(reboot) `id` %s", 'q"uo\'te\\{}', "$(reboot) `id` %s", ""),
-            (b"a#b#DEL#c", b"#ADD6#", "a_b_DEL_c", "_ADD6_", ""),
-            (b"tab\tnew\nline\x1b[2J\x7f", b"\r\n\x01", "tab_new_line_[2J_", "___", ""),
-            (GBK_NAME.encode(), b"\xff\xfe", GBK_NAME, "\ufffd\ufffd", ""),
-            (b"n" * 2000, b"v" * 60000, "n" * 255, "v" * 255, ""),
-            (b"", b"", "from-lease", "", ""),
-        )
-        with gw.recording("dhcp_user_event") as recorder:
-            for name, vendor, told_name, told_vendor, told_type in sent_and_told:
-                with self.subTest(name=name[:20]):
-                    self.hook("add", mac(1), "192.168.1.7", "from-lease", supplied_hostname=name, vendor_class=vendor,
-                              time_remaining=b"600")
-                    told = recorder.settle()[-1]
-                    self.assertNotIn("#", told.pop("acknowledged"))
-                    self.assertEqual(told, {
-                        "event": "dhcp_user_event", "action": "ADD", "address": "192.168.1.7", "source": "DHCP",
-                        "lease": "600", "name": told_name, "type": told_type, "vendor_class": told_vendor,
-                        "mac": mac(1)})
+        with self.gateway.recording("dhcp_user_event") as recorder:
+            for name, vendor, told_name, told_vendor, told_type in (
+                    (b"plain", b"MSFT 5.0", "plain", "MSFT 5.0", "Computer"),
+                    (b"Pixel", b"android-dhcp-14", "Pixel", "android-dhcp-14", "Phone"),
+                    (b'q"uo\'te\\{}', b"$(reboot) `id` %s", 'q"uo\'te\\{}', "$(reboot) `id` %s", ""),
+                    (b"a#b#DEL#c", b"#ADD6#", "a_b_DEL_c", "_ADD6_", ""),
+                    (b"tab\tnew\nline\x1b[2J\x7f", b"\r\n\x01", "tab_new_line_[2J_", "___", ""),
+                    (GBK_NAME.encode(), b"\xff\xfe", GBK_NAME, "\ufffd\ufffd", ""),
+                    (b"n" * 2000, b"v" * 60000, "n" * 255, "v" * 255, ""),
+                    (b"", b"", "from-lease", "", "")):
+                self.hook("add", mac(1), "192.168.1.7", "from-lease", supplied_hostname=name, vendor_class=vendor,
+                          time_remaining=b"600")
+                [told] = recorder.take()
+                self.assertRegex(told.pop("acknowledged"), r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d$")
+                self.assertEqual(told, {
+                    "event": "dhcp_user_event", "action": "ADD", "address": "192.168.1.7", "source": "DHCP",
+                    "lease": "600", "name": told_name, "type": told_type, "vendor_class": told_vendor,
+                    "mac": mac(1)})
 
     def test_a_lease_from_its_beginning_to_its_end(self):
-        gw = self.gateway
-        with gw.recording("dhcp_user_event") as recorder:
-            def told():
-                last = recorder.settle()[-1]
-                return [last[name] for name in ("action", "lease", "name", "vendor_class", "type")]
-
-            self.hook("add", mac(1), "192.168.1.7", supplied_hostname=b"pc", vendor_class=b"MSFT 5.0",
-                      time_remaining=b"9")
-            self.hook("old", mac(2), "192.168.1.8", "other", time_remaining=b"600")
-            self.assertEqual(told(), ["ADD", "600", "other", "", ""], "one client's data is not another's")
-            self.hook("old", mac(1), "192.168.1.7", "assigned", time_remaining=b"600")
-            self.assertEqual(told(), ["ADD", "600", "pc", "MSFT 5.0", "Computer"])
-            self.hook("old", mac(1), "192.168.1.7", supplied_hostname=b"pc2")
-            self.assertEqual(told(), ["ADD", "-1", "pc2", "MSFT 5.0", "Computer"])
-            self.hook("del", mac(1), "192.168.1.7", "assigned")
-            self.assertEqual(told()[:2], ["DEL", "0"])
-            self.hook("add", mac(1), "192.168.1.7", time_remaining=b"600")
-            self.assertEqual(told(), ["ADD", "600", "", "", ""], "a new lease begins anew")
-
-            count = len(recorder.settle())
+        here, there = (mac(1), "192.168.1.7"), (mac(2), "192.168.1.8")
+        named = {"supplied_hostname": b"pc", "vendor_class": b"MSFT 5.0"}
+        with self.gateway.recording("dhcp_user_event") as recorder:
+            for arguments, environment, told in (
+                    (("add", *here), named | {"time_remaining": b"9"}, ["ADD", "9", "pc", "MSFT 5.0", "Computer"]),
+                    # One client's data is not another's.
+                    (("old", *there, "other"), {"time_remaining": b"600"}, ["ADD", "600", "other", "", ""]),
+                    (("old", *here, "assigned"), {"time_remaining": b"600"},
+                     ["ADD", "600", "pc", "MSFT 5.0", "Computer"]),
+                    (("old", *here), {"supplied_hostname": b"pc2"}, ["ADD", "-1", "pc2", "MSFT 5.0", "Computer"]),
+                    (("del", *here, "assigned"), {}, ["DEL", "0", "pc2", "MSFT 5.0", "Computer"]),
+                    # A new lease begins anew.
+                    (("add", *here), {"time_remaining": b"600"}, ["ADD", "600", "", "", ""])):
+                self.hook(*arguments, **environment)
+                [event] = recorder.take()
+                self.assertEqual([event[name] for name in ("action", "lease", "name", "vendor_class", "type")], told)
             self.hook("add", "00:01:00:01:aa", "fd00::7", iaid=b"1")
             self.hook("tftp", "100", "192.168.1.7", "/file")
             for arguments in ((), ("add",), ("add", "02:00", "192.168.1.7"), ("add", mac(1), "192.168.1")):
                 self.assertEqual(self.hook(*arguments, check=False).returncode, 2)
-            self.assertEqual(len(recorder.settle()), count)
-        gw("stop", "broker")
-        self.assertEqual(self.hook("add", mac(1), "192.168.1.7", check=False).returncode, 1)
+            self.assertEqual(recorder.take(), [])
+        self.gateway("stop", "broker")
+        self.assertEqual(self.hook("add", *here, check=False).returncode, 1)
 
 
-class Ctl(unittest.TestCase):
-    def setUp(self):
-        self.gateway = Gateway()
-        self.addCleanup(self.gateway.close)
-
+class Ctl(GatewayTest):
     def test_the_table_of_hosts(self):
-        gw = self.gateway
+        gw = self.up("watcher", "dhcp")
         evil = b"\x1b[2J\x1b]0;x\x07\xe2\x80\xae\xc2\x9b31m"  # cursor, title, right-to-left, C1
-        names = (GBK_NAME.encode(), b"plain", evil, "名" .encode() * 21)
+        watching = gw.start_inside("ovanictl", "hosts", "--watch", "--events")
+        self.addCleanup(watching.communicate)
+        self.addCleanup(watching.terminate)
+        self.assertIn("NAME", watching.stdout.readline())
+        names = {GBK_NAME.encode(): GBK_NAME, b"plain": "plain", evil: evil.decode(), "名".encode() * 21: "名" * 21,
+                 b"n" * 500: "n" * 127, "电".encode() * 166 + b"nn": "电" * 42 + "\ufffd"}
         for number, name in enumerate(names, 1):
-            gw.emit("mac", "add", mac(number), "--port", "eth1" if number > 1 else "rai0")
-            gw.emit("arp", "add", f"192.168.1.{number}", mac(number))
-            gw.emit("dhcp-text", b"d#ADD#192.168.1.%d#DHCP#t#600#%b#Phone##%b" % (number, name, mac(number).encode()))
+            gw.bring(number, "eth1" if number > 1 else "rai0")
+            gw.emit(("dhcp-text", b"d#ADD#192.168.1.%d#DHCP#t#600#%b#%b#%b#%b" % (
+                number, name, b"t" * len(name), b"c" * len(name), mac(number).encode())))
         gw.settle_daemon()
-        self.assertEqual(gw.host(mac(3))["name"].encode(), evil)
-        self.assertEqual([gw.host(mac(n))["port"] for n in (1, 2)], ["Wi-Fi 5", "LAN2"])
+        hosts = gw.hosts()
+        self.assertEqual([host["name"] for host in hosts.values()], list(names.values()))
+        self.assertEqual([hosts[mac(n)]["port"] for n in (1, 2)], ["Wi-Fi 5", "LAN2"])
 
         lines = gw.ctl("hosts").splitlines()
         self.assertEqual(len(lines), 1 + len(names))
@@ -100,8 +92,14 @@ class Ctl(unittest.TestCase):
         self.assertIn("\\x1B[2J", lines[3])
         self.assertIn("…", lines[4])
 
-    def test_get_and_set(self):
-        gw = self.gateway
+        seen = ""  # the watched table follows
+        while not all(part in seen for part in ("192.168.1.4", "LAN2", "learned")):
+            line = watching.stdout.readline()
+            self.assertTrue(line, seen)
+            seen += line
+
+    def test_commands_right_and_wrong(self):
+        gw = self.up("daemon", "watcher", "dhcp")
         self.assertEqual(gw.get(CARRIER), "1")
         gw.ctl("set", CARRIER, "2")
         self.assertEqual(gw.get(CARRIER), "2")
@@ -116,27 +114,22 @@ class Ctl(unittest.TestCase):
             failed = gw.ctl(*wrong, check=False)
             self.assertEqual((failed.returncode, failed.stdout), (1, ""), wrong)
             self.assertTrue(failed.stderr.startswith("ovanictl: "), failed.stderr)
-        for wrong in ((), ("none",), ("get",), ("emit", "mac", "maybe", mac(1)), ("hosts", "--events")):
+        for wrong in ((), ("none",), ("get",), ("emit",), ("emit", "mac", "maybe", mac(1)), ("hosts", "--events")):
             self.assertEqual(gw.ctl(*wrong, check=False).returncode, 2, wrong)
         for command in ((), ("hosts",), ("get",), ("set",), ("events",), ("emit",), ("emit", "raw"), ("sysmgr",)):
             self.assertIn("Usage: ovanictl", gw.ctl(*command, "--help"))
 
-    def test_the_watched_table_follows(self):
-        gw = self.gateway
-        watching = gw.start_inside("ovanictl", "hosts", "--watch", "--events")
-        try:
-            self.assertIn("NAME", watching.stdout.readline())
-            gw.emit("mac", "add", mac(1), "--port", "eth0")
-            gw.emit("arp", "add", "192.168.1.10", mac(1))
-            seen = ""
-            while not ("192.168.1.10" in seen and "LAN1" in seen and "learned" in seen):
-                line = watching.stdout.readline()
-                self.assertTrue(line, seen)
-                seen += line
-        finally:
-            watching.terminate()
-            watching.communicate()
-
-
-if __name__ == "__main__":
-    unittest.main()
+    def test_lines_of_events(self):
+        gw = self.up("daemon", "watcher", "dhcp")
+        with gw.recording() as recorder:
+            gw.emit(("mac", "add", mac(1), "-p", "eth1"), ("dhcp-text", b"a b\xff\\"), ("dhcp-text", ""), ("wan",),
+                    ("mac", "del", mac(1)))
+            self.assertEqual([e.get("port", e.get("error", e.get("message"))) for e in recorder.take()],
+                             ["eth1", "too few fields: a b\ufffd\\", "too few fields: ", "{}", "eth0"])
+            for wrong in ("mac add 02:00", "none", "--help", "mac maybe " + mac(1), "dhcp-text \\x0", "dhcp-text \t"):
+                failed = gw.ctl("emit", "lines", input=f"wan\n\n# for people\n{wrong}\nwan\n", check=False)
+                self.assertEqual((failed.returncode, failed.stdout), (1, ""), wrong)
+                self.assertTrue(failed.stderr.startswith("ovanictl: line 4: "), failed.stderr)
+                self.assertEqual([event["event"] for event in recorder.take()], ["wan_vlan_info"], wrong)
+        kinds = [line.split()[0] for line in gw.ctl("events", "--list").splitlines()[1:]]
+        self.assertEqual(kinds, [kind["event"] for kind in json.loads(gw.ctl("events", "--list", "--json"))])
