@@ -7,7 +7,6 @@
 #include <ctime>
 #include <fcntl.h>
 #include <sys/epoll.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 bool uloop_cancelled = false;
@@ -18,14 +17,12 @@ namespace {
 constexpr int MAX_EVENTS = 32;
 
 list_head timeouts = LIST_HEAD_INIT(timeouts); // by time
-list_head processes = LIST_HEAD_INIT(processes);
 
 int poll_fd = -1;
 int run_depth = 0;
 
 // Set by signal handlers, on whichever thread the signal came to.
 std::atomic<int> ended_by{0};
-std::atomic<bool> child_ended{false};
 
 // What epoll reported and has not been handed out yet, and the callbacks that are running (one, but for
 // nested loops). Deleting a descriptor takes it out of both, so that no record is touched that may no longer
@@ -49,24 +46,13 @@ void drain(uloop_fd *u, unsigned int /*events*/)
 }
 uloop_fd waker = {.cb = drain, .fd = -1, .eof = false, .error = false, .registered = false, .flags = 0};
 
-void wake()
-{
-    const int saved = errno;
-    [[maybe_unused]] const ssize_t n = write(waker_write, "", 1); // a full pipe wakes as well
-    errno = saved;
-}
-
 void on_end_signal(int signo)
 {
+    const int saved = errno;
     ended_by = signo;
     uloop_cancelled = true;
-    wake();
-}
-
-void on_sigchld(int /*signo*/)
-{
-    child_ended = true;
-    wake();
+    [[maybe_unused]] const ssize_t n = write(waker_write, "", 1); // a full pipe wakes as well
+    errno = saved;
 }
 
 struct TakenSignal {
@@ -78,7 +64,6 @@ TakenSignal signals[] = {
     {on_end_signal, SIGINT, false},
     {on_end_signal, SIGTERM, false},
     {SIG_IGN, SIGPIPE, false},
-    {on_sigchld, SIGCHLD, false},
 };
 
 // Only default dispositions are taken, so what the program chose for itself stays.
@@ -87,7 +72,7 @@ void take_signals()
     for (TakenSignal &s : signals) {
         struct sigaction action = {};
         sigaction(s.signo, nullptr, &action);
-        if (action.sa_handler != SIG_DFL || (s.signo == SIGCHLD && !uloop_handle_sigchld)) {
+        if (action.sa_handler != SIG_DFL) {
             continue;
         }
         action = {};
@@ -137,39 +122,6 @@ void run_due_timeouts()
         uloop_timeout_cancel(t);
         if (t->cb != nullptr) {
             t->cb(t);
-        }
-    }
-}
-
-uloop_process *find_process(pid_t pid)
-{
-    uloop_process *p = nullptr;
-    list_for_each_entry(p, &processes, list)
-    {
-        if (p->pid == pid) {
-            return p;
-        }
-    }
-    return nullptr;
-}
-
-void reap_children()
-{
-    child_ended = false;
-    for (;;) {
-        int status = 0;
-        const pid_t pid = waitpid(-1, &status, WNOHANG);
-        if (pid < 0 && errno == EINTR) {
-            continue;
-        }
-        if (pid <= 0) {
-            return;
-        }
-        while (uloop_process *p = find_process(pid)) {
-            uloop_process_delete(p);
-            if (p->cb != nullptr) {
-                p->cb(p, status);
-            }
         }
     }
 }
@@ -268,9 +220,6 @@ void uloop_done(void)
     while (!list_empty(&timeouts)) {
         uloop_timeout_cancel(list_first_entry(&timeouts, uloop_timeout, list));
     }
-    while (!list_empty(&processes)) {
-        uloop_process_delete(list_first_entry(&processes, uloop_process, list));
-    }
 }
 
 int uloop_run_timeout(int timeout)
@@ -279,9 +228,6 @@ int uloop_run_timeout(int timeout)
     uloop_cancelled = false;
     do {
         run_due_timeouts();
-        if (child_ended) {
-            reap_children();
-        }
         if (uloop_cancelling()) {
             break;
         }
@@ -409,24 +355,4 @@ int uloop_get_next_timeout(void)
     }
     const int64_t left = ms_between(now(), list_first_entry(&timeouts, uloop_timeout, list)->time);
     return left < 0 ? 0 : clamp_to_int(left);
-}
-
-int uloop_process_add(uloop_process *p)
-{
-    if (p->pending) {
-        return -1;
-    }
-    list_add_tail(&p->list, &processes);
-    p->pending = true;
-    return 0;
-}
-
-int uloop_process_delete(uloop_process *p)
-{
-    if (!p->pending) {
-        return -1;
-    }
-    list_del(&p->list);
-    p->pending = false;
-    return 0;
 }

@@ -1,6 +1,5 @@
 /*
- * The event loop: descriptors, timers, children, for one thread. Other threads may exist but keep away from
- * it.
+ * The event loop: descriptors and timers, for one thread. Other threads may exist but keep away from it.
  *
  * The records are the caller's; they must stay where they are while they are registered. A callback may add,
  * delete and free any record, its own included.
@@ -21,11 +20,9 @@ extern "C" {
 
 struct uloop_fd;
 struct uloop_timeout;
-struct uloop_process;
 
 typedef void (*uloop_fd_handler)(struct uloop_fd *u, unsigned int events);
 typedef void (*uloop_timeout_handler)(struct uloop_timeout *t);
-typedef void (*uloop_process_handler)(struct uloop_process *c, int ret);
 
 #define ULOOP_READ (1 << 0)
 #define ULOOP_WRITE (1 << 1)
@@ -54,25 +51,16 @@ struct uloop_timeout {
     struct timeval time;
 };
 
-/* A child whose end is waited for; the callback is told its wait status. Needs uloop_handle_sigchld. */
-struct uloop_process {
-    struct list_head list;
-    bool pending;
-
-    uloop_process_handler cb;
-    pid_t pid;
-};
-
-/* Set to end the loop after the current callback. */
+/* Set to end the loop after the current callback; SIGINT and SIGTERM do. */
 extern bool uloop_cancelled;
 
-/* Whether uloop_init may take SIGCHLD; the loop then reaps every child of the process. True unless changed
- * before uloop_init. */
+/* Whether uloop_init may take SIGCHLD. libubox's loop then reaps every child of the process; this one never takes
+ * it. */
 extern bool uloop_handle_sigchld;
 
 /*
- * Prepares the loop: until uloop_done, SIGINT and SIGTERM end it, SIGPIPE is ignored and SIGCHLD is taken,
- * each only if it had its default disposition. May be called again without harm. 0, or -1.
+ * Prepares the loop: until uloop_done, SIGINT and SIGTERM end it and SIGPIPE is ignored, each only if it had
+ * its default disposition. May be called again without harm. 0, or -1.
  */
 int uloop_init(void);
 
@@ -92,7 +80,7 @@ static inline void uloop_end(void)
 /* Whether a running loop is about to end. */
 bool uloop_cancelling(void);
 
-/* Gives back the signals, forgets timers and children and closes what uloop_init opened. */
+/* Gives back the signals, forgets timers and closes what uloop_init opened. */
 void uloop_done(void);
 
 /* Waits for the events in `flags` from now on instead of any others (neither READ nor WRITE: as delete). 0,
@@ -114,9 +102,6 @@ int64_t uloop_timeout_remaining64(struct uloop_timeout *timeout);
 
 /* Milliseconds to the next timer, 0 when it is due, -1 without one. */
 int uloop_get_next_timeout(void);
-
-int uloop_process_add(struct uloop_process *p);
-int uloop_process_delete(struct uloop_process *p);
 
 #ifdef __cplusplus
 }
