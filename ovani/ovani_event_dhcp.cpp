@@ -70,15 +70,22 @@ void set_mac(ParsedEvent &event, const char *mac)
     event.record.MACAddress = has_form ? event.mac : nullptr;
 }
 
-// first # action # IPv6Address # MACAddress # IPv6LLAddress
-bool parse_dhcpv6(char *text, ParsedEvent &event, const char *function)
+// Cuts an IPv6 text with one of two actions; the last field is left in `text`.
+bool cut_ipv6_text(char *&text, std::string_view add, std::string_view del, char *(&fields)[4],
+                   const char *function)
 {
-    if (!has_action(text, "ADD6", "DEL6")) {
+    if (!has_action(text, add, del)) {
         ovani_log_as(function, VELM_LOG_DEBUG, "not for ipv6\n");
         return false;
     }
+    return cut_fields(text, fields, std::size(fields));
+}
+
+// first # action # IPv6Address # MACAddress # IPv6LLAddress
+bool parse_dhcpv6(char *text, ParsedEvent &event, const char *function)
+{
     char *fields[4];
-    if (!cut_fields(text, fields, std::size(fields))) {
+    if (!cut_ipv6_text(text, "ADD6", "DEL6", fields, function)) {
         return false;
     }
     ovani_dhcpd_host_event &record = event.record;
@@ -99,12 +106,8 @@ bool parse_dhcpv6(char *text, ParsedEvent &event, const char *function)
 // first # action # address type # address # MACAddress
 bool parse_neighbour(char *text, ParsedEvent &event, const char *function)
 {
-    if (!has_action(text, "NB6ADD", "NB6DEL")) {
-        ovani_log_as(function, VELM_LOG_DEBUG, "not for ipv6\n");
-        return false;
-    }
     char *fields[4];
-    if (!cut_fields(text, fields, std::size(fields))) {
+    if (!cut_ipv6_text(text, "NB6ADD", "NB6DEL", fields, function)) {
         return false;
     }
     ovani_dhcpd_host_event &record = event.record;
