@@ -1,6 +1,10 @@
 // Log printer: OVANI_LOG_LEVEL (0 to 7, or a level's name) says up to which level messages are let through,
 // errors (3) unless set; OVANI_LOG ("stderr", "syslog") where they go, standard error unless set. Both are
 // read once.
+//
+// Nobody waits for the log: a line that its reader has no room for is lost, and the next one that fits tells
+// how many were. Nor does it flood: of one message MOST_A_SECOND are written in a second, then how many were
+// suppressed. Traces (level 7) are written whole: who asks for them wants them all.
 #include "platform/zk_log.h"
 
 #include <algorithm>
@@ -11,9 +15,16 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <mutex>
+#include <string>
 #include <string_view>
+#include <utility>
 
+#include <paths.h>
+#include <poll.h>
 #include <strings.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -81,8 +92,8 @@ public:
     // log nor pass for a line of ours: they are shown as \xNN, and a line that goes on begins with a tab.
     void put_message(std::string_view text)
     {
-        static constexpr char DIGITS[] = "0123456789abcdef";
-        for (size_t i = 0; i < text.size(); i++) {
+        static constexpr char digits[] = "0123456789abcdef";
+        for (size_t i = 0; i < text.size(); ++i) {
             auto byte = static_cast<unsigned char>(text[i]);
             if (byte == '\r' && i + 1 < text.size() && text[i + 1] == '\n') {
                 continue;
@@ -92,8 +103,8 @@ public:
                 put("\n\t");
             } else if ((byte < 0x20 && byte != '\t') || byte == 0x7f || c1_control) {
                 put("\\x");
-                put(DIGITS[byte >> 4]);
-                put(DIGITS[byte & 0xf]);
+                put(digits[byte >> 4]);
+                put(digits[byte & 0xf]);
             } else {
                 put(text[i]);
             }
@@ -124,18 +135,126 @@ void put_time(Line &line)
     line.put({text, static_cast<size_t>(std::max(fraction, 0))});
 }
 
-void write_whole(std::string_view text)
+// --- Where lines go. False when there is no room.
+
+bool write_to_stderr(std::string_view line)
 {
-    while (!text.empty()) {
-        ssize_t written = write(STDERR_FILENO, text.data(), text.size());
-        if (written < 0 && errno == EINTR) {
-            continue;
-        }
-        if (written <= 0) {
-            return; // nobody is left to tell
-        }
-        text.remove_prefix(static_cast<size_t>(written));
+    // A pipe with any room has it for a whole line.
+    pollfd reader{.fd = STDERR_FILENO, .events = POLLOUT, .revents = 0};
+    if (poll(&reader, 1, 0) <= 0) {
+        return false;
     }
+    while (!line.empty()) {
+        ssize_t written = write(STDERR_FILENO, line.data(), line.size());
+        if (written <= 0 && errno != EINTR) {
+            break; // nobody is left to tell
+        }
+        line.remove_prefix(static_cast<size_t>(std::max<ssize_t>(written, 0)));
+    }
+    return true;
+}
+
+// As syslog(3) does (RFC 3164), which would wait for a daemon that does not read.
+bool write_to_syslog(int level, std::string_view line)
+{
+    static int log_socket = -1;
+    if (log_socket < 0) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        constexpr std::string_view path = _PATH_LOG;
+        path.copy(address.sun_path, sizeof address.sun_path - 1);
+        log_socket = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        if (log_socket < 0 ||
+            connect(log_socket, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) {
+            close(log_socket);
+            log_socket = -1;
+            return false;
+        }
+    }
+    std::string message = "<" + std::to_string(LOG_DAEMON | level) + ">ovani: ";
+    message.append(line.substr(0, line.size() - 1));
+    if (send(log_socket, message.data(), message.size(), MSG_NOSIGNAL) >= 0) {
+        return true;
+    }
+    if (errno != EAGAIN) { // the daemon has gone: another time its next one
+        close(log_socket);
+        log_socket = -1;
+    }
+    return false;
+}
+
+// Everything below is under this lock: there are two threads.
+std::mutex in_use;
+unsigned lost_lines;
+
+void print(const LogConfig &config, const char *module, int level, std::string_view message)
+{
+    int known_level = std::clamp<int>(level, VELM_LOG_EMERG, VELM_LOG_DEBUG);
+    Line line;
+    if (!config.to_syslog) {
+        put_time(line);
+        line.put(LEVEL_TAGS[known_level]);
+        line.put(' ');
+    }
+    line.put(module == nullptr ? "?" : module);
+    line.put(": ");
+    line.put_message(message);
+    std::string_view whole = line.finish();
+    if (!(config.to_syslog ? write_to_syslog(known_level, whole) : write_to_stderr(whole))) {
+        ++lost_lines;
+    }
+}
+
+void print_number(const LogConfig &config, const char *module, int level, unsigned number, const char *what)
+{
+    char text[TEXT_SIZE];
+    snprintf(text, sizeof text, "%u %s", number, what);
+    print(config, module, level, text);
+}
+
+// --- Floods
+
+constexpr unsigned MOST_A_SECOND = 50;
+
+// A message, known by its format's address, and how often it came in this second. What falls on another's
+// place begins anew: then neither is a flood.
+struct Message {
+    const char *format;
+    const char *module;
+    int level;
+    unsigned times;
+};
+
+Message messages[64];
+
+void tell_suppressed(const LogConfig &config, Message &message)
+{
+    if (message.times > MOST_A_SECOND) {
+        std::string what = "suppressed: ";
+        what += message.format;
+        what.resize(what.find_last_not_of("\r\n") + 1);
+        print_number(config, message.module, message.level, message.times - MOST_A_SECOND, what.c_str());
+    }
+    message = {};
+}
+
+bool is_too_often(const LogConfig &config, const char *module, int level, const char *format)
+{
+    static time_t second;
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    if (now.tv_sec != second) {
+        second = now.tv_sec;
+        for (Message &message : messages) {
+            tell_suppressed(config, message);
+        }
+    }
+    Message &message = messages[reinterpret_cast<uintptr_t>(format) / 8 % std::size(messages)];
+    if (message.format != format) {
+        tell_suppressed(config, message);
+        message = {.format = format, .module = module, .level = level, .times = 0};
+    }
+    return ++message.times > MOST_A_SECOND;
 }
 
 } // namespace
@@ -158,23 +277,13 @@ void zk_mod_log_printf(const char *module, int level, const char *fmt, ...)
     size_t end = message.find_last_not_of("\r\n");
     message = message.substr(0, end == std::string_view::npos ? 0 : end + 1);
 
-    const char *tag = LEVEL_TAGS[std::clamp<int>(level, VELM_LOG_EMERG, VELM_LOG_DEBUG)];
-    Line line;
-    if (config.to_syslog) {
-        line.put(module == nullptr ? "?" : module);
-        line.put(": ");
-        line.put_message(message);
-        std::string_view whole = line.finish();
-        syslog(std::clamp<int>(level, LOG_EMERG, LOG_DEBUG), "%.*s", static_cast<int>(whole.size()),
-               whole.data());
-    } else {
-        put_time(line);
-        line.put(tag);
-        line.put(' ');
-        line.put(module == nullptr ? "?" : module);
-        line.put(": ");
-        line.put_message(message);
-        write_whole(line.finish());
+    std::scoped_lock lock(in_use);
+    if (level == VELM_LOG_DEBUG || !is_too_often(config, module, level, fmt)) {
+        if (unsigned lost = std::exchange(lost_lines, 0); lost > 0) {
+            print_number(config, "log", VELM_LOG_WARNING, lost, "lines lost: nobody read them in time");
+            lost_lines += lost_lines > 0 ? lost - 1 : 0; // not even that
+        }
+        print(config, module, level, message);
     }
     errno = saved_errno;
 }

@@ -54,8 +54,8 @@ struct uloop_timeout {
 /* Set to end the loop after the current callback; SIGINT and SIGTERM do. */
 extern bool uloop_cancelled;
 
-/* Whether uloop_init may take SIGCHLD. libubox's loop then reaps every child of the process; this one never takes
- * it. */
+/* Whether uloop_init may take SIGCHLD. libubox's loop then reaps every child of the process; this one never
+ * takes it. */
 extern bool uloop_handle_sigchld;
 
 /*
