@@ -53,7 +53,7 @@ void have_hosts(unsigned hosts)
     store_close();
     setenv("OVANI_STORE", directory->file(std::to_string(hosts) + ".db").c_str(), 1);
     ovani_start(0, nullptr, [](void *(*)(void *)) { return 0; });
-    for (unsigned number = 0; number < hosts; number++) {
+    for (unsigned number = 0; number < hosts; ++number) {
         for (auto *handle : {handle_mac, handle_arp, handle_dhcp}) {
             handle({number, 0});
         }
@@ -81,7 +81,7 @@ void run_handler(benchmark::State &state, const Handler &handler)
     if (s_hostnumberofentries != hosts) {
         state.SkipWithError("the hosts are not there");
     }
-    for (unsigned n = 0; state.KeepRunning(); n++) {
+    for (unsigned n = 0; state.KeepRunning(); ++n) {
         handler.handle({.number = n % hosts, .variant = handler.changing ? n / hosts % 2 : 0});
     }
 }
@@ -101,9 +101,9 @@ struct Values {
 
     explicit Values(size_t changing)
     {
-        for (size_t set = 0; set < 2; set++) {
-            for (size_t i = 0; i < COUNT; i++) {
-                snprintf(text[set][i], sizeof text[set][i], "value-%u", i < changing && set == 1);
+        for (size_t set = 0; set < 2; ++set) {
+            for (size_t i = 0; i < COUNT; ++i) {
+                snprintf(text[set][i], sizeof text[set][i], "value-%d", i < changing && set == 1 ? 1 : 0);
             }
         }
     }
@@ -129,9 +129,9 @@ void write_store(benchmark::State &state)
 {
     have_hosts(MAX_HOSTS);
     Values values(static_cast<size_t>(state.range(0)));
-    for (unsigned n = 0; state.KeepRunning(); n++) {
+    for (unsigned n = 0; state.KeepRunning(); ++n) {
         tConfigMap map[COUNT + 1] = {};
-        for (size_t i = 0; i < COUNT; i++) {
+        for (size_t i = 0; i < COUNT; ++i) {
             map[i] = {PARAMETERS[i], values.text[set_of(n)][i]};
         }
         if (write_multi_config_to_xml(map, object_path(host_of(n)).c_str()) != 0) {
@@ -145,7 +145,7 @@ void read_store(benchmark::State &state)
 {
     have_hosts(MAX_HOSTS);
     char values[4][256];
-    for (unsigned n = 0; state.KeepRunning(); n++) {
+    for (unsigned n = 0; state.KeepRunning(); ++n) {
         std::string path = object_path(host_of(n));
         tConfigMap map[] = {{"Active", values[0]},
                             {"IPAddress", values[1]},
@@ -213,8 +213,8 @@ void write_plain(benchmark::State &state)
 {
     PlainSqlite plain;
     Values values(static_cast<size_t>(state.range(0)));
-    for (unsigned n = 0; state.KeepRunning(); n++) {
-        for (int i = 0; i < static_cast<int>(COUNT); i++) {
+    for (unsigned n = 0; state.KeepRunning(); ++n) {
+        for (int i = 0; i < static_cast<int>(COUNT); ++i) {
             sqlite3_bind_text(plain.update, i + 1, values.text[set_of(n)][i], -1, SQLITE_STATIC);
         }
         sqlite3_bind_int(plain.update, static_cast<int>(COUNT) + 1, static_cast<int>(host_of(n)));
@@ -230,12 +230,12 @@ void read_plain(benchmark::State &state)
 {
     PlainSqlite plain;
     char values[4][256];
-    for (unsigned n = 0; state.KeepRunning(); n++) {
+    for (unsigned n = 0; state.KeepRunning(); ++n) {
         sqlite3_bind_int(plain.select, 1, static_cast<int>(host_of(n)));
         if (sqlite3_step(plain.select) != SQLITE_ROW) {
             state.SkipWithError("cannot read");
         }
-        for (int i = 0; i < 4; i++) {
+        for (int i = 0; i < 4; ++i) {
             copy_text(values[i], reinterpret_cast<const char *>(sqlite3_column_text(plain.select, i)));
         }
         sqlite3_reset(plain.select);

@@ -1,9 +1,9 @@
 #include "platform/host/driver.h"
 
 #include <array>
-#include <charconv>
 #include <vector>
 
+#include "platform/host/number.h"
 #include "platform/zkcfgif.h"
 
 namespace {
@@ -26,10 +26,9 @@ unsigned int driver_port_of_interface(std::string_view name)
     if (!name.starts_with(INTERFACE_PREFIX)) {
         return 0;
     }
-    unsigned int index = 0;
-    auto [end, fault] =
-        std::from_chars(name.data() + INTERFACE_PREFIX.size(), name.data() + name.size(), index);
-    return fault == std::errc{} && index < DRIVER_MAX_PORT ? index + 1 : 0;
+    name.remove_prefix(INTERFACE_PREFIX.size());
+    const auto index = parse_number<unsigned int>(name.substr(0, name.find('.')));
+    return index && *index < DRIVER_MAX_PORT ? *index + 1 : 0;
 }
 
 std::string driver_port_path(unsigned int port)

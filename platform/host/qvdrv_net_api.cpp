@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "platform/host/driver.h"
+#include "platform/host/number.h"
 #include "platform/zk_log.h"
 
 namespace {
@@ -71,12 +72,12 @@ bool is_vlan(unsigned int vlan)
 // Colon form, in lower case; empty for what is no MAC address.
 std::string canonical_mac(const char *text)
 {
-    constexpr size_t LENGTH = 17;
+    constexpr size_t length = 17;
     std::string mac(text == nullptr ? "" : text);
-    if (mac.size() != LENGTH) {
+    if (mac.size() != length) {
         return {};
     }
-    for (size_t i = 0; i < LENGTH; i++) {
+    for (size_t i = 0; i < length; ++i) {
         auto c = static_cast<unsigned char>(mac[i]);
         if (i % 3 == 2 ? c != ':' : std::isxdigit(c) == 0) {
             return {};
@@ -101,7 +102,7 @@ StoreResult find_device(const std::string &mac, std::string &path)
             return STORE_OK;
         }
         if (number == free) {
-            free++;
+            ++free;
         }
     }
     path = std::string(DRIVER_DEVICES) + std::to_string(free) + ".";
@@ -123,13 +124,6 @@ int keep_of_device(const char *mac, const char *up_name, unsigned int up, const 
     }
     return driver_keep(
         path, {{"MACAddress", canonical}, {up_name, std::to_string(up)}, {down_name, std::to_string(down)}});
-}
-
-bool read_number(const std::string &path, const char *parameter, unsigned int &number)
-{
-    const std::string text = driver_kept(path, parameter);
-    auto [end, fault] = std::from_chars(text.data(), text.data() + text.size(), number);
-    return fault == std::errc{};
 }
 
 } // namespace
@@ -184,13 +178,13 @@ int qvdrv_net_get_dev_maxbandwidth(const char *mac, unsigned int *maxus, unsigne
     if (StoreResult result = find_device(canonical, path); result != STORE_OK) {
         return result;
     }
-    unsigned int up = 0;
-    unsigned int down = 0;
-    if (!read_number(path, "MaxUpstream", up) || !read_number(path, "MaxDownstream", down)) {
+    const auto up = parse_number<unsigned int>(driver_kept(path, "MaxUpstream"));
+    const auto down = parse_number<unsigned int>(driver_kept(path, "MaxDownstream"));
+    if (!up || !down) {
         return STORE_NO_OBJECT; // only totals have been set
     }
-    *maxus = up;
-    *maxds = down;
+    *maxus = *up;
+    *maxds = *down;
     return 0;
 }
 

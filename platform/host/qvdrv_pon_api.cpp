@@ -85,9 +85,9 @@ int negotiate(Interface &interface, const PON_ETH_PORT_WORK_MODE_T &mode)
 {
     // Behind the record stand three bit maps of link modes, of as many words each as the kernel says:
     // supported, advertised and the partner's.
-    constexpr int MAX_WORDS = 127;
-    constexpr size_t SIZE = sizeof(ethtool_link_settings) + sizeof(uint32_t) * 3 * MAX_WORDS;
-    alignas(ethtool_link_settings) char memory[SIZE] = {};
+    constexpr int max_words = 127;
+    constexpr size_t size = sizeof(ethtool_link_settings) + sizeof(uint32_t) * 3 * max_words;
+    alignas(ethtool_link_settings) char memory[size] = {};
     auto &settings = *reinterpret_cast<ethtool_link_settings *>(memory);
 
     settings.cmd = ETHTOOL_GLINKSETTINGS;
@@ -95,7 +95,7 @@ int negotiate(Interface &interface, const PON_ETH_PORT_WORK_MODE_T &mode)
         return fault;
     }
     const int words = -settings.link_mode_masks_nwords; // asked with 0, it only says how many, negative
-    if (words < 1 || words > MAX_WORDS) {
+    if (words < 1 || words > max_words) {
         return EPROTO;
     }
     settings.cmd = ETHTOOL_GLINKSETTINGS;

@@ -2,9 +2,8 @@
 #include "platform/zk_sys_mgr.h"
 
 #include <array>
-#include <charconv>
-#include <string_view>
 
+#include "platform/host/number.h"
 #include "platform/host/store.h"
 #include "platform/zkcfgif.h"
 
@@ -20,13 +19,11 @@ int read_number(const char *parameter, unsigned int limit, unsigned int &number)
     if (int result = zkcfg_getsingleparamval(DEVICE, parameter, text.data(), WAIT_MS); result != 0) {
         return result;
     }
-    std::string_view digits(text.data());
-    unsigned int value = 0;
-    auto [end, fault] = std::from_chars(digits.data(), digits.data() + digits.size(), value);
-    if (fault != std::errc{} || end != digits.data() + digits.size() || value >= limit) {
+    const auto value = parse_number<unsigned int>(text.data());
+    if (!value || *value >= limit) {
         return STORE_DAMAGED;
     }
-    number = value;
+    number = *value;
     return 0;
 }
 
