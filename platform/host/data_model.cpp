@@ -1,126 +1,63 @@
 #include "platform/host/data_model.h"
 
-#include <charconv>
+#include <algorithm>
 #include <optional>
 
-#include <strings.h>
-
+#include "platform/host/number.h"
 #include "platform/zk_log.h"
 
 namespace {
 
 constexpr std::string_view INSTANCE = "{i}";
-constexpr std::string_view INSTANCE_DOT = "{i}.";
+constexpr std::string_view DIGITS = "0123456789";
+constexpr std::string_view NAME_CHARACTERS =
+    "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-";
 
-bool is_digit(char c)
+bool is_made_of(std::string_view text, std::string_view characters)
 {
-    return c >= '0' && c <= '9';
-}
-
-bool is_letter(char c)
-{
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
-}
-
-// Parameter and object names become names of columns and tables in the store, so they keep to this alphabet.
-bool is_name(std::string_view text)
-{
-    if (text.empty() || !is_letter(text.front())) {
-        return false;
-    }
-    for (char c : text) {
-        if (!is_letter(c) && !is_digit(c) && c != '_' && c != '-') {
-            return false;
-        }
-    }
-    return true;
-}
-
-bool is_number(std::string_view text)
-{
-    return !text.empty() && text.find_first_not_of("0123456789") == std::string_view::npos;
-}
-
-// A decimal number in its only form: without sign, blanks or leading zeros. 0 stands for anything else.
-int parse_number(std::string_view text)
-{
-    int number = 0;
-    auto [end, fault] = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (!is_number(text) || text.front() == '0' || fault != std::errc{} || end != text.data() + text.size()) {
-        return 0;
-    }
-    return number;
+    return !text.empty() && text.find_first_not_of(characters) == std::string_view::npos;
 }
 
 // Cuts the first component, without its dot, off a path; nothing when no dot is left.
 std::optional<std::string_view> cut_component(std::string_view &path)
 {
-    size_t dot = path.find('.');
+    const size_t dot = path.find('.');
     if (dot == std::string_view::npos) {
         return std::nullopt;
     }
-    std::string_view component = path.substr(0, dot);
+    const std::string_view component = path.substr(0, dot);
     path.remove_prefix(dot + 1);
     return component;
 }
 
-// Paths that differ only in instance numbers have the same shape.
-std::string shape_of(std::string_view path)
+// Where a path that ends in a dot, or an empty one, leads; null when the model has nothing there.
+const ModelNode *walk(const DataModel &model, std::string_view path, InstanceNumbers &numbers)
 {
-    std::string shape;
-    shape.reserve(path.size() + 2);
-    while (auto component = cut_component(path)) {
-        shape += is_number(*component) || *component == INSTANCE ? "#" : *component;
-        shape += '.';
-    }
-    return shape += path;
-}
-
-// Walks `path` along `model_path` until `path` ends; what is left of `model_path` then is no matter.
-bool match(std::string_view model_path, std::string_view path, InstanceNumbers &numbers)
-{
+    const ModelNode *node = model.nodes.data();
     size_t depth = 0;
     while (auto component = cut_component(path)) {
-        auto expected = cut_component(model_path);
-        if (!expected) {
-            return false;
+        size_t next = 0;
+        if (auto found = node->below.find(*component); found != node->below.end()) {
+            next = found->second;
+        } else if (node->instance != 0) {
+            numbers[depth] = data_model_instance_number(*component);
+            next = numbers[depth++] != 0 ? node->instance : 0;
         }
-        if (*expected != INSTANCE) {
-            if (*component != *expected) {
-                return false;
-            }
-            continue;
+        if (next == 0) {
+            return nullptr;
         }
-        int number = parse_number(*component);
-        if (number == 0) {
-            return false;
-        }
-        numbers[depth++] = number;
+        node = &model.nodes[next];
     }
-    return path.empty();
+    return path.empty() ? node : nullptr;
 }
 
-ObjectRef find(const DataModel &model, const std::string &shape, std::string_view path)
-{
-    auto found = model.by_shape.find(shape);
-    if (found == model.by_shape.end()) {
-        return {};
-    }
-    ObjectRef ref{.object = found->second};
-    if (!match(model.objects[static_cast<size_t>(ref.object)].path, path, ref.instance)) {
-        return {};
-    }
-    return ref;
-}
-
-// --- The parser --------------------------------------------------------------------------------------------
-// ---------------------------------------------------------------------------------------------
+// --- The parser
 
 constexpr std::string_view BLANKS = " \t\r";
 
 std::string_view trim(std::string_view text)
 {
-    size_t first = text.find_first_not_of(BLANKS);
+    const size_t first = text.find_first_not_of(BLANKS);
     if (first == std::string_view::npos) {
         return {};
     }
@@ -129,24 +66,51 @@ std::string_view trim(std::string_view text)
 
 std::string_view cut_word(std::string_view &text)
 {
-    std::string_view word = text.substr(0, text.find_first_of(BLANKS));
+    const std::string_view word = text.substr(0, text.find_first_of(BLANKS));
     text = trim(text.substr(word.size()));
     return word;
+}
+
+// Null when there is a node for the component below `node`, which then is that one; else what is wrong with
+// it.
+const char *add_component(DataModel &model, std::string_view component, size_t &node)
+{
+    if (component != INSTANCE && !data_model_is_name(component)) {
+        return "a component of the path is neither a name nor a number nor {i}";
+    }
+    ModelNode &above = model.nodes[node];
+    size_t &place = component == INSTANCE ? above.instance : above.below[std::string(component)];
+    node = place;
+    if (node != 0) {
+        return nullptr;
+    }
+    node = place = model.nodes.size();
+    auto is_number = [](const auto &entry) { return is_made_of(entry.first, DIGITS); };
+    if (above.instance != 0 && std::ranges::any_of(above.below, is_number)) {
+        return "its numbers cannot be told from another's {i}";
+    }
+    model.nodes.emplace_back();
+    return nullptr;
 }
 
 // Null when the object was taken in, else what is wrong with its line.
 const char *add_object(DataModel &model, std::string_view line)
 {
     ModelObject object;
-    std::string_view path = cut_word(line);
-    object.path = path;
-    std::string_view rest = path;
+    object.path = cut_word(line);
+    std::string_view rest = object.path;
+    size_t node = 0;
     while (auto component = cut_component(rest)) {
+        if (object.is_instance && model.nodes[node].object == MODEL_NONE) {
+            return "the table above it is not listed";
+        }
+        if (const char *fault = add_component(model, *component, node); fault != nullptr) {
+            return fault;
+        }
         object.is_instance = *component == INSTANCE;
-        if (object.is_instance) {
-            object.depth++;
-        } else if (!is_name(*component) && parse_number(*component) == 0) {
-            return "a component of the path is neither a name nor a number nor {i}";
+        object.depth += object.is_instance ? 1 : 0;
+        if (!rest.empty() && model.nodes[node].object != MODEL_NONE) {
+            object.parent = model.nodes[node].object;
         }
     }
     if (!rest.empty()) {
@@ -155,33 +119,17 @@ const char *add_object(DataModel &model, std::string_view line)
     if (object.depth > MODEL_MAX_DEPTH) {
         return "the path holds more than 8 instance numbers";
     }
+    if (model.nodes[node].object != MODEL_NONE) {
+        return "the object is listed twice";
+    }
     if (!line.empty()) {
-        object.begins_with = parse_number(line);
+        object.begins_with = parse_number<int>(line).value_or(0);
         if (object.begins_with < 1 || object.begins_with > MODEL_MAX_BEGIN || !object.is_instance ||
             object.depth != 1) {
             return "only a table that lies in no other begins with instances, 1 to 255 of them";
         }
     }
-
-    size_t parent_length = 0;
-    for (size_t i = 0; i < model.objects.size(); i++) {
-        const std::string &above = model.objects[i].path;
-        if (path.starts_with(above) && above.size() > parent_length) {
-            parent_length = above.size();
-            object.parent = static_cast<int>(i);
-        }
-    }
-    std::string_view own_part = path.substr(parent_length);
-    if (object.is_instance) {
-        own_part.remove_suffix(INSTANCE_DOT.size());
-    }
-    if (own_part.find(INSTANCE) != std::string_view::npos) {
-        return "the table above it is not listed";
-    }
-
-    if (!model.by_shape.emplace(shape_of(path), static_cast<int>(model.objects.size())).second) {
-        return "the object is listed twice, or its numbers cannot be told from another's {i}";
-    }
+    model.nodes[node].object = static_cast<int>(model.objects.size());
     model.objects.push_back(std::move(object));
     return nullptr;
 }
@@ -198,30 +146,28 @@ const char *add_parameter(ModelObject &object, std::string_view line, std::strin
 {
     ModelParameter parameter;
     parameter.name = cut_word(line);
-    if (!is_name(parameter.name)) {
-        return "a parameter's name is made of letters, digits, '_' and '-', and begins with a letter";
+    if (!data_model_is_name(parameter.name)) {
+        return "a parameter's name is made of letters, digits, '_' and '-'";
     }
-    for (const ModelParameter &other : object.parameters) {
-        if (strcasecmp(other.name.c_str(), parameter.name.c_str()) == 0) {
-            return "the object has a parameter of this name already";
-        }
+    if (data_model_find_parameter(object, parameter.name) != MODEL_NONE) {
+        return "the object has a parameter of this name already";
     }
 
-    std::string_view length = cut_word(line);
+    const std::string_view length = cut_word(line);
     if (length == "count") {
         if (line.empty()) {
             return "the table to count is missing";
         }
         counted_table = object.path + std::string(line);
     } else {
-        parameter.max_length = static_cast<size_t>(parse_number(length));
+        parameter.max_length = parse_number<size_t>(length).value_or(0);
         if (parameter.max_length < 1 || parameter.max_length > MODEL_MAX_VALUE) {
             return "the length is not a number from 1 to 255";
         }
         if (line.size() > parameter.max_length) {
             return "the default is longer than the parameter may be";
         }
-        parameter.initial = std::string(line);
+        parameter.initial = line;
     }
     object.parameters.push_back(std::move(parameter));
     return nullptr;
@@ -229,36 +175,34 @@ const char *add_parameter(ModelObject &object, std::string_view line, std::strin
 
 const char *resolve_count(DataModel &model, const PendingCount &pending)
 {
-    for (size_t i = 0; i < model.objects.size(); i++) {
-        const ModelObject &table = model.objects[i];
-        if (table.path != pending.table) {
-            continue;
-        }
-        // Deeper than one level, the instances of several tables would be added up.
-        if (!table.is_instance || table.depth != model.objects[pending.object].depth + 1) {
-            return "what it counts is not a table of this object";
-        }
-        model.objects[pending.object].parameters[pending.parameter].counted = static_cast<int>(i);
-        return nullptr;
+    const auto table = std::ranges::find(model.objects, pending.table, &ModelObject::path);
+    if (table == model.objects.end()) {
+        return "the table it counts is not listed";
     }
-    return "the table it counts is not listed";
+    // Deeper than one level, the instances of several tables would be added up.
+    ModelObject &object = model.objects[pending.object];
+    if (!table->is_instance || table->depth != object.depth + 1) {
+        return "what it counts is not a table of this object";
+    }
+    object.parameters[pending.parameter].counted = static_cast<int>(table - model.objects.begin());
+    return nullptr;
 }
 
 } // namespace
 
 bool data_model_parse(std::string_view text, DataModel &model, std::string &error)
 {
-    model = {};
+    model = {.objects = {}, .nodes = std::vector<ModelNode>(1)};
     std::vector<PendingCount> counts;
     const char *fault = nullptr;
     size_t line_number = 0;
 
     while (!text.empty() && fault == nullptr) {
-        std::string_view line = text.substr(0, text.find('\n'));
+        const std::string_view line = text.substr(0, text.find('\n'));
         text.remove_prefix(line.size() == text.size() ? line.size() : line.size() + 1);
-        line_number++;
+        ++line_number;
 
-        std::string_view content = trim(line);
+        const std::string_view content = trim(line);
         if (content.empty() || content.front() == '#') {
             continue;
         }
@@ -278,12 +222,9 @@ bool data_model_parse(std::string_view text, DataModel &model, std::string &erro
                 {line_number, model.objects.size() - 1, object.parameters.size() - 1, counted_table});
         }
     }
-    for (const PendingCount &pending : counts) {
-        if (fault != nullptr) {
-            break;
-        }
-        line_number = pending.line;
-        fault = resolve_count(model, pending);
+    for (size_t i = 0; i < counts.size() && fault == nullptr; ++i) {
+        line_number = counts[i].line;
+        fault = resolve_count(model, counts[i]);
     }
     if (fault == nullptr) {
         return true;
@@ -297,9 +238,9 @@ const DataModel &data_model()
     static const DataModel model = [] {
         DataModel built_in;
         std::string error;
-        if (!data_model_parse(data_model_text, built_in, error)) {
+        if (!data_model_parse(DATA_MODEL_TEXT, built_in, error)) {
             zk_mod_log_printf("store", VELM_LOG_EMERG, "built-in data model: %s\n", error.c_str());
-            built_in = {}; // knows nothing: every path is refused
+            data_model_parse("", built_in, error); // knows nothing: every path is refused
         }
         return built_in;
     }();
@@ -308,17 +249,36 @@ const DataModel &data_model()
 
 ObjectRef data_model_find_object(const DataModel &model, std::string_view path)
 {
-    return find(model, shape_of(path), path);
+    ObjectRef ref;
+    const ModelNode *node = walk(model, path, ref.instance);
+    ref.object = node == nullptr ? MODEL_NONE : node->object;
+    return ref.object == MODEL_NONE ? ObjectRef{} : ref;
 }
 
 ObjectRef data_model_find_table(const DataModel &model, std::string_view path)
 {
-    return find(model, shape_of(path) + "#.", path);
+    ObjectRef ref;
+    const ModelNode *node = walk(model, path, ref.instance);
+    if (node == nullptr || node->instance == 0) {
+        return {};
+    }
+    ref.object = model.nodes[node->instance].object;
+    return ref;
+}
+
+bool data_model_is_name(std::string_view text)
+{
+    return is_made_of(text, NAME_CHARACTERS);
+}
+
+int data_model_instance_number(std::string_view component)
+{
+    return component.starts_with('0') ? 0 : parse_number<int>(component).value_or(0);
 }
 
 int data_model_find_parameter(const ModelObject &object, std::string_view name)
 {
-    for (size_t i = 0; i < object.parameters.size(); i++) {
+    for (size_t i = 0; i < object.parameters.size(); ++i) {
         if (object.parameters[i].name == name) {
             return static_cast<int>(i);
         }
@@ -328,20 +288,15 @@ int data_model_find_parameter(const ModelObject &object, std::string_view name)
 
 bool data_model_knows(const DataModel &model, std::string_view path)
 {
-    if (!path.empty() && path.back() != '.') {
-        size_t name = path.rfind('.') + 1;
-        ObjectRef ref = data_model_find_object(model, path.substr(0, name));
-        return ref.object != MODEL_NONE &&
-               data_model_find_parameter(model.objects[static_cast<size_t>(ref.object)], path.substr(name)) !=
-                   MODEL_NONE;
+    const size_t name = path.rfind('.') + 1; // 0 without a dot
+    InstanceNumbers numbers{};
+    const ModelNode *node = walk(model, path.substr(0, name), numbers);
+    if (node == nullptr || name == path.size()) {
+        return node != nullptr;
     }
-    for (const ModelObject &object : model.objects) {
-        InstanceNumbers numbers{};
-        if (match(object.path, path, numbers)) {
-            return true;
-        }
-    }
-    return false;
+    return node->object != MODEL_NONE &&
+           data_model_find_parameter(model.objects[static_cast<size_t>(node->object)], path.substr(name)) !=
+               MODEL_NONE;
 }
 
 std::string data_model_path(const DataModel &model, const ObjectRef &ref)

@@ -4,9 +4,9 @@
 
 #include <array>
 #include <cstddef>
+#include <map>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 // A path holds this many instance numbers at most (InstIdStack's capacity), a value this many bytes.
@@ -33,9 +33,16 @@ struct ModelObject {
     std::vector<ModelParameter> parameters;
 };
 
+// What paths lead to, component by component.
+struct ModelNode {
+    std::map<std::string, size_t, std::less<>> below; // index in DataModel::nodes
+    size_t instance = 0;                              // the same of {i}; 0 without
+    int object = MODEL_NONE;                          // index in DataModel::objects
+};
+
 struct DataModel {
     std::vector<ModelObject> objects;
-    std::unordered_map<std::string, int> by_shape; // a path with every number and {i} made '#', to its object
+    std::vector<ModelNode> nodes; // the first is the root
 };
 
 using InstanceNumbers = std::array<int, MODEL_MAX_DEPTH>;
@@ -53,12 +60,23 @@ bool data_model_parse(std::string_view text, DataModel &model, std::string &erro
 
 // The data model of this library, and its text.
 const DataModel &data_model();
-extern const char data_model_text[];
+extern const char DATA_MODEL_TEXT[];
+
+// What the model of this library says of an object that was found in it.
+inline const ModelObject &data_model_object(const ObjectRef &ref)
+{
+    return data_model().objects[static_cast<size_t>(ref.object)];
+}
 
 // The object that `path` (ending in ".") names, or the table; `object` is MODEL_NONE when the model has none.
-// Instance numbers are decimal, from 1, without leading zeros.
 ObjectRef data_model_find_object(const DataModel &model, std::string_view path);
 ObjectRef data_model_find_table(const DataModel &model, std::string_view path);
+
+// Names are made of letters, digits, '_' and '-'.
+bool data_model_is_name(std::string_view text);
+
+// An instance number in its only form, decimal, from 1, without leading zeros; 0 for any other text.
+int data_model_instance_number(std::string_view component);
 
 // Index of a parameter in its object, or MODEL_NONE.
 int data_model_find_parameter(const ModelObject &object, std::string_view name);

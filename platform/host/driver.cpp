@@ -47,7 +47,7 @@ StoreResult driver_keep(std::string_view object_path, std::initializer_list<Driv
     if (object.object == MODEL_NONE) {
         return STORE_UNKNOWN_PATH;
     }
-    const ModelObject &model = data_model().objects[static_cast<size_t>(object.object)];
+    const ModelObject &model = data_model_object(object);
     std::vector<StoreItem> items;
     for (const DriverValue &value : values) {
         int parameter = data_model_find_parameter(model, value.name);

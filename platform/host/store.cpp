@@ -1,134 +1,137 @@
-// Rows that were read stay in memory, and are good for as long as nobody has committed anything. That shows
-// in memory shared by all users of the file, so that finding out takes no system call.
 #include "platform/host/store.h"
 
 #include <algorithm>
-#include <chrono>
-#include <cstdint>
-#include <cstdlib>
+#include <array>
 #include <cstring>
-#include <filesystem>
-#include <memory>
-#include <thread>
+#include <map>
+#include <optional>
 #include <unordered_map>
 
-#include <sqlite3.h>
+#include <nlohmann/json.hpp>
 
-#include "platform/host/store_sql.h"
-#include "platform/zk_log.h"
-#include "platform/zkcfgif.h"
+#include "platform/host/number.h"
+#include "platform/host/store_file.h"
 
 namespace {
 
-const char *store_file()
-{
-    const char *file = std::getenv("OVANI_STORE");
-    return file == nullptr || file[0] == '\0' ? "/var/lib/ovani/store.db" : file;
-}
+using nlohmann::json;
 
 // More rows than this are not kept in memory: the 254 host objects and as much again.
 constexpr size_t MAX_CACHED_ROWS = 512;
 
-class Statement {
-public:
-    Statement() = default;
-    Statement(const Statement &) = delete;
-    Statement &operator=(const Statement &) = delete;
-    ~Statement() { sqlite3_finalize(statement_); }
+constexpr size_t USUAL_ROW = 1000; // bytes of JSON
 
-    bool is_prepared() const { return statement_ != nullptr; }
+// --- Values as JSON strings
 
-    int prepare(sqlite3 *db, const std::string &sql)
-    {
-        return sqlite3_prepare_v3(db, sql.c_str(), static_cast<int>(sql.size()) + 1,
-                                  SQLITE_PREPARE_PERSISTENT, &statement_, nullptr);
+// Stands between values that are made JSON together.
+constexpr char BETWEEN = '\x7f';
+
+void escape(std::string_view value, bool is_utf8, std::string &text)
+{
+    static constexpr char digits[] = "0123456789abcdef";
+    for (char c : value) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (c == BETWEEN || (byte >= 0x80 && !is_utf8)) {
+            text.append("\\x").append(1, digits[byte >> 4]).append(1, digits[byte & 0xf]);
+            continue;
+        }
+        if (c == '\\') {
+            text += c;
+        }
+        text += c;
     }
+}
 
-    sqlite3_stmt *get() const { return statement_; }
+// A backslash that begins neither \\ nor \xNN stands for itself: strangers write too.
+std::string decoded(std::string_view text)
+{
+    std::string value;
+    while (!text.empty()) {
+        size_t length = 1;
+        char byte = text.front();
+        if (text.starts_with("\\\\")) {
+            length = 2;
+        } else if (text.starts_with("\\x") && text.size() >= 4) {
+            if (const auto number = parse_number<unsigned char>(text.substr(2, 2), 16)) {
+                byte = static_cast<char>(*number);
+                length = 4;
+            }
+        }
+        value += byte;
+        text.remove_prefix(length);
+    }
+    return value;
+}
 
-private:
-    sqlite3_stmt *statement_ = nullptr;
+// Texts as JSON strings, all at once: to begin takes longer than to go through a short one.
+std::vector<std::string> encoded(std::span<const std::string_view> texts, bool are_utf8 = true)
+{
+    std::string joined;
+    joined.reserve(USUAL_ROW);
+    for (std::string_view text : texts) {
+        escape(text, are_utf8, joined);
+        joined += BETWEEN;
+    }
+    try {
+        joined = json(std::move(joined)).dump();
+    } catch (const json::type_error &) { // one of them is not UTF-8
+        return encoded(texts, false);
+    }
+    std::vector<std::string> result;
+    result.reserve(texts.size());
+    std::string_view rest = std::string_view(joined).substr(1); // without the quotation mark
+    for (size_t i = 0; i < texts.size(); ++i) {
+        const size_t length = rest.find(BETWEEN);
+        result.emplace_back("\"").append(rest.substr(0, length)).append("\"");
+        rest.remove_prefix(length + 1);
+    }
+    return result;
+}
+
+// --- Rows
+
+struct Row {
+    std::string path;
+    std::vector<std::string> values; // as they are shown, by the parameter's index in the model
+    std::map<std::string, std::string, std::less<>> kept; // names, and values as JSON
 };
 
-// One execution: while a statement is not reset, it holds its transaction open.
-class Execution {
-public:
-    Execution(const Statement &statement, size_t depth, const InstanceNumbers &numbers)
-        : statement_(statement.get())
-    {
-        for (size_t i = 0; i < depth; i++) {
-            sqlite3_bind_int(statement_, static_cast<int>(i) + 1, numbers[i]);
+// The text of an item, never read further than the parameter is long.
+std::string_view text_of(const StoreItem &item, const ModelObject &model)
+{
+    return {item.text, strnlen(item.text, model.parameters[item.parameter].max_length)};
+}
+
+template <typename Act>
+void for_each_object(std::span<const StoreItem> items, Act act)
+{
+    while (!items.empty()) {
+        size_t count = 1;
+        while (count < items.size() && items[count].object == items.front().object) {
+            ++count;
         }
+        act(items.front().object, items.first(count));
+        items = items.subspan(count);
     }
-    explicit Execution(const Statement &statement) : Execution(statement, 0, {}) {}
-    Execution(const Execution &) = delete;
-    Execution &operator=(const Execution &) = delete;
-    ~Execution() { sqlite3_reset(statement_); }
+}
 
-    int step() { return sqlite3_step(statement_); }
-    int number(int column) { return sqlite3_column_int(statement_, column); }
+// What lies right above an object, or MODEL_NONE.
+ObjectRef above(const ObjectRef &object)
+{
+    return {data_model_object(object).parent, object.instance};
+}
 
-    std::string_view text(int column)
-    {
-        const auto *bytes = reinterpret_cast<const char *>(sqlite3_column_text(statement_, column));
-        return bytes == nullptr
-                   ? std::string_view{}
-                   : std::string_view(bytes, static_cast<size_t>(sqlite3_column_bytes(statement_, column)));
-    }
+std::string path_of(const ObjectRef &object)
+{
+    return data_model_path(data_model(), object);
+}
 
-    // The text must outlive the execution's steps.
-    void bind(size_t parameter, const std::string &text)
-    {
-        sqlite3_bind_text(statement_, static_cast<int>(parameter), text.data(), static_cast<int>(text.size()),
-                          SQLITE_STATIC);
-    }
-
-private:
-    sqlite3_stmt *statement_;
-};
-
-// --- The state of the file ---------------------------------------------------------------------------------
-
-// What the write-ahead log's index, which its users share in memory, begins with: two equal copies of a
-// header of 12 words, the third of which goes up by one with every commit (https://sqlite.org/walformat.html,
-// "The WAL-Index Header"). Two equal states mean that nothing was committed between them.
-class FileState {
-public:
-    FileState() = default;
-
-    explicit FileState(const volatile void *index)
-    {
-        if (index == nullptr) {
-            return;
-        }
-        const auto *shared = static_cast<const volatile uint32_t *>(index);
-        for (size_t i = 0; i < words_.size(); i++) {
-            words_[i] = __atomic_load_n(&shared[i], __ATOMIC_ACQUIRE);
-        }
-    }
-
-    // False for the unknown state, and for one that was being written while it was looked at.
-    bool known() const
-    {
-        return words_[0] != 0 && std::equal(words_.begin(), words_.begin() + 12, words_.begin() + 12);
-    }
-
-    bool same_as(const FileState &other) const { return known() && words_ == other.words_; }
-
-    // Whether at most one commit lies between `earlier` and this state.
-    bool follows(const FileState &earlier) const
-    {
-        return known() && earlier.known() && words_[COMMITS] - earlier.words_[COMMITS] <= 1;
-    }
-
-private:
-    static constexpr size_t COMMITS = 2;
-    std::array<uint32_t, 24> words_{};
-};
-
-// --- The connection of one thread --------------------------------------------------------------------------
-
-using Row = std::vector<std::string>; // a value for each parameter of the object
+// Behind all paths that begin with this one.
+std::string end_of(std::string path)
+{
+    ++path.back(); // of the dot
+    return path;
+}
 
 struct ObjectRefHash {
     size_t operator()(const ObjectRef &ref) const
@@ -141,539 +144,297 @@ struct ObjectRefHash {
     }
 };
 
-// Prepared together when the first is needed, and kept.
-struct ObjectStatements {
-    Statement select;
-    Statement update;
-    Statement numbers;
-};
-
-struct DatabaseCloser {
-    void operator()(sqlite3 *db) const { sqlite3_close(db); }
-};
-
-class Connection {
+// The store as one thread sees it. What fails throws a StoreFailure.
+class Store {
 public:
-    StoreResult read(std::span<const StoreItem> items, int wait);
-    StoreResult write(std::span<const StoreItem> items, int wait, bool make_missing);
-    StoreResult add(const ObjectRef &table, int &instance, int wait);
-    StoreResult remove(const ObjectRef &object, int wait);
-    StoreResult exists(const ObjectRef &object, int wait);
-    StoreResult instances(const ObjectRef &table, std::vector<int> &numbers, int wait);
-    StoreResult list(std::string_view path, StoreListing &listing, int wait);
-    void close();
-
-private:
-    // Opening
-    StoreResult prepare(int wait);
-    int open_file(const char *file);
-    int use_write_ahead_log();
-    int apply_model();
-    int column_names(const ModelObject &object, std::vector<std::string> &columns);
-    int create(const ModelObject &object);
-    int extend(const ModelObject &object, const std::vector<std::string> &columns);
-    int create_or_extend(const ModelObject &object);
-    int model_version(int64_t &version);
-
-    // Executing
-    static int busy(void *self, int count);
-    int execute(const std::string &sql, size_t depth = 0, const InstanceNumbers &numbers = {});
-    int statements_of(const ObjectRef &object, ObjectStatements *&statements);
-    StoreResult begin(const char *how);
-    StoreResult end(StoreResult result);
-    StoreResult result_of(int code);
-
-    // Rows
-    FileState state() const { return FileState(log_index_); }
-    void drop_stale_rows();
-    void forget_rows();
-    StoreResult load(const ObjectRef &object, Row &row);
-    StoreResult find_row(const ObjectRef &object, Row *&row);
-    StoreResult find_rows(std::span<const StoreItem> items);
-    bool changes_something(std::span<const StoreItem> items) const;
-    StoreResult change_rows(std::span<const StoreItem> items);
-    StoreResult write_row(const ObjectRef &object, const Row &row);
-    StoreResult make(const ObjectRef &object, bool &made);
-
-    StoreResult add_instance(const ObjectRef &table, int &instance);
-    StoreResult insert_instance(const ObjectRef &object);
-    StoreResult remove_instance(const ObjectRef &object);
-    StoreResult numbers_of(const ObjectRef &table, std::vector<int> &numbers);
-    StoreResult list_object(const ObjectRef &object, std::string_view path, StoreListing &listing);
-    StoreResult list_below(const ObjectRef &above, std::string_view path, StoreListing &listing);
-
-    const ModelObject &model_of(const ObjectRef &ref) const
+    void prepare(int wait, bool repairs)
     {
-        return model_.objects[static_cast<size_t>(ref.object)];
+        file_.prepare(wait, repairs);
+        drop_stale_rows();
+        if (rows_.size() > MAX_CACHED_ROWS) {
+            rows_.clear();
+        }
     }
 
-    const DataModel &model_ = data_model();
-    std::unique_ptr<sqlite3, DatabaseCloser> db_; // before the statements, so that it is closed after them
-    std::unordered_map<std::string, Statement> statements_; // by their text
-    std::vector<ObjectStatements> object_statements_;       // by the object's index
-    const volatile void *log_index_ = nullptr;
+    void close() { file_.close(); }
 
-    // Rows in memory, and the state of the file that all of them belong to.
-    std::unordered_map<ObjectRef, Row, ObjectRefHash> rows_;
-    FileState rows_state_;
-
-    int wait_ = NO_BLOCK_LOCK;
-    bool waiting_ = false;
-    std::chrono::steady_clock::time_point give_up_{}; // while waiting
-    int logged_code_ = SQLITE_OK;
-};
-
-// --- Opening -----------------------------------------------------------------------------------------------
-
-StoreResult Connection::prepare(int wait)
-{
-    wait_ = wait;
-    waiting_ = false;
-    if (db_ != nullptr) {
-        return STORE_OK;
-    }
-
-    int code = open_file(store_file());
-    if (code == SQLITE_OK) {
-        code = use_write_ahead_log();
-    }
-    if (code == SQLITE_OK) {
-        code = apply_model();
-    }
-    if (code == SQLITE_OK) {
-        return STORE_OK;
-    }
-    StoreResult result = result_of(code);
-    close();
-    return result;
-}
-
-int Connection::open_file(const char *file)
-{
-    std::error_code ignored; // a directory that cannot be made shows in the opening
-    std::filesystem::create_directories(std::filesystem::path(file).parent_path(), ignored);
-
-    sqlite3 *db = nullptr;
-    int code =
-        sqlite3_open_v2(file, &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
-    db_.reset(db); // there is one to be closed even on failure
-    if (code == SQLITE_OK) {
-        sqlite3_busy_handler(db, busy, this);
-    }
-    return code;
-}
-
-int Connection::use_write_ahead_log()
-{
-    // Two that switch a new file over at the same moment can both be refused at once, without a wait.
-    int code = SQLITE_OK;
-    for (int count = 0; count == 0 || (code == SQLITE_BUSY && busy(this, count)); count++) {
-        code = sqlite3_exec(db_.get(), "PRAGMA journal_mode = WAL", nullptr, nullptr, nullptr);
-    }
-    if (code != SQLITE_OK) {
-        return code;
-    }
-    return sqlite3_exec(db_.get(), "PRAGMA synchronous = NORMAL", nullptr, nullptr, nullptr);
-}
-
-int Connection::model_version(int64_t &version)
-{
-    Statement statement;
-    int code = statement.prepare(db_.get(), "PRAGMA user_version");
-    if (code != SQLITE_OK) {
-        return code;
-    }
-    Execution execution(statement);
-    code = execution.step();
-    version = execution.number(0);
-    return code == SQLITE_ROW ? SQLITE_OK : code;
-}
-
-// Brings the file up to the data model. Which model it has seen stands in its user_version.
-int Connection::apply_model()
-{
-    uint32_t hash = 2166136261; // FNV-1a
-    for (const char *c = data_model_text; *c != '\0'; c++) {
-        hash = (hash ^ static_cast<unsigned char>(*c)) * 16777619;
-    }
-    const int64_t wanted = hash >> 1; // positive in the file's signed 32 bits
-
-    int64_t version = 0;
-    int code = model_version(version);
-    if (code == SQLITE_OK && version != wanted) {
-        code = execute("BEGIN IMMEDIATE");
-        for (const ModelObject &object : model_.objects) {
-            if (code == SQLITE_OK) { // what another process has made meanwhile stays
-                code = create_or_extend(object);
+    // `act` sees one version of the file, and what it changes is kept wholly or not at all.
+    template <typename Act>
+    void transact(StoreStatement begin, Act act)
+    {
+        file_.execute(begin);
+        try {
+            if (begin == STORE_BEGIN_READING) { // which settles the version with the first look
+                file_.execute(STORE_LOOK);
             }
-        }
-        if (code == SQLITE_OK) {
-            code = execute("PRAGMA user_version = " + std::to_string(wanted));
-        }
-        if (code == SQLITE_OK) {
-            code = execute("COMMIT");
-        }
-    }
-    if (code != SQLITE_OK) {
-        return code;
-    }
-
-    // The shared memory is there from the first reading on, and stays where it is while the file is open.
-    sqlite3_file *file = nullptr;
-    volatile void *index = nullptr;
-    sqlite3_file_control(db_.get(), "main", SQLITE_FCNTL_FILE_POINTER, &file);
-    constexpr int INDEX_PAGE = 32768;
-    if (file != nullptr && file->pMethods != nullptr && file->pMethods->iVersion >= 2 &&
-        file->pMethods->xShmMap(file, 0, INDEX_PAGE, 0, &index) == SQLITE_OK) {
-        log_index_ = index;
-    }
-    object_statements_ = std::vector<ObjectStatements>(model_.objects.size());
-    return SQLITE_OK;
-}
-
-int Connection::column_names(const ModelObject &object, std::vector<std::string> &columns)
-{
-    Statement statement;
-    int code = statement.prepare(db_.get(), sql_column_names(object));
-    if (code != SQLITE_OK) {
-        return code;
-    }
-    Execution execution(statement);
-    while ((code = execution.step()) == SQLITE_ROW) {
-        columns.emplace_back(execution.text(0));
-    }
-    return code == SQLITE_DONE ? SQLITE_OK : code;
-}
-
-int Connection::create(const ModelObject &object)
-{
-    int code = execute(sql_create_table(object));
-    for (int number = 1; number <= object.begins_with && code == SQLITE_OK; number++) {
-        code = execute(sql_insert_row(object), object.depth, {number});
-    }
-    return code;
-}
-
-int Connection::extend(const ModelObject &object, const std::vector<std::string> &columns)
-{
-    int code = SQLITE_OK;
-    for (const ModelParameter &parameter : object.parameters) {
-        bool kept = parameter.counted == MODEL_NONE;
-        if (code == SQLITE_OK && kept &&
-            std::find(columns.begin(), columns.end(), parameter.name) == columns.end()) {
-            code = execute(sql_add_column(object, parameter));
+            drop_stale_rows();
+            act();
+            file_.execute(STORE_COMMIT);
+            rows_version_ = file_.version(); // changed by nobody but us
+        } catch (...) {
+            file_.roll_back();
+            rows_.clear();
+            throw;
         }
     }
-    return code;
-}
 
-int Connection::create_or_extend(const ModelObject &object)
-{
-    std::vector<std::string> columns;
-    int code = column_names(object, columns);
-    if (code == SQLITE_OK) {
-        code = columns.empty() ? create(object) : extend(object, columns);
-    }
-    if (code == SQLITE_OK && !object.is_instance) {
-        code = execute(sql_seed(model_, object));
-    }
-    return code;
-}
-
-void Connection::close()
-{
-    forget_rows();
-    log_index_ = nullptr;
-    object_statements_.clear();
-    statements_.clear();
-    db_.reset();
-}
-
-// --- Executing ---------------------------------------------------------------------------------------------
-
-// SQLite asks here, when the store is locked, whether to try again.
-int Connection::busy(void *self, int count)
-{
-    using namespace std::chrono;
-    auto *connection = static_cast<Connection *>(self);
-    auto pause = microseconds(100) * (1 << std::min(count, 5));
-    if (connection->wait_ != ALL_BLOCK_LOCK) {
-        if (connection->wait_ <= 0) {
-            return 0;
+    // Whether the objects of a batch are there; if so their rows are in memory, of one version.
+    bool find_all(std::span<const StoreItem> items)
+    {
+        bool all = true;
+        for_each_object(items, [&](const ObjectRef &object, auto) { all = all && rows_.contains(object); });
+        if (!all) {
+            transact(STORE_BEGIN_READING, [&] {
+                all = true;
+                for_each_object(items,
+                                [&](const ObjectRef &object, auto) { all = all && find(object) != nullptr; });
+            });
         }
-        auto now = steady_clock::now();
-        if (!connection->waiting_) {
-            connection->give_up_ = now + milliseconds(connection->wait_);
+        return all;
+    }
+
+    // Whether the rows in memory have the values of a batch already.
+    bool have_all(std::span<const StoreItem> items)
+    {
+        bool all = true;
+        for_each_object(items, [&](const ObjectRef &object, std::span<const StoreItem> own) {
+            const Row &row = rows_.find(object)->second;
+            const ModelObject &model = data_model_object(object);
+            all = all && std::ranges::all_of(own, [&](const StoreItem &item) {
+                      return row.values[item.parameter] == text_of(item, model);
+                  });
+        });
+        return all;
+    }
+
+    // Of a table's instances, ascending
+    std::vector<int> numbers_of(const ObjectRef &table)
+    {
+        std::vector<int> numbers;
+        std::string prefix = path_of(table);
+        prefix.resize(prefix.rfind('.', prefix.size() - 2) + 1); // without a number
+        file_.execute(STORE_SELECT_BETWEEN, prefix, end_of(prefix), [&](std::string_view path) {
+            if (path.starts_with(prefix) && path.find('.', prefix.size()) == path.size() - 1) {
+                path.remove_prefix(prefix.size());
+                path.remove_suffix(1);
+                if (const int number = data_model_instance_number(path); number != 0) {
+                    numbers.push_back(number);
+                }
+            }
+        });
+        std::ranges::sort(numbers);
+        return numbers;
+    }
+
+    // Null when there is no such object. Inside a transaction, as all that follows.
+    Row *find(const ObjectRef &object)
+    {
+        auto found = rows_.find(object);
+        if (found == rows_.end()) {
+            std::optional<Row> row = load(object);
+            if (!row) {
+                return nullptr;
+            }
+            found = rows_.emplace(object, std::move(*row)).first;
         }
-        connection->waiting_ = true;
-        if (now >= connection->give_up_) {
-            return 0;
+        return &found->second;
+    }
+
+    void change(const ObjectRef &object, std::span<const StoreItem> items)
+    {
+        Row *row = find(object);
+        if (row == nullptr) {
+            throw StoreFailure{STORE_NO_OBJECT};
         }
-    }
-    std::this_thread::sleep_for(pause);
-    return 1;
-}
-
-StoreResult Connection::result_of(int code)
-{
-    if (code == SQLITE_OK || code == SQLITE_DONE || code == SQLITE_ROW) {
-        return STORE_OK;
-    }
-    if (code == SQLITE_BUSY || code == SQLITE_LOCKED) {
-        return STORE_LOCKED;
-    }
-    if (code != logged_code_) { // once, not with every event
-        zk_mod_log_printf("store", VELM_LOG_ERR, "%s: %s\n", store_file(), sqlite3_errstr(code));
-    }
-    logged_code_ = code;
-    return code == SQLITE_NOTADB || code == SQLITE_CORRUPT ? STORE_DAMAGED : STORE_FAILED;
-}
-
-// Executes a statement that gives nothing back; its first parameters are instance numbers.
-int Connection::execute(const std::string &sql, size_t depth, const InstanceNumbers &numbers)
-{
-    Statement &statement = statements_[sql];
-    int code = statement.is_prepared() ? SQLITE_OK : statement.prepare(db_.get(), sql);
-    if (code != SQLITE_OK) {
-        return code;
-    }
-    Execution execution(statement, depth, numbers);
-    do {
-        code = execution.step();
-    } while (code == SQLITE_ROW);
-    return code == SQLITE_DONE ? SQLITE_OK : code;
-}
-
-int Connection::statements_of(const ObjectRef &object, ObjectStatements *&statements)
-{
-    statements = &object_statements_[static_cast<size_t>(object.object)];
-    if (statements->select.is_prepared()) {
-        return SQLITE_OK;
-    }
-    const ModelObject &model = model_of(object);
-    int code = SQLITE_OK;
-    if (std::string update = sql_update_row(model); !update.empty()) {
-        code = statements->update.prepare(db_.get(), update);
-    }
-    if (code == SQLITE_OK && model.is_instance) {
-        code = statements->numbers.prepare(db_.get(), sql_instance_numbers(model));
-    }
-    if (code == SQLITE_OK) {
-        code = statements->select.prepare(db_.get(), sql_select_row(model_, model));
-    }
-    return code;
-}
-
-StoreResult Connection::begin(const char *how)
-{
-    return result_of(execute(how));
-}
-
-// Ends a transaction: keeps what was done when `result` is good and it can be kept, and takes it back
-// otherwise.
-StoreResult Connection::end(StoreResult result)
-{
-    if (result == STORE_OK) {
-        result = result_of(execute("COMMIT"));
-        if (result == STORE_OK) {
-            logged_code_ = SQLITE_OK;
-            return STORE_OK;
-        }
-    }
-    if (sqlite3_get_autocommit(db_.get()) == 0) { // some faults have rolled back by themselves
-        execute("ROLLBACK");
-    }
-    forget_rows();
-    return result;
-}
-
-// --- Rows in memory ----------------------------------------------------------------------------------------
-
-void Connection::forget_rows()
-{
-    rows_.clear();
-    rows_state_ = {};
-}
-
-void Connection::drop_stale_rows()
-{
-    FileState now = state();
-    if (now.same_as(rows_state_) && rows_.size() <= MAX_CACHED_ROWS) {
-        return;
-    }
-    rows_.clear();
-    rows_state_ = now;
-}
-
-// Reads a row from the file.
-StoreResult Connection::load(const ObjectRef &object, Row &row)
-{
-    const ModelObject &model = model_of(object);
-    ObjectStatements *statements = nullptr;
-    int code = statements_of(object, statements);
-    if (code != SQLITE_OK) {
-        return result_of(code);
-    }
-    Execution execution(statements->select, model.depth, object.instance);
-    code = execution.step();
-    if (code == SQLITE_DONE) {
-        return STORE_NO_OBJECT;
-    }
-    if (code != SQLITE_ROW) {
-        return result_of(code);
-    }
-    row.resize(model.parameters.size());
-    for (size_t i = 0; i < row.size(); i++) {
-        row[i] = execution.text(static_cast<int>(i));
-    }
-    return STORE_OK;
-}
-
-// Finds a row in memory, or brings it there.
-StoreResult Connection::find_row(const ObjectRef &object, Row *&row)
-{
-    if (auto found = rows_.find(object); found != rows_.end()) {
-        row = &found->second;
-        return STORE_OK;
-    }
-    Row loaded;
-    StoreResult result = load(object, loaded);
-    if (result == STORE_OK) {
-        row = &rows_.emplace(object, std::move(loaded)).first->second;
-    }
-    return result;
-}
-
-// Brings all rows of a batch into memory, as they are in one state of the file.
-StoreResult Connection::find_rows(std::span<const StoreItem> items)
-{
-    drop_stale_rows();
-    bool one_object = true;
-    bool missing = false;
-    for (size_t i = 0; i < items.size(); i++) {
-        if (i > 0 && items[i].object == items[i - 1].object) {
-            continue;
-        }
-        one_object = i == 0;
-        missing = missing || !rows_.contains(items[i].object);
-    }
-    if (!missing) {
-        return STORE_OK;
-    }
-
-    StoreResult result = STORE_OK;
-    Row *row = nullptr;
-    if (one_object) {
-        result = find_row(items[0].object, row);
-    } else {
-        rows_.clear(); // what is there may be older than what the transaction will see
-        result = begin("BEGIN");
-        if (result != STORE_OK) {
-            return result;
-        }
+        const ModelObject &model = data_model_object(object);
+        std::vector<size_t> changed;
+        std::vector<std::string_view> texts;
+        changed.reserve(items.size());
+        texts.reserve(items.size());
         for (const StoreItem &item : items) {
-            if (result == STORE_OK) {
-                result = find_row(item.object, row);
+            if (const std::string_view text = text_of(item, model); row->values[item.parameter] != text) {
+                row->values[item.parameter] = text;
+                changed.push_back(item.parameter);
+                texts.push_back(text);
             }
         }
-        result = end(result);
+        if (changed.empty()) {
+            return;
+        }
+        std::vector<std::string> tokens = encoded(texts);
+        for (size_t i = 0; i < changed.size(); ++i) {
+            row->kept[model.parameters[changed[i]].name] = std::move(tokens[i]);
+        }
+        std::string object_text;
+        object_text.reserve(USUAL_ROW);
+        for (const auto &[name, value] : row->kept) {
+            object_text.append(object_text.empty() ? "{\"" : ",\"").append(name).append("\":").append(value);
+        }
+        object_text += '}';
+        file_.execute(STORE_UPDATE, row->path, object_text);
+        if (!file_.changed_something()) { // the first that is kept of an object that is no instance
+            file_.execute(STORE_INSERT, row->path);
+            file_.execute(STORE_UPDATE, row->path, object_text);
+        }
     }
-    return result; // if somebody wrote meanwhile, the state has changed, and the rows are dropped next time
-}
 
-bool Connection::changes_something(std::span<const StoreItem> items) const
-{
-    return std::any_of(items.begin(), items.end(), [this](const StoreItem &item) {
-        return rows_.find(item.object)->second[item.parameter] != item.text;
-    });
-}
+    // Makes sure that an object exists, and every instance that it lies in.
+    void make(const ObjectRef &object)
+    {
+        const ModelObject &model = data_model_object(object);
+        if (model.parent != MODEL_NONE) {
+            make(above(object));
+        }
+        if (!model.is_instance) {
+            return; // comes with what it lies in
+        }
+        file_.execute(STORE_INSERT, path_of(object));
+        if (file_.changed_something()) {
+            rows_.clear(); // of the counts in them
+        }
+    }
 
-// Inside a writing transaction.
-StoreResult Connection::change_rows(std::span<const StoreItem> items)
-{
-    StoreResult result = STORE_OK;
-    while (!items.empty() && result == STORE_OK) {
-        const ObjectRef &object = items.front().object;
-        Row *row = nullptr;
-        result = find_row(object, row);
-        bool changed = false;
-        for (; !items.empty() && items.front().object == object; items = items.subspan(1)) {
-            if (result != STORE_OK) {
-                return result;
-            }
-            std::string &value = (*row)[items.front().parameter];
-            if (value == items.front().text) {
+    int add(const ObjectRef &table)
+    {
+        const ModelObject &model = data_model_object(table);
+        if (model.depth > 1 && find(above(table)) == nullptr) {
+            throw StoreFailure{STORE_NO_OBJECT};
+        }
+        int free = 1;
+        for (int number : numbers_of(table)) {
+            free += number == free ? 1 : 0;
+        }
+        ObjectRef instance = table;
+        instance.instance[model.depth - 1] = free;
+        make(instance);
+        return free;
+    }
+
+    void remove(const ObjectRef &object)
+    {
+        const std::string path = path_of(object);
+        file_.execute(STORE_DELETE_BETWEEN, path, end_of(path));
+        if (!file_.changed_something()) {
+            throw StoreFailure{STORE_NO_OBJECT};
+        }
+        rows_.clear(); // of the counts in them
+    }
+
+    // The objects right below `object` (or at the top), each with all below it, as far as they touch `path`.
+    void list_below(const ObjectRef &object, std::string_view path, StoreListing &listing)
+    {
+        const DataModel &model = data_model();
+        for (size_t i = 0; i < model.objects.size(); ++i) {
+            ObjectRef below{.object = static_cast<int>(i), .instance = object.instance};
+            if (model.objects[i].parent != object.object) {
                 continue;
             }
-            value = items.front().text;
-            changed = true;
-        }
-        if (changed) {
-            result = write_row(object, *row);
+            if (!model.objects[i].is_instance) {
+                list(below, path, listing);
+                continue;
+            }
+            for (int number : numbers_of(below)) {
+                below.instance[model.objects[i].depth - 1] = number;
+                list(below, path, listing);
+            }
         }
     }
-    return result;
+
+private:
+    void drop_stale_rows()
+    {
+        if (const uint64_t version = file_.version(); version != rows_version_) {
+            rows_.clear();
+            rows_version_ = version;
+        }
+    }
+
+    // Reads an object from the file. Of lengths, defaults and names counts what the model says now.
+    std::optional<Row> load(const ObjectRef &object)
+    {
+        const ModelObject &model = data_model_object(object);
+        Row row{.path = path_of(object), .values = {}, .kept = {}};
+        std::optional<json> parameters;
+        file_.execute(STORE_SELECT, row.path, {},
+                      [&](std::string_view text) { parameters = json::parse(text, nullptr, false); });
+        if (!parameters) { // an object that is no instance is there with what it lies in
+            if (model.is_instance || (model.depth > 0 && !load(above(object)))) {
+                return std::nullopt;
+            }
+            parameters = json::object();
+        }
+        bool sound = parameters->is_object();
+        for (auto kept = parameters->begin(); sound && kept != parameters->end(); ++kept) {
+            sound = kept->is_primitive() && data_model_is_name(kept.key());
+            if (sound) {
+                row.kept.emplace(kept.key(), kept->dump());
+            }
+        }
+        if (!sound) {
+            file_.fail(STORE_DAMAGED, row.path + ": its parameters are no JSON object of texts");
+        }
+        row.values.reserve(model.parameters.size());
+        for (const ModelParameter &parameter : model.parameters) {
+            std::string &value = row.values.emplace_back(parameter.initial);
+            if (parameter.counted != MODEL_NONE) {
+                value = std::to_string(numbers_of({parameter.counted, object.instance}).size());
+            } else if (auto kept = parameters->find(parameter.name); kept != parameters->end()) {
+                value = kept->is_string() ? decoded(kept->get_ref<const std::string &>()) : kept->dump();
+                value.resize(strnlen(value.c_str(), parameter.max_length));
+            }
+        }
+        return row;
+    }
+
+    void list(const ObjectRef &object, std::string_view path, StoreListing &listing)
+    {
+        const std::string own_path = path_of(object);
+        const bool inside = std::string_view(own_path).starts_with(path);
+        if (!inside && !path.starts_with(own_path)) {
+            return;
+        }
+        std::optional<Row> row = load(object);
+        if (!row) {
+            return;
+        }
+        const ModelObject &model = data_model_object(object);
+        for (size_t i = 0; i < row->values.size(); ++i) {
+            std::string parameter_path = own_path + model.parameters[i].name;
+            if (inside || parameter_path == path) {
+                listing.emplace_back(std::move(parameter_path), std::move(row->values[i]));
+            }
+        }
+        list_below(object, path, listing);
+    }
+
+    StoreFile file_;
+    // Rows in memory, and the version of the file that all of them are.
+    std::unordered_map<ObjectRef, Row, ObjectRefHash> rows_;
+    uint64_t rows_version_ = 0;
+};
+
+// --- Calls
+
+// Opened at the thread's first call, closed with the thread.
+thread_local Store store;
+
+template <typename Act>
+StoreResult call(int wait, Act act, bool repairs = true)
+{
+    try {
+        store.prepare(wait, repairs);
+        return act();
+    } catch (const StoreFailure &failure) {
+        return failure.result;
+    }
 }
 
-// Makes sure that an object exists, and every instance that it lies in.
-StoreResult Connection::make(const ObjectRef &object, bool &made)
+StoreResult write(std::span<const StoreItem> items, int wait, bool makes_missing)
 {
-    Row ignored;
-    StoreResult result = load(object, ignored);
-    if (result != STORE_NO_OBJECT) {
-        return result;
-    }
-    const ModelObject &model = model_of(object);
-    if (model.parent != MODEL_NONE) {
-        ObjectRef above{.object = model.parent, .instance = object.instance};
-        if (result = make(above, made); result != STORE_OK) {
-            return result;
-        }
-    }
-    made = true;
-    return model.is_instance ? insert_instance(object) : STORE_OK; // others come with what they lie in
-}
-
-StoreResult Connection::write_row(const ObjectRef &object, const Row &row)
-{
-    const ModelObject &model = model_of(object);
-    ObjectStatements *statements = nullptr;
-    int code = statements_of(object, statements);
-    if (code != SQLITE_OK) {
-        return result_of(code);
-    }
-    Execution execution(statements->update, model.depth, object.instance);
-    for (size_t i = 0; i < row.size(); i++) {
-        if (model.parameters[i].counted == MODEL_NONE) {
-            execution.bind(model.depth + i + 1, row[i]);
-        }
-    }
-    return result_of(execution.step());
-}
-
-// --- Operations --------------------------------------------------------------------------------------------
-
-StoreResult Connection::read(std::span<const StoreItem> items, int wait)
-{
-    StoreResult result = prepare(wait);
-    if (result == STORE_OK) {
-        result = find_rows(items);
-    }
-    if (result != STORE_OK) {
-        return result;
-    }
+    const DataModel &model = data_model();
     for (const StoreItem &item : items) {
-        const std::string &value = rows_.find(item.object)->second[item.parameter];
-        size_t length = value.copy(item.text, MODEL_MAX_VALUE);
-        item.text[length] = '\0';
-    }
-    return STORE_OK;
-}
-
-StoreResult Connection::write(std::span<const StoreItem> items, int wait, bool make_missing)
-{
-    for (const StoreItem &item : items) {
-        const ModelParameter &parameter = model_of(item.object).parameters[item.parameter];
+        const ModelParameter &parameter =
+            model.objects[static_cast<size_t>(item.object.object)].parameters[item.parameter];
         if (parameter.counted != MODEL_NONE) {
             return STORE_READ_ONLY;
         }
@@ -681,308 +442,120 @@ StoreResult Connection::write(std::span<const StoreItem> items, int wait, bool m
             return STORE_TOO_LONG;
         }
     }
-    StoreResult result = prepare(wait);
-    if (result == STORE_OK) {
-        result = find_rows(items);
-    }
-    if (result == STORE_OK && !changes_something(items)) {
+    return call(wait, [&] {
+        const bool all = store.find_all(items);
+        if (!all && !makes_missing) {
+            return STORE_NO_OBJECT;
+        }
+        if (all && store.have_all(items)) {
+            return STORE_OK;
+        }
+        store.transact(STORE_BEGIN_WRITING, [&] {
+            for_each_object(items, [&](const ObjectRef &object, std::span<const StoreItem> own) {
+                if (makes_missing) {
+                    store.make(object);
+                }
+                store.change(object, own);
+            });
+        });
         return STORE_OK;
-    }
-    if (result != STORE_OK && !(result == STORE_NO_OBJECT && make_missing)) {
-        return result;
-    }
-
-    result = begin("BEGIN IMMEDIATE");
-    if (result != STORE_OK) {
-        return result;
-    }
-    drop_stale_rows(); // from here on nobody else can commit
-    FileState before = rows_state_;
-    bool made = false;
-    for (const StoreItem &item : items) {
-        if (make_missing && result == STORE_OK) {
-            result = make(item.object, made);
-        }
-    }
-    if (result == STORE_OK) {
-        result = change_rows(items);
-    }
-    result = end(result);
-    if (result != STORE_OK) {
-        return result;
-    }
-    // The rows in memory are what was written, unless somebody else has written since; but a new instance has
-    // changed the counts in some of them.
-    FileState after = state();
-    if (after.follows(before) && !made) {
-        rows_state_ = after;
-    } else {
-        forget_rows();
-    }
-    return STORE_OK;
+    });
 }
-
-StoreResult Connection::exists(const ObjectRef &object, int wait)
-{
-    StoreItem item{.object = object, .parameter = 0, .text = nullptr};
-    StoreResult result = prepare(wait);
-    return result == STORE_OK ? find_rows({&item, 1}) : result;
-}
-
-StoreResult Connection::add(const ObjectRef &table, int &instance, int wait)
-{
-    StoreResult result = prepare(wait);
-    if (result == STORE_OK) {
-        result = begin("BEGIN IMMEDIATE");
-    }
-    if (result != STORE_OK) {
-        return result;
-    }
-    int created = 0;
-    result = end(add_instance(table, created));
-    if (result == STORE_OK) {
-        instance = created;
-    }
-    return result;
-}
-
-StoreResult Connection::add_instance(const ObjectRef &table, int &instance)
-{
-    const ModelObject &model = model_of(table);
-    if (model.parent != MODEL_NONE) {
-        ObjectRef above{.object = model.parent, .instance = table.instance};
-        Row ignored;
-        if (StoreResult result = load(above, ignored); result != STORE_OK) {
-            return result;
-        }
-    }
-    std::vector<int> taken;
-    if (StoreResult result = numbers_of(table, taken); result != STORE_OK) {
-        return result;
-    }
-    instance = 1;
-    for (int number : taken) {
-        if (number == instance) {
-            instance++;
-        }
-    }
-
-    ObjectRef created = table;
-    created.instance[model.depth - 1] = instance;
-    return insert_instance(created);
-}
-
-// Inserts an instance with all objects that belong to it, but no instances of tables in it.
-StoreResult Connection::insert_instance(const ObjectRef &object)
-{
-    const ModelObject &model = model_of(object);
-    for (const ModelObject &part : model_.objects) {
-        if (!part.path.starts_with(model.path) || part.depth != model.depth) {
-            continue;
-        }
-        if (int code = execute(sql_insert_row(part), model.depth, object.instance); code != SQLITE_OK) {
-            return result_of(code);
-        }
-    }
-    return STORE_OK;
-}
-
-StoreResult Connection::remove(const ObjectRef &object, int wait)
-{
-    StoreResult result = prepare(wait);
-    if (result == STORE_OK) {
-        result = begin("BEGIN IMMEDIATE");
-    }
-    if (result != STORE_OK) {
-        return result;
-    }
-    return end(remove_instance(object));
-}
-
-StoreResult Connection::remove_instance(const ObjectRef &object)
-{
-    const ModelObject &model = model_of(object);
-    Row ignored;
-    if (StoreResult result = load(object, ignored); result != STORE_OK) {
-        return result;
-    }
-    for (const ModelObject &part : model_.objects) {
-        if (!part.path.starts_with(model.path)) {
-            continue;
-        }
-        int code = execute(sql_delete_rows(part, model.depth), model.depth, object.instance);
-        if (code != SQLITE_OK) {
-            return result_of(code);
-        }
-    }
-    return STORE_OK;
-}
-
-StoreResult Connection::numbers_of(const ObjectRef &table, std::vector<int> &numbers)
-{
-    const ModelObject &model = model_of(table);
-    ObjectStatements *statements = nullptr;
-    int code = statements_of(table, statements);
-    if (code != SQLITE_OK) {
-        return result_of(code);
-    }
-    Execution execution(statements->numbers, model.depth - 1, table.instance);
-    while ((code = execution.step()) == SQLITE_ROW) {
-        numbers.push_back(execution.number(0));
-    }
-    return result_of(code);
-}
-
-StoreResult Connection::instances(const ObjectRef &table, std::vector<int> &numbers, int wait)
-{
-    numbers.clear();
-    StoreResult result = prepare(wait);
-    return result == STORE_OK ? numbers_of(table, numbers) : result;
-}
-
-StoreResult Connection::list(std::string_view path, StoreListing &listing, int wait)
-{
-    listing.clear();
-    if (!data_model_knows(model_, path)) {
-        return STORE_UNKNOWN_PATH;
-    }
-    StoreResult result = prepare(wait);
-    if (result == STORE_OK) {
-        result = begin("BEGIN");
-    }
-    if (result != STORE_OK) {
-        return result;
-    }
-    ObjectRef asked = data_model_find_object(model_, path.substr(0, path.rfind('.') + 1));
-    Row ignored;
-    if (asked.object != MODEL_NONE) {
-        result = load(asked, ignored);
-    }
-    if (result == STORE_OK) {
-        result = list_below({}, path, listing);
-    }
-    return end(result);
-}
-
-// The objects right below `above` (or at the top), each with all below it, as far as they touch `path`.
-StoreResult Connection::list_below(const ObjectRef &above, std::string_view path, StoreListing &listing)
-{
-    StoreResult result = STORE_OK;
-    for (size_t i = 0; i < model_.objects.size() && result == STORE_OK; i++) {
-        const ModelObject &model = model_.objects[i];
-        if (model.parent != above.object) {
-            continue;
-        }
-        ObjectRef object{.object = static_cast<int>(i), .instance = above.instance};
-        if (!model.is_instance) {
-            result = list_object(object, path, listing);
-            continue;
-        }
-        std::vector<int> numbers;
-        result = numbers_of(object, numbers);
-        for (int number : numbers) {
-            object.instance[model.depth - 1] = number;
-            if (result == STORE_OK) {
-                result = list_object(object, path, listing);
-            }
-        }
-    }
-    return result;
-}
-
-StoreResult Connection::list_object(const ObjectRef &object, std::string_view path, StoreListing &listing)
-{
-    const std::string own_path = data_model_path(model_, object);
-    bool inside = std::string_view(own_path).starts_with(path);
-    if (!inside && !path.starts_with(own_path)) {
-        return STORE_OK;
-    }
-    Row row;
-    if (StoreResult result = load(object, row); result != STORE_OK) {
-        return result;
-    }
-    const ModelObject &model = model_of(object);
-    for (size_t i = 0; i < row.size(); i++) {
-        std::string parameter_path = own_path + model.parameters[i].name;
-        if (inside || parameter_path == path) {
-            listing.emplace_back(std::move(parameter_path), std::move(row[i]));
-        }
-    }
-    return list_below(object, path, listing);
-}
-
-// Opened at the thread's first call, closed with the thread.
-thread_local Connection connection;
 
 } // namespace
 
 StoreResult store_read(std::span<const StoreItem> items, int wait)
 {
-    return connection.read(items, wait);
+    return call(wait, [&] {
+        if (!store.find_all(items)) {
+            return STORE_NO_OBJECT;
+        }
+        for_each_object(items, [](const ObjectRef &object, std::span<const StoreItem> own) {
+            const Row &row = *store.find(object);
+            for (const StoreItem &item : own) {
+                const std::string &value = row.values[item.parameter];
+                item.text[value.copy(item.text, MODEL_MAX_VALUE)] = '\0';
+            }
+        });
+        return STORE_OK;
+    });
 }
 
 StoreResult store_write(std::span<const StoreItem> items, int wait)
 {
-    return connection.write(items, wait, false);
+    return write(items, wait, false);
 }
 
 StoreResult store_put(std::span<const StoreItem> items, int wait)
 {
-    return connection.write(items, wait, true);
-}
-
-StoreResult store_add(const ObjectRef &table, int &instance, int wait)
-{
-    return connection.add(table, instance, wait);
-}
-
-StoreResult store_remove(const ObjectRef &object, int wait)
-{
-    return connection.remove(object, wait);
+    return write(items, wait, true);
 }
 
 StoreResult store_exists(const ObjectRef &object, int wait)
 {
-    return connection.exists(object, wait);
+    const StoreItem item{.object = object, .parameter = 0, .text = nullptr};
+    return call(wait, [&] { return store.find_all({&item, 1}) ? STORE_OK : STORE_NO_OBJECT; });
+}
+
+StoreResult store_add(const ObjectRef &table, int &instance, int wait)
+{
+    return call(wait, [&] {
+        int added = 0;
+        store.transact(STORE_BEGIN_WRITING, [&] { added = store.add(table); });
+        instance = added;
+        return STORE_OK;
+    });
+}
+
+StoreResult store_remove(const ObjectRef &object, int wait)
+{
+    return call(wait, [&] {
+        store.transact(STORE_BEGIN_WRITING, [&] { store.remove(object); });
+        return STORE_OK;
+    });
 }
 
 StoreResult store_instances(const ObjectRef &table, std::vector<int> &numbers, int wait)
 {
-    return connection.instances(table, numbers, wait);
+    numbers.clear();
+    return call(wait, [&] {
+        numbers = store.numbers_of(table);
+        return STORE_OK;
+    });
 }
 
 StoreResult store_list(std::string_view path, StoreListing &listing, int wait)
 {
-    return connection.list(path, listing, wait);
+    listing.clear();
+    if (!data_model_knows(data_model(), path)) {
+        return STORE_UNKNOWN_PATH;
+    }
+    auto list = [&] {
+        const ObjectRef asked = data_model_find_object(data_model(), path.substr(0, path.rfind('.') + 1));
+        StoreResult result = STORE_OK;
+        store.transact(STORE_BEGIN_READING, [&] {
+            if (asked.object != MODEL_NONE && store.find(asked) == nullptr) {
+                result = STORE_NO_OBJECT;
+            } else {
+                store.list_below({}, path, listing);
+            }
+        });
+        return result;
+    };
+    return call(wait, list, false);
 }
 
 void store_close()
 {
-    connection.close();
+    store.close();
 }
 
 const char *store_strerror(int code)
 {
-    switch (code) {
-    case STORE_OK:
-        return "no error";
-    case STORE_BAD_ARGUMENT:
-        return "bad argument";
-    case STORE_UNKNOWN_PATH:
-        return "no such path in the data model";
-    case STORE_NO_OBJECT:
-        return "no such object";
-    case STORE_TOO_LONG:
-        return "value too long";
-    case STORE_READ_ONLY:
-        return "parameter is counted and cannot be set";
-    case STORE_LOCKED:
-        return "store is locked";
-    case STORE_DAMAGED:
-        return "store is damaged";
-    case STORE_FAILED:
-        return "store cannot be opened, read or written";
-    default:
-        return "unknown error";
-    }
+    static constexpr std::array<const char *, STORE_FAILED + 1> texts = {
+        "no error",        "bad argument",     "no such path in the data model",
+        "no such object",  "value too long",   "parameter is counted and cannot be set",
+        "store is locked", "store is damaged", "store cannot be opened, read or written",
+    };
+    return code >= STORE_OK && code <= STORE_FAILED ? texts[static_cast<size_t>(code)] : "unknown error";
 }

@@ -1,15 +1,29 @@
 // The configuration store: the objects of the data model in one SQLite file, named by the environment
-// variable OVANI_STORE ("/var/lib/ovani/store.db" without it; missing directories are made).
+// variable OVANI_STORE ("/var/lib/ovani/store.db" without it; missing directories are made). File and
+// directories that are made are their owner's alone.
+//
+// Its one table, object(path, parameters), has a row for every instance, and for any other object of which
+// something was set. The parameters are a JSON object of those that were set; in a value "\\" stands for a
+// backslash, and "\xNN" for a byte of what is not UTF-8. Everything else the data model says when it is read:
+// defaults, lengths, counts, and what there is at all. What it does not know stays in the file, and is not
+// shown.
 //
 // Any number of processes and threads may use the file at once. Each thread has its own connection, opened at
 // its first call. What a call changed is there for everybody when it returns, and survives the death of any
-// process at any moment. A power cut may cost the last changes (SQLite's write-ahead log with
-// synchronous=NORMAL), never the store's consistency: it comes up as it was after some earlier call.
+// process at any moment. What others than this library write, or a process that is killed just then, is seen
+// within 50 ms, and so is a file that was deleted or took the place of ours. A power cut may cost the last
+// changes (SQLite's write-ahead log with synchronous=NORMAL), never the store's consistency: it comes up as
+// it was after some earlier call.
+//
+// A damaged file is put aside as "<file>.damaged", one of an older form as "<file>.old", and a fresh store
+// begun; the log says so. If damage is met in the middle, the call fails, and the next one does that. A file
+// that cannot be opened is tried again for 3 s, as far as the caller waits.
 //
 // A process that forks must not use the store in the child, exec excepted, when it has used it before.
 //
 // `wait` is how long to wait for another writer, in milliseconds; ALL_BLOCK_LOCK (-1) waits without limit,
-// other negative numbers and 0 do not wait. Reading never waits for a writer.
+// other negative numbers and 0 do not wait. Reading never waits for a writer, but for whoever is just opening
+// the file.
 #pragma once
 
 #include <span>
@@ -28,7 +42,7 @@ enum StoreResult {
     STORE_TOO_LONG,     // a value longer than its parameter holds
     STORE_READ_ONLY,    // a parameter that is counted, not kept
     STORE_LOCKED,       // the wait is over
-    STORE_DAMAGED,      // the file is not a store, or no longer one
+    STORE_DAMAGED,      // the file is not a store, or no longer one; or what is kept of an object is no JSON
     STORE_FAILED,       // the file cannot be opened, read or written; the log says why
 };
 
@@ -66,7 +80,7 @@ StoreResult store_exists(const ObjectRef &object, int wait);
 StoreResult store_instances(const ObjectRef &table, std::vector<int> &numbers, int wait);
 
 // Every parameter at `path` and below it with its value; the whole store for an empty path. Objects come in
-// the data model's order, instances in that of their numbers.
+// the data model's order, instances in that of their numbers. Who only lists puts no file aside.
 using StoreListing = std::vector<std::pair<std::string, std::string>>;
 StoreResult store_list(std::string_view path, StoreListing &listing, int wait);
 

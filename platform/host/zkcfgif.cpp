@@ -2,11 +2,12 @@
 // device functions behind the parameters, every change is kept, and nobody is notified.
 #include "platform/zkcfgif.h"
 
-#include <charconv>
+#include <cstring>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "platform/host/number.h"
 #include "platform/host/store.h"
 
 namespace {
@@ -20,8 +21,11 @@ struct Session {
     bool writes;
     int wait;
     std::vector<StoreItem> items;
-    std::string object_path; // of the last parameter, which the next one mostly shares
+    // Of the last parameter: the next one mostly is of the same object, and the next there.
+    std::string object_path;
     ObjectRef object;
+    const ModelObject *model = nullptr;
+    size_t next = 0;
 };
 
 bool is_write(OBJ_OP op)
@@ -34,42 +38,58 @@ bool is_read(OBJ_OP op)
     return op == OBJ_GET || op == OBJ_GET_NO_OP;
 }
 
-StoreResult find_parameter(const ObjectRef &object, std::string_view name, size_t &parameter)
+// Finds a parameter, which most likely is the one at `parameter`.
+bool find_parameter(const ModelObject &model, std::string_view name, size_t &parameter)
 {
-    if (object.object == MODEL_NONE) {
-        return STORE_UNKNOWN_PATH;
+    if (parameter >= model.parameters.size() || model.parameters[parameter].name != name) {
+        parameter = static_cast<size_t>(data_model_find_parameter(model, name));
     }
-    int index = data_model_find_parameter(data_model().objects[static_cast<size_t>(object.object)], name);
-    if (index == MODEL_NONE) {
-        return STORE_UNKNOWN_PATH;
-    }
-    parameter = static_cast<size_t>(index);
-    return STORE_OK;
+    return parameter < model.parameters.size();
+}
+
+bool is_too_long(const char *text, const ModelParameter &parameter)
+{
+    return strnlen(text, parameter.max_length + 1) > parameter.max_length;
 }
 
 // The parts of a parameter's path: the object's, with its dot, and the name.
 std::pair<std::string_view, std::string_view> split(std::string_view path)
 {
-    size_t name = path.rfind('.') + 1; // 0 without a dot
+    const size_t name = path.rfind('.') + 1; // 0 without a dot
     return {path.substr(0, name), path.substr(name)};
 }
 
-int get(std::string_view object_path, std::string_view name, char *value, int wait)
-{
-    StoreItem item{
-        .object = data_model_find_object(data_model(), object_path), .parameter = 0, .text = value};
-    StoreResult result = find_parameter(item.object, name, item.parameter);
-    return result == STORE_OK ? store_read({&item, 1}, wait) : result;
-}
+using Access = StoreResult (*)(std::span<const StoreItem> items, int wait);
 
-int set(std::string_view object_path, std::string_view name, const char *value, int wait)
+int access_one(Access access, std::string_view object_path, std::string_view name, const char *value,
+               int wait)
 {
-    // A write only reads the buffer.
+    if (value == nullptr) {
+        return STORE_BAD_ARGUMENT;
+    }
     StoreItem item{.object = data_model_find_object(data_model(), object_path),
                    .parameter = 0,
-                   .text = const_cast<char *>(value)};
-    StoreResult result = find_parameter(item.object, name, item.parameter);
-    return result == STORE_OK ? store_write({&item, 1}, wait) : result;
+                   .text = const_cast<char *>(value)}; // a write only reads it
+    const bool found = item.object.object != MODEL_NONE &&
+                       find_parameter(data_model_object(item.object), name, item.parameter);
+    return found ? access({&item, 1}, wait) : STORE_UNKNOWN_PATH;
+}
+
+int access_path(Access access, const char *path, const char *value, int wait)
+{
+    if (path == nullptr) {
+        return STORE_BAD_ARGUMENT;
+    }
+    auto [object_path, name] = split(path);
+    return access_one(access, object_path, name, value, wait);
+}
+
+int access_parameter(Access access, const char *object_path, const char *name, const char *value, int wait)
+{
+    if (object_path == nullptr || name == nullptr) {
+        return STORE_BAD_ARGUMENT;
+    }
+    return access_one(access, object_path, name, value, wait);
 }
 
 } // namespace
@@ -93,27 +113,42 @@ int zkapi_multinode_sessionprepare(void *session, const char *fullpath, void *da
     if (object_path != open->object_path) {
         open->object_path = object_path;
         open->object = data_model_find_object(data_model(), object_path);
+        open->model = open->object.object == MODEL_NONE ? nullptr : &data_model_object(open->object);
+        open->next = 0;
     }
-    StoreItem item{.object = open->object, .parameter = 0, .text = static_cast<char *>(data)};
-    StoreResult result = find_parameter(item.object, name, item.parameter);
-    if (result != STORE_OK) {
-        return result;
+    if (open->model == nullptr || !find_parameter(*open->model, name, open->next)) {
+        return STORE_UNKNOWN_PATH;
     }
-    const ModelObject &object = data_model().objects[static_cast<size_t>(item.object.object)];
-    if (open->writes && object.parameters[item.parameter].counted != MODEL_NONE) {
+    const size_t index = open->next++;
+    const ModelParameter &parameter = open->model->parameters[index];
+    auto *text = static_cast<char *>(data);
+    if (open->writes && parameter.counted != MODEL_NONE) {
         return STORE_READ_ONLY;
     }
-    open->items.push_back(item);
+    if (open->writes && is_too_long(text, parameter)) {
+        return STORE_TOO_LONG;
+    }
+    open->items.push_back({.object = open->object, .parameter = index, .text = text});
     return STORE_OK;
 }
 
 int zkapi_multinode_sessionprocess(void *session)
 {
-    const auto *open = static_cast<const Session *>(session);
+    auto *open = static_cast<Session *>(session);
     if (open == nullptr) {
         return STORE_BAD_ARGUMENT;
     }
-    return open->writes ? store_write(open->items, open->wait) : store_read(open->items, open->wait);
+    if (!open->writes) {
+        return store_read(open->items, open->wait);
+    }
+    int result = store_write(open->items, open->wait);
+    if (result == STORE_TOO_LONG) { // since it was prepared; it is left out as well
+        std::erase_if(open->items, [](const StoreItem &item) {
+            return is_too_long(item.text, data_model_object(item.object).parameters[item.parameter]);
+        });
+        result = store_write(open->items, open->wait);
+    }
+    return result;
 }
 
 int zkapi_multinode_sessiondestroy(void *session)
@@ -127,20 +162,12 @@ int zkapi_multinode_sessiondestroy(void *session)
 
 int zkapi_singlevalue_get(const char *path, char *value, OP_DEVFUNC /*mode*/, int wait)
 {
-    if (path == nullptr || value == nullptr) {
-        return STORE_BAD_ARGUMENT;
-    }
-    auto [object_path, name] = split(path);
-    return get(object_path, name, value, wait);
+    return access_path(store_read, path, value, wait);
 }
 
 int zkapi_singlevalue_set(const char *path, const char *value, OP_DEVFUNC /*mode*/, int wait)
 {
-    if (path == nullptr || value == nullptr) {
-        return STORE_BAD_ARGUMENT;
-    }
-    auto [object_path, name] = split(path);
-    return set(object_path, name, value, wait);
+    return access_path(store_write, path, value, wait);
 }
 
 int zkapi_obj_add(const char *objpath, int *instance, OP_DEVFUNC /*mode*/, int wait)
@@ -164,8 +191,7 @@ int zkapi_obj_del(const char *objpath, int instance, OP_DEVFUNC /*mode*/, int wa
     if (instance < 1) {
         return STORE_NO_OBJECT;
     }
-    size_t depth = data_model().objects[static_cast<size_t>(object.object)].depth;
-    object.instance[depth - 1] = instance;
+    object.instance[data_model_object(object).depth - 1] = instance;
     return store_remove(object, wait);
 }
 
@@ -195,31 +221,21 @@ void zkapi_getobjidbyobjpath(const char *path, InstIdStack *ids)
     }
     *ids = {};
     std::string_view rest = path == nullptr ? "" : path;
-    while (!rest.empty() && ids->currentDepth < 8) {
-        std::string_view component = rest.substr(0, rest.find('.'));
+    while (!rest.empty() && ids->currentDepth < static_cast<int>(MODEL_MAX_DEPTH)) {
+        const std::string_view component = rest.substr(0, rest.find('.'));
         rest.remove_prefix(component.size() == rest.size() ? rest.size() : component.size() + 1);
-        int number = 0;
-        const char *last = component.data() + component.size();
-        auto [end, fault] = std::from_chars(component.data(), last, number);
-        bool is_number = !component.empty() && fault == std::errc{} && end == last && number >= 0;
-        if (is_number) {
-            ids->instance[ids->currentDepth++] = number;
+        if (const auto number = parse_number<int>(component)) {
+            ids->instance[ids->currentDepth++] = *number;
         }
     }
 }
 
 int zkcfg_getsingleparamval(const char *objpath, const char *param, char *value, int wait)
 {
-    if (objpath == nullptr || param == nullptr || value == nullptr) {
-        return STORE_BAD_ARGUMENT;
-    }
-    return get(objpath, param, value, wait);
+    return access_parameter(store_read, objpath, param, value, wait);
 }
 
 int zkcfg_setsingleparamval(const char *objpath, const char *param, const char *value, int wait)
 {
-    if (objpath == nullptr || param == nullptr || value == nullptr) {
-        return STORE_BAD_ARGUMENT;
-    }
-    return set(objpath, param, value, wait);
+    return access_parameter(store_write, objpath, param, value, wait);
 }

@@ -6,33 +6,34 @@ namespace {
 
 TEST(DataModel, TellsWhatIsWrongInWhichLine)
 {
-    const struct {
-        const char *text;
-        const char *error;
-    } cases[] = {
+    const std::pair<const char *, const char *> cases[] = {
         {"A", "line 1: an object's path ends in a dot"},
         {"A.b+c.", "line 1: a component"},
+        {"A..b.", "line 1: a component"},
+        {"A.{j}.", "line 1: a component"},
         {"A.{i}. 0", "line 1: only a table"},
         {"A.{i}. 256", "line 1: only a table"},
-        {"A.{i}. x", "line 1: only a table"},
         {"A.b. 4", "line 1: only a table"},
         {"A.{i}.\nA.{i}.B.{i}. 4", "line 2: only a table"},
         {"A.{i}.\nA.{i}.B.{i}.{i}.", "line 2: the table above it"},
-        {"A.1.\nA.{i}.", "line 2: the object is listed twice"},
+        {"A.\nA.", "line 2: the object is listed twice"},
+        {"A.1.\nA.{i}.", "line 2: its numbers"},
+        {"A.{i}.\nA.1.", "line 2: its numbers"},
+        {"  p 3", "line 1: a parameter stands before"},
         {"A.\n\n# comment\n  p q 3", "line 4: the length"},
         {"A.\n  p 256", "line 2: the length"},
         {"A.\n  p 3 four", "line 2: the default is longer"},
         {"A.\n  p\"q 3", "line 2: a parameter's name"},
-        {"A.\n  p 3\n  P 3", "line 3: the object has a parameter"},
+        {"A.\n  p 3\n  p 3", "line 3: the object has a parameter"},
         {"A.\n  n count", "line 2: the table to count is missing"},
         {"A.\n  n count B.{i}.\nA.C.", "line 2: the table it counts is not listed"},
         {"A.\n  n count B.\nA.B.", "line 2: what it counts is not a table"},
     };
-    for (const auto &c : cases) {
+    for (const auto &[text, expected] : cases) {
         DataModel model;
         std::string error;
-        EXPECT_FALSE(data_model_parse(c.text, model, error)) << c.text;
-        EXPECT_EQ(error.substr(0, std::string_view(c.error).size()), c.error) << c.text;
+        EXPECT_FALSE(data_model_parse(text, model, error)) << text;
+        EXPECT_EQ(error.substr(0, std::string_view(expected).size()), expected) << text;
     }
 }
 
@@ -45,30 +46,22 @@ TEST(DataModel, FindsObjectsByTheirNumbers)
         << error;
     EXPECT_EQ(model.objects[0].parameters[0].initial, "two words");
     EXPECT_EQ(model.objects[2].parent, 0);
-
-    const struct {
-        const char *path;
-        int object;
-        InstanceNumbers numbers;
-    } cases[] = {
-        {"A.1.T.7.", 0, {7}},           {"A.1.T.2147483647.U.12.", 1, {2147483647, 12}},
-        {"A.1.T.7.S.", 2, {7}},         {"A.2.T.7.", MODEL_NONE, {}},
-        {"A.1.T.07.", MODEL_NONE, {}},  {"A.1.T.0.", MODEL_NONE, {}},
-        {"A.1.T.-7.", MODEL_NONE, {}},  {"A.1.T.2147483648.", MODEL_NONE, {}},
-        {"A.1.T.{i}.", MODEL_NONE, {}}, {"A.1.T.#.", MODEL_NONE, {}},
-        {"A.1.T.7", MODEL_NONE, {}},    {"A.1.T.", MODEL_NONE, {}},
-        {"", MODEL_NONE, {}},
+    const ObjectRef none;
+    const std::pair<const char *, ObjectRef> cases[] = {
+        {"A.1.T.7.", {0, {7}}},   {"A.1.T.2147483647.U.12.", {1, {2147483647, 12}}},
+        {"A.1.T.7.S.", {2, {7}}}, {"A.2.T.7.", none},
+        {"A.1.T.07.", none},      {"A.1.T.0.", none},
+        {"A.1.T.-7.", none},      {"A.1.T.2147483648.", none},
+        {"A.1.T.{i}.", none},     {"A.1.T.7", none},
+        {"A.1.T.", none},         {"", none},
     };
-    for (const auto &c : cases) {
-        ObjectRef found = data_model_find_object(model, c.path);
-        EXPECT_EQ(found.object, c.object) << c.path;
-        EXPECT_EQ(found.instance, c.numbers) << c.path;
-        if (found.object != MODEL_NONE) {
-            EXPECT_EQ(data_model_path(model, found), c.path);
-        }
+    for (const auto &[path, expected] : cases) {
+        const ObjectRef found = data_model_find_object(model, path);
+        EXPECT_EQ(found, expected) << path;
+        EXPECT_EQ(found == none ? path : data_model_path(model, found), path);
     }
     EXPECT_EQ(data_model_find_table(model, "A.1.T.7.U.").object, 1);
-    EXPECT_EQ(data_model_find_table(model, "A.1.T.7.S.").object, MODEL_NONE);
+    EXPECT_EQ(data_model_find_table(model, "A.1.T.7.S."), none);
 }
 
 } // namespace
