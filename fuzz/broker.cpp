@@ -1,6 +1,6 @@
 // What clients write to the broker: steps of a client's number and the block it writes. The number behind the
 // last client's sets how much the clients' sockets take at a time, so that messages have to wait; bit 6 of a
-// client's adds so many zeroes that a few messages are more than the broker lets wait.
+// client's adds so many zeroes that some dozen messages are more than the broker lets wait.
 #include <cerrno>
 #include <cstring>
 #include <string>

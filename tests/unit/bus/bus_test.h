@@ -52,7 +52,7 @@ struct BrokerProcess {
     {
         launch();
         ubus_context *ctx = nullptr;
-        const auto connects = [&] { return (ctx = ubus_connect(path.c_str())) != nullptr; };
+        const auto connects = [&] { return ctx != nullptr || (ctx = ubus_connect(path.c_str())) != nullptr; };
         ASSERT_TRUE(run_until(connects)) << "the broker did not start";
         ubus_free(ctx);
     }
