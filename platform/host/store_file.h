@@ -12,6 +12,7 @@
 #include <functional>
 #include <string>
 #include <string_view>
+#include <thread>
 
 #include <sqlite3.h>
 #include <sys/types.h>
@@ -91,6 +92,7 @@ private:
 
     static int wait_a_little(void *self, int count);
     static int committed(void *self, sqlite3 *db, const char *name, int pages);
+    void begin_checkpoint();
 
     std::string file_;
     std::array<Identity, PARTS> opened_{};
@@ -98,6 +100,8 @@ private:
     std::array<sqlite3_stmt *, STORE_STATEMENTS> statements_{};
     uint32_t openings_ = 0;
     bool suspect_ = false; // damage was met since the file was opened
+    std::atomic<bool> checkpointing_ = false;
+    std::jthread checkpoint_;
 
     int count_file_ = -1;
     std::atomic<uint32_t> *count_ = nullptr; // of commits, by all processes
