@@ -108,7 +108,9 @@ TEST(LogDeathTest, NeverWaitsForItsReader)
         bool full = read_now.size() > 30'000 && read_now.ends_with("x\n"); // whole lines
         zk_mod_log_printf("m", VELM_LOG_DEBUG, "there is room again");
         std::string_view after(lines, static_cast<size_t>(read(ends[0], lines, sizeof lines)));
-        _exit(full && after.find(" lines lost") != after.npos && after.ends_with("room again\n") ? 0 : 1);
+        _exit(full && after.find(" lines lost") != std::string_view::npos && after.ends_with("room again\n")
+                  ? 0
+                  : 1);
     };
     EXPECT_EXIT(write_into_a_full_pipe(), ExitedWithCode(0), "");
 }
