@@ -221,8 +221,9 @@ else
     note="Ctrl-C takes the gateway down. From another terminal: tools/gateway unplug phone, tools/gateway --help"
     [[ $OVANI_GATEWAY == /run/ovani-gateway ]] || note+=" (export OVANI_GATEWAY=$OVANI_GATEWAY first)"
     plug_all 1.5 >>"$OVANI_GATEWAY/log/plug.log" 2>&1 &
-    # In the background, so that a signal is heeded at once; Ctrl-C is for the table, and it ends with it.
-    tools/gateway exec ovanictl hosts --watch --ports --events --note "$note" &
+    say "$note"
+    # In the background, so that a signal is heeded at once; Ctrl-C is for the viewer, and it ends with it.
+    tools/gateway exec ovanictl events &
     viewer=$!
     trap : INT
     while kill -0 $viewer 2>/dev/null; do

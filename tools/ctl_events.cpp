@@ -2,7 +2,6 @@
 
 #include "tools/ovanictl.h" // CLI11 before libubox, whose macros take one of its names
 
-#include <array>
 #include <cstdio>
 #include <map>
 #include <memory>
@@ -25,27 +24,26 @@ struct EventsCommand {
     bool list = false;
 };
 
-constexpr std::array LIST_TITLES = {"EVENT", "WORD", "ATTRIBUTE", "BYTES"};
+std::string length_text(const Json &bytes)
+{
+    return bytes == 0 ? "" : cell_text(bytes);
+}
+
+constexpr Column LIST_COLUMNS[] = {
+    {.title = "EVENT", .member = "event"},
+    {.title = "WORD", .member = "word"},
+    {.title = "ATTRIBUTE", .member = "attribute"},
+    {.title = "BYTES", .member = "bytes", .text = length_text},
+};
 
 void list_events(bool json)
 {
-    std::vector<TableRow> rows;
-    std::vector<Json> objects;
+    std::vector<Row> rows;
     for (const EventKind &kind : OVANI_EVENTS) {
-        const Json attribute = kind.attribute != nullptr ? Json(kind.attribute) : Json();
-        objects.push_back({{"event", kind.name},
-                           {"word", event_word(kind.name)},
-                           {"attribute", attribute},
-                           {"bytes", kind.wire_length}});
-        rows.push_back({.cells = {std::string(kind.name), event_word(kind.name),
-                                  attribute.is_null() ? "" : kind.attribute,
-                                  kind.wire_length == 0 ? "" : std::to_string(kind.wire_length)}});
+        const char *attribute = kind.attribute != nullptr ? kind.attribute : "";
+        rows.push_back({.cells = {kind.name, event_word(kind.name), attribute, kind.wire_length}});
     }
-    if (json) {
-        print_json_rows(objects);
-    } else {
-        print_lines(table_lines(LIST_TITLES, rows, style_for(STDOUT_FILENO), terminal_width()));
-    }
+    print_rows("events", LIST_COLUMNS, std::move(rows), {.json = json});
 }
 
 void print_event(const EventsCommand &command, const char *name, blob_attr *msg)

@@ -1,76 +1,31 @@
-// ovanictl ports, ovanictl limits: what the drivers were asked, as they keep it in the store.
+// ovanictl ports, ovanictl limits: the LAN ports' links, and what the drivers were asked, as they keep it in
+// the store.
 
 #include "tools/ovanictl.h" // CLI11 before libubox, whose macros take one of its names
 
 #include "tools/ctl_ports.h"
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
+#include <fstream>
+#include <map>
 #include <memory>
 
-#include <unistd.h>
+#include <net/if.h>
 
+#include "ovani/ovani_interface.h"
+#include "platform/host/driver.h"
 #include "platform/qvdrv_pon_api.h"
 #include "platform/zk_sys_mgr.h"
-#include "tools/json.h"
+#include "tools/ctl_hosts.h"
 #include "tools/objects.h"
 #include "tools/text.h"
 
 namespace {
 
 constexpr std::string_view DRIVER_PORTS = "InternetGatewayDevice.X_QV_Driver.LANPort.";
-constexpr std::string_view DRIVER_DEVICES = "InternetGatewayDevice.X_QV_Driver.Device.";
-constexpr std::string_view NO_VLAN = "4093"; // how the connection without a VLAN is bound
+constexpr int NO_VLAN = 4093; // how the connection without a VLAN is bound
 
-// --- Reading
-
-struct Port {
-    std::string name;
-    std::optional<bool> link; // none where it has no interface
-    StoreObject asked;
-    std::vector<StoreObject> bindings; // by LAN VLAN
-};
-
-// Ethernet ports come first in the drivers' numbering, SSIDs behind them.
-std::string port_name(int number, int ethernet_ports)
-{
-    return number <= ethernet_ports ? "LAN" + std::to_string(number)
-                                    : "Wi-Fi " + std::to_string(number - ethernet_ports);
-}
-
-std::optional<bool> link_of(int number)
-{
-    PON_ETH_PORT_LINK_STATUS_T status{.port_index = static_cast<uint32_t>(number)};
-    return qvdrv_pon_get_eth_port_link_status(&status) == 0 ? std::optional(status.link_up == 1)
-                                                            : std::nullopt;
-}
-
-// Every Ethernet port, and each SSID that was ever bound.
-std::vector<Port> read_ports()
-{
-    devinfo info{};
-    zk_sys_mgr_get_devinfo(&info);
-    const int ethernet_ports = static_cast<int>(info.port_num);
-    std::vector<Port> ports;
-    for (int number = 1; number <= ethernet_ports; ++number) {
-        ports.push_back({port_name(number, ethernet_ports), link_of(number), {.instance = number}, {}});
-    }
-    for (StoreObject &asked : read_objects(DRIVER_PORTS)) {
-        const int number = asked.instance;
-        std::vector<StoreObject> bindings =
-            read_objects(std::string(DRIVER_PORTS) + std::to_string(number) + ".VLANBinding.");
-        if (number > ethernet_ports) {
-            ports.push_back({port_name(number, ethernet_ports), {}, {}, {}});
-        }
-        Port &port = number > ethernet_ports ? ports.back() : ports[static_cast<size_t>(number - 1)];
-        port.asked = std::move(asked);
-        port.bindings = std::move(bindings);
-    }
-    return ports;
-}
-
-// --- As JSON
+// --- Values: null for a number or a yes or no that is not there
 
 Json number_or_null(std::string_view text)
 {
@@ -81,6 +36,42 @@ Json number_or_null(std::string_view text)
 Json bool_or_null(std::string_view text)
 {
     return text.empty() ? Json() : Json(text == "1");
+}
+
+// --- What the kernel says of a port's link
+
+// A link that is down has no speed, whatever a virtual interface says.
+Json link_json(int number, bool ethernet)
+{
+    const std::string interface = driver_interface_of_port(static_cast<unsigned>(number));
+    PON_ETH_PORT_LINK_STATUS_T status{.port_index = static_cast<uint32_t>(number)};
+    Json link = {{"up", nullptr}, {"speed", nullptr}, {"duplex", ""}};
+    if (!ethernet || if_nametoindex(interface.c_str()) == 0 ||
+        qvdrv_pon_get_eth_port_link_status(&status) != 0) {
+        return link;
+    }
+    link["up"] = status.link_up == 1;
+    if (status.link_up != 1) {
+        return link;
+    }
+    std::string speed;
+    std::ifstream("/sys/class/net/" + interface + "/speed") >> speed; // -1 where unknown
+    link["speed"] = number_or_null(speed);
+    std::string duplex;
+    std::ifstream("/sys/class/net/" + interface + "/duplex") >> duplex;
+    link["duplex"] = duplex == "unknown" ? "" : duplex;
+    return link;
+}
+
+// --- What was asked of it
+
+Json asked_json(const StoreObject &asked)
+{
+    return {{"enabled", bool_or_null(asked.get("Enable"))},
+            {"auto", bool_or_null(asked.get("AutoNegotiation"))},
+            {"rate", number_or_null(asked.get("Rate"))},
+            {"duplex", asked.get("Duplex")},
+            {"mac_limit", number_or_null(asked.get("MACLimit"))}};
 }
 
 Json binding_json(const StoreObject &binding)
@@ -94,166 +85,170 @@ Json binding_json(const StoreObject &binding)
             {"lan_dhcp", bool_or_null(binding.get("LANDHCP"))}};
 }
 
-Json port_json(const Port &port)
+Row port_row(int number, int ethernet_ports, const StoreObject &asked)
 {
+    const bool ethernet = number <= ethernet_ports;
+    const Json link = link_json(number, ethernet);
     Json bindings = Json::array();
-    for (const StoreObject &binding : port.bindings) {
+    for (const StoreObject &binding :
+         read_objects(driver_port_path(static_cast<unsigned>(number)) + "VLANBinding.")) {
         bindings.push_back(binding_json(binding));
     }
-    return {{"port", port.name},
-            {"number", port.asked.instance},
-            {"link", port.link ? Json(*port.link) : Json()},
-            {"enabled", bool_or_null(port.asked.get("Enable"))},
-            {"auto", bool_or_null(port.asked.get("AutoNegotiation"))},
-            {"rate", number_or_null(port.asked.get("Rate"))},
-            {"duplex", port.asked.get("Duplex")},
-            {"mac_limit", number_or_null(port.asked.get("MACLimit"))},
-            {"bindings", bindings}};
+    const Json was_asked = asked_json(asked);
+    return {.cells = {ethernet ? lan_port_name(number) : ssid_name(number - ethernet_ports), number,
+                      link["up"], link["speed"], link["duplex"], was_asked, was_asked, was_asked, bindings,
+                      bindings},
+            .dim = link["up"] == false};
 }
 
-Json limits_json(const StoreObject &device, const std::string &name)
+// --- As texts
+
+std::string link_text(const Json &up)
 {
-    return {{"mac", device.get("MACAddress")},
-            {"name", name},
-            {"max_up", number_or_null(device.get("MaxUpstream"))},
-            {"max_down", number_or_null(device.get("MaxDownstream"))},
-            {"total_up", number_or_null(device.get("TotalUpstream"))},
-            {"total_down", number_or_null(device.get("TotalDownstream"))}};
+    return up.is_null() ? "" : up.get<bool>() ? "up" : "down";
 }
 
-// --- As tables
-
-constexpr std::array PORT_TITLES = {"PORT",   "LINK", "ENABLED", "AUTO",   "RATE",
-                                    "DUPLEX", "MACS", "VLAN",    "GOES TO"};
-
-std::string yes_or_no(std::string_view text)
+std::string enabled_text(const Json &asked)
 {
-    return text.empty() ? "" : text == "1" ? "yes" : "no";
+    return cell_text(asked["enabled"]);
 }
 
-std::string lower_case(std::string_view text)
+std::string mac_limit_text(const Json &asked)
 {
-    std::string out(text);
-    std::ranges::transform(out, out.begin(), [](unsigned char c) { return tolower(c); });
-    return out;
+    return cell_text(asked["mac_limit"]);
 }
 
-std::string connection_text(const StoreObject &binding)
+// "auto", or what was asked instead: "100 full".
+std::string mode_text(const Json &asked)
 {
-    const std::string_view vlan = binding.get("VLAN");
-    std::string text = vlan == NO_VLAN ? "no VLAN" : "VLAN " + std::string(vlan);
-    text += ", " + std::string(binding.get("Service"));
-    text += binding.get("Type") == "BRIDGE" ? ", bridged" : ", routed";
-    return binding.get("Priority") == "0" ? text
-                                          : text + ", priority " + std::string(binding.get("Priority"));
-}
-
-// Nothing was asked of most ports: they are as the switch has them.
-std::string rate_text(const StoreObject &asked)
-{
-    return asked.get("Rate") == "0" ? "" : std::string(asked.get("Rate"));
-}
-
-std::string duplex_text(const StoreObject &asked)
-{
-    return asked.get("Duplex") == "None" ? "" : lower_case(asked.get("Duplex"));
-}
-
-// A row a port, or a row for each of its bindings; only the first tells of the port.
-void add_port_rows(const Port &port, std::vector<TableRow> &rows)
-{
-    const bool down = port.link == false;
-    rows.push_back({.cells = {port.name,
-                              !port.link   ? ""
-                              : *port.link ? "up"
-                                           : "down",
-                              yes_or_no(port.asked.get("Enable")),
-                              yes_or_no(port.asked.get("AutoNegotiation")), rate_text(port.asked),
-                              duplex_text(port.asked), std::string(port.asked.get("MACLimit")), "", ""},
-                    .dim = down});
-    for (const StoreObject &binding : port.bindings) {
-        if (&binding != &port.bindings.front()) {
-            rows.push_back({.cells = std::vector<std::string>(PORT_TITLES.size(), " "), .dim = down});
-        }
-        *(rows.back().cells.end() - 2) = std::to_string(binding.instance);
-        rows.back().cells.back() = connection_text(binding);
+    if (asked["auto"] == true) {
+        return "auto";
     }
-}
-
-constexpr std::array LIMIT_TITLES = {"DEVICE", "MAC", "UP", "DOWN", "TOTAL UP", "TOTAL DOWN"};
-
-TableRow limits_row(const StoreObject &device, const std::string &name)
-{
-    return {.cells = {name, std::string(device.get("MACAddress")), std::string(device.get("MaxUpstream")),
-                      std::string(device.get("MaxDownstream")), std::string(device.get("TotalUpstream")),
-                      std::string(device.get("TotalDownstream"))}};
-}
-
-// What people call the host of a MAC: by its alias, or else by its name.
-std::string name_of(const std::vector<StoreObject> &hosts, std::string_view mac)
-{
-    const auto host = std::ranges::find(hosts, mac, [](const StoreObject &h) { return h.get("MACAddress"); });
-    if (host == hosts.end()) {
-        return "";
+    std::string text = asked["rate"] == 0 ? "" : cell_text(asked["rate"]);
+    const auto duplex = asked["duplex"].get<std::string>();
+    if (duplex == "Full" || duplex == "Half") {
+        text += std::string(text.empty() ? "" : " ") + (duplex == "Full" ? "full" : "half");
     }
-    return std::string(host->get(host->get("HostAlias").empty() ? "HostName" : "HostAlias"));
+    return text;
 }
 
-void show_ports(bool json)
+std::string lan_vlan_text(const Json &binding)
 {
-    if (!json) {
-        print_lines(port_lines(style_for(STDOUT_FILENO), terminal_width()));
-        return;
-    }
-    std::vector<Json> objects;
-    for (const Port &port : read_ports()) {
-        objects.push_back(port_json(port));
-    }
-    print_json_rows(objects);
+    return cell_text(binding["lan_vlan"]);
 }
 
-void show_limits(bool json)
+std::string connection_text(const Json &binding)
+{
+    std::string text = binding["wan_vlan"] == NO_VLAN ? "no VLAN" : "VLAN " + cell_text(binding["wan_vlan"]);
+    text += ", " + binding["service"].get<std::string>();
+    text += binding["type"] == "BRIDGE" ? ", bridged" : ", routed";
+    return binding["priority"] == 0 ? text : text + ", priority " + cell_text(binding["priority"]);
+}
+
+constexpr Column PORT_COLUMNS[] = {
+    {.title = "PORT", .member = "port"},
+    {.title = nullptr, .member = "number"},
+    {.title = "LINK", .member = "link", .text = link_text},
+    {.title = "SPEED", .member = "speed", .leaves = 3},
+    {.title = "DUPLEX", .member = "duplex", .leaves = 2},
+    {.title = "ENABLED", .member = "asked", .leaves = 4, .text = enabled_text},
+    {.title = "ASKED", .member = nullptr, .leaves = 5, .text = mode_text},
+    {.title = "MACS", .member = nullptr, .leaves = 1, .text = mac_limit_text},
+    {.title = "VLAN", .member = "bindings", .leaves = 7, .text = lan_vlan_text},
+    {.title = "WAN", .member = nullptr, .leaves = 6, .cut = true, .text = connection_text},
+};
+
+constexpr Column LIMIT_COLUMNS[] = {
+    {.title = "HOST", .member = "instance", .leaves = 1},
+    {.title = "NAME", .member = "name", .cut = true},
+    {.title = "MAC", .member = "mac"},
+    {.title = "MAX-UP", .member = "max_up"},
+    {.title = "MAX-DOWN", .member = "max_down"},
+    {.title = "TOTAL-UP", .member = "total_up"},
+    {.title = "TOTAL-DOWN", .member = "total_down"},
+};
+
+std::vector<Row> limit_rows()
 {
     const std::vector<StoreObject> hosts = read_objects(HOSTS_PATH);
-    std::vector<TableRow> rows;
-    std::vector<Json> objects;
+    std::vector<Row> rows;
     for (const StoreObject &device : read_objects(DRIVER_DEVICES)) {
-        const std::string name = name_of(hosts, device.get("MACAddress"));
-        rows.push_back(limits_row(device, name));
-        objects.push_back(limits_json(device, name));
+        const auto host = std::ranges::find(hosts, device.get("MACAddress"),
+                                            [](const StoreObject &h) { return h.get("MACAddress"); });
+        const bool known = host != hosts.end();
+        rows.push_back({.cells = {known ? Json(host->instance) : Json(), known ? host_name(*host) : "",
+                                  device.get("MACAddress"), number_or_null(device.get("MaxUpstream")),
+                                  number_or_null(device.get("MaxDownstream")),
+                                  number_or_null(device.get("TotalUpstream")),
+                                  number_or_null(device.get("TotalDownstream"))}});
     }
-    if (json) {
-        print_json_rows(objects);
-        return;
-    }
-    print_lines(table_lines(LIMIT_TITLES, rows, style_for(STDOUT_FILENO), terminal_width()));
-    if (rows.empty()) {
-        puts("(no limits)");
-    }
+    return rows;
 }
 
 } // namespace
 
-std::vector<std::string> port_lines(const Style &style, size_t width)
+std::span<const Column> port_columns()
 {
-    std::vector<TableRow> rows;
-    for (const Port &port : read_ports()) {
-        add_port_rows(port, rows);
+    return PORT_COLUMNS;
+}
+
+// Every Ethernet port, and each SSID that was ever bound, which the drivers number behind them.
+std::vector<Row> port_rows()
+{
+    devinfo info{};
+    zk_sys_mgr_get_devinfo(&info);
+    const int ethernet_ports = static_cast<int>(std::min(info.port_num, DRIVER_MAX_PORT));
+    std::map<int, StoreObject> ports;
+    for (int number = 1; number <= ethernet_ports; ++number) {
+        ports[number] = {};
     }
-    return table_lines(PORT_TITLES, rows, style, width);
+    for (StoreObject &asked : read_objects(DRIVER_PORTS)) {
+        ports[asked.instance] = std::move(asked);
+    }
+    std::vector<Row> rows;
+    rows.reserve(ports.size());
+    for (const auto &[number, asked] : ports) {
+        rows.push_back(port_row(number, ethernet_ports, asked));
+    }
+    return rows;
+}
+
+std::string lan_port_name(int number)
+{
+    return "LAN" + std::to_string(number);
+}
+
+// The interface is the one that the daemon takes for this SSID.
+std::string ssid_name(int instance)
+{
+    constexpr int most = 8; // of a radio
+    std::string name = "SSID " + std::to_string(instance);
+    for (int i = 0; i < 2 * most; ++i) {
+        const std::string interface = (i < most ? "ra" : "rai") + std::to_string(i % most);
+        char number = 0;
+        char type = 0;
+        eth_num2lanport_no_type(interface.c_str(), &number, &type);
+        if (static_cast<unsigned char>(number) == instance) {
+            return name.append(" (").append(interface).append(")");
+        }
+    }
+    return name;
 }
 
 void add_port_commands(CLI::App &app)
 {
-    auto json = std::make_shared<bool>(false);
+    auto options = std::make_shared<TableOptions>();
     CLI::App *ports = app.add_subcommand("ports", "Show the LAN ports and where their VLANs go");
-    ports->footer("LINK is the interface's. The rest is what the drivers were last asked, - what they never "
-                  "were: RATE in Mbit/s, MACS how many the port learns at most.");
-    ports->add_flag("--json", *json, "as a JSON array");
-    ports->callback([json] { show_ports(*json); });
+    ports->footer(
+        "LINK, SPEED (in Mbit/s) and DUPLEX are what the interface says. The rest is what the drivers were\n"
+        "last asked: ASKED is \"auto\" or a speed and duplex, MACS how many the port learns at most, WAN\n"
+        "where a LAN VLAN goes. - stands for what is unknown or was never asked.");
+    add_table_options(ports, *options, PORT_COLUMNS);
+    ports->callback([options] { print_rows("ports", PORT_COLUMNS, port_rows(), *options); });
 
     CLI::App *limits = app.add_subcommand("limits", "Show the devices' bandwidth ceilings and totals");
-    limits->footer("In the driver's own unit; - where none was set.");
-    limits->add_flag("--json", *json, "as a JSON array");
-    limits->callback([json] { show_limits(*json); });
+    limits->footer(
+        "In the driver's own unit; - where none was set. HOST is the instance number of the host's object.");
+    add_table_options(limits, *options, LIMIT_COLUMNS);
+    limits->callback([options] { print_rows("limits", LIMIT_COLUMNS, limit_rows(), *options); });
 }

@@ -1,9 +1,16 @@
-// The LAN ports as lines of a table, for those who show them beside something else.
+// The LAN ports as rows of a table, and what ports are called.
 #pragma once
 
+#include <span>
 #include <string>
 #include <vector>
 
 #include "tools/table.h"
 
-std::vector<std::string> port_lines(const Style &style, size_t width);
+std::span<const Column> port_columns();
+std::vector<Row> port_rows();
+
+// LAN2.
+std::string lan_port_name(int number);
+// By its instance in the data model, with its interface: SSID 5 (rai0).
+std::string ssid_name(int instance);

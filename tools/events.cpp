@@ -294,7 +294,7 @@ Json decode_event(std::string_view name, blob_attr *msg)
 std::string event_line(std::string_view name, const Json &fields)
 {
     std::string line = event_word(name);
-    line.append(columns_of(line) < 5 ? 5 - columns_of(line) : 0, ' ');
+    line.resize(std::max<size_t>(line.size(), 5), ' ');
     for (const auto &[field, value] : fields.items()) {
         const std::string text = value.is_string() ? value.get<std::string>() : json_text(value);
         if (text.empty() || field == "acknowledged") { // the line has a time already

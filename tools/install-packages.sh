@@ -9,6 +9,7 @@ set -euo pipefail
 
 declare -A groups=(
     [run]="g++ cmake ninja-build nlohmann-json3-dev libsqlite3-dev libmnl-dev libcli11-dev
+           libsmartcols-dev
            iproute2 net-tools util-linux mawk udhcpc dnsmasq-base"
     [test]="googletest python3
             g++-arm-linux-gnueabihf qemu-user

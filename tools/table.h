@@ -1,4 +1,4 @@
-// A table on a terminal or in a file.
+// Rows for people, drawn by libsmartcols, and the same rows as JSON for programs.
 #pragma once
 
 #include <cstddef>
@@ -6,30 +6,48 @@
 #include <string>
 #include <vector>
 
-// Terminal sequences, empty where they would be noise.
-struct Style {
-    const char *bold = "";
-    const char *dim = "";
-    const char *green = "";
-    const char *plain = "";
+#include "tools/json.h"
+
+namespace CLI {
+class App;
+}
+
+struct Column {
+    const char *title;  // null: in JSON alone
+    const char *member; // its name in JSON; null: in tables alone
+    int leaves = 0;     // where it is too narrow for all, columns are left out: 1 first, 0 never
+    bool cut = false;   // there, too, its texts are cut, but not to nothing: at most one column of a table
+    std::string (*text)(const Json &) = nullptr; // for a table; null: as cell_text()
 };
 
-Style style_for(int fd);
-
-// Columns of the terminal on standard output; SIZE_MAX when it is none.
-size_t terminal_width();
-
-// As many cells as there are titles, any bytes. An empty one is drawn as "-".
-struct TableRow {
-    std::vector<std::string> cells;
+// A cell for each column. A null or an empty text is drawn as "-"; an array takes a line for each element.
+struct Row {
+    std::vector<Json> cells;
     bool dim = false;
-
-    bool operator==(const TableRow &) const = default;
 };
 
-// A line a row below a line of titles. The first column gives way where `width` is too narrow.
-std::vector<std::string> table_lines(std::span<const char *const> titles, const std::vector<TableRow> &rows,
-                                     const Style &style, size_t width);
+// Texts as they are, numbers in decimal, booleans as yes and no, null as nothing.
+std::string cell_text(const Json &cell);
 
-// On standard output.
-void print_lines(const std::vector<std::string> &lines);
+struct TableLine {
+    std::string text;
+    bool dim = false;
+};
+
+// A line of titles and those of the rows, in at most `width` columns as far as `leaves` and `cut` allow. Safe
+// on a terminal, whatever the cells hold.
+std::vector<TableLine> table_lines(std::span<const Column> columns, std::span<const Row> rows, size_t width);
+
+// What somebody asked for on the command line.
+struct TableOptions {
+    bool json = false;
+    std::vector<std::string> titles; // of the columns to show; empty: all
+};
+
+// The options --json and -o.
+void add_table_options(CLI::App *command, TableOptions &options, std::span<const Column> columns);
+
+// On standard output, cut to its width where it is a terminal. `what` the rows are is the name of the array
+// in JSON, and said where there are none.
+void print_rows(const char *what, std::span<const Column> columns, std::vector<Row> rows,
+                const TableOptions &options);

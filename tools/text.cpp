@@ -70,12 +70,6 @@ std::string hex_escape(std::string_view bytes)
     return out;
 }
 
-size_t width_of(char32_t c)
-{
-    const int width = wcwidth(static_cast<wchar_t>(c));
-    return width < 0 ? 1 : static_cast<size_t>(width);
-}
-
 } // namespace
 
 std::optional<Mac> parse_mac(std::string_view text)
@@ -196,41 +190,21 @@ std::optional<std::string> unescape(std::string_view text)
     return printable(text) == text ? std::optional(out) : std::nullopt;
 }
 
-size_t columns_of(std::string_view printable_text)
+std::string cut(std::string_view printable_text, size_t width)
 {
     size_t columns = 0;
-    while (!printable_text.empty()) {
-        const CodePoint c = decode_utf8(printable_text);
-        columns += width_of(c.value);
-        printable_text.remove_prefix(std::max<size_t>(c.length, 1));
-    }
-    return columns;
-}
-
-std::string fit(std::string_view printable_text, size_t width)
-{
-    size_t columns = columns_of(printable_text);
-    std::string out;
-    if (columns <= width) {
-        out = printable_text;
-    } else {
-        columns = 0;
-        while (true) {
-            const CodePoint c = decode_utf8(printable_text);
-            if (columns + width_of(c.value) + 1 > width) {
-                break;
-            }
-            columns += width_of(c.value);
-            out += printable_text.substr(0, std::max<size_t>(c.length, 1));
-            printable_text.remove_prefix(std::max<size_t>(c.length, 1));
+    size_t kept = 0; // bytes that leave room for the ellipsis
+    for (size_t at = 0; at < printable_text.size();) {
+        const CodePoint c = decode_utf8(printable_text.substr(at));
+        const int taken = wcwidth(static_cast<wchar_t>(c.value));
+        columns += taken < 0 ? 1 : static_cast<size_t>(taken);
+        if (columns > width) {
+            return std::string(printable_text.substr(0, kept)) + (width > 0 ? "…" : "");
         }
-        if (width > 0) {
-            out += "…";
-            ++columns;
-        }
+        at += std::max<size_t>(c.length, 1);
+        kept = columns < width ? at : kept;
     }
-    out.append(width - columns, ' ');
-    return out;
+    return std::string(printable_text);
 }
 
 std::string format_duration(long seconds)

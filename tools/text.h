@@ -34,11 +34,9 @@ std::string printable(std::string_view bytes);
 std::string escape(std::string_view bytes);
 std::optional<std::string> unescape(std::string_view text);
 
-// Columns that printable text takes on a terminal (a Chinese character takes two).
-size_t columns_of(std::string_view printable_text);
-
-// Printable text cut (with an ellipsis) and padded to exactly `width` columns.
-std::string fit(std::string_view printable_text, size_t width);
+// Printable text that takes at most `width` columns of a terminal, of which a Chinese character takes two. An
+// ellipsis stands for what was cut off.
+std::string cut(std::string_view printable_text, size_t width);
 
 // 45 s, 12 min, 3 h 05, 2 d 04 h.
 std::string format_duration(long seconds);

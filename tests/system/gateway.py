@@ -123,10 +123,16 @@ class Gateway:
     def log(self, service):
         return self.read("log", service + ".log")
 
+    def table(self, *command):
+        """The rows of a table of ovanictl."""
+        schema, rows = json.loads(self.ctl(*command, "--json")).values()
+        assert schema == 1, schema
+        return rows
+
     def hosts(self):
         """The host objects by MAC; each has its parameters, "instance" and what `ovanictl hosts` makes of them."""
         found = {}
-        for host in json.loads(self.ctl("hosts", "--json")):
+        for host in self.table("hosts"):
             host.update(host.pop("parameters"))
             assert host["MACAddress"] not in found, "two objects for one host"
             found[host["MACAddress"]] = host

@@ -21,7 +21,7 @@ def read_sample(operator):
     bound, places = {}, {}
     for path, table, port, prefix, pairs in re.findall(
             r"^(\S+\.(LANEthernetInterfaceConfig|WLANConfiguration)\.)(\d+)\.(X_\S+)_VLAN=(\S+)$", sample, re.M):
-        name = {"WLANConfiguration": "Wi-Fi "}.get(table, "LAN") + port
+        name = f"SSID {port} (ra{int(port) - 1})" if table == "WLANConfiguration" else "LAN" + port
         bound[name] = {int(lan): int(wan) for lan, wan in (pair.split("/") for pair in pairs.split(","))}
         places[table] = path, prefix
     return sample, bound, *places["LANEthernetInterfaceConfig"]
@@ -34,17 +34,17 @@ class Policy(GatewayTest):
         return self.gateway.exec("ubus", "call", "ovani", method, json.dumps(message), check=False).returncode
 
     def ports(self):
-        return {port["port"]: port for port in json.loads(self.gateway.ctl("ports", "--json"))}
+        return {port["port"]: port for port in self.gateway.table("ports")}
 
     def port(self, name, *fields):
-        return [self.ports()[name][field] for field in fields]
+        return [self.ports()[name]["asked"][field] for field in fields]
 
     def bindings(self):
         found = {name: {b["lan_vlan"]: b["wan_vlan"] for b in port["bindings"]} for name, port in self.ports().items()}
         return {name: bindings for name, bindings in found.items() if bindings}
 
     def limits(self):
-        return {device["mac"]: device for device in json.loads(self.gateway.ctl("limits", "--json"))}
+        return {device["mac"]: device for device in self.gateway.table("limits")}
 
     def test_each_operator_from_its_sample(self):
         for operator in OPERATORS:
@@ -67,9 +67,9 @@ class Policy(GatewayTest):
                 # The SSIDs' numbers follow the four Ethernet ports'.
                 for path in (CM + "WLANConfiguration.3.", LAN + "WLANConfiguration.3."):
                     self.call(PORT, path, {f"{prefix}_VLAN": f"5/{wan}", f"{prefix}_Mode": "1"})
-                    self.assertEqual(self.bindings()["Wi-Fi 3"], {5: wan})
+                    self.assertEqual(self.bindings()["SSID 3 (ra2)"], {5: wan})
                     self.call(PORT, path, {f"{prefix}_Mode": "0"})
-                    self.assertNotIn("Wi-Fi 3", self.bindings())
+                    self.assertNotIn("SSID 3 (ra2)", self.bindings())
 
                 # Only an operator who limits a port's MACs may switch it off.
                 gw("plug", "4", "host", "--mac", mac(1), "dhcp", "study")

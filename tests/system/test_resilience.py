@@ -92,7 +92,7 @@ class HostileInput(GatewayTest):
         before = gw.get(HOSTS)
 
         colonless = mac(1).replace(":", "")
-        for kind in json.loads(gw.ctl("events", "--list", "--json")):
+        for kind in gw.table("events", "--list"):
             event, attribute, size = (kind[name] for name in ("event", "attribute", "bytes"))
             if size:
                 gw.emit(*(("raw", event, attribute, "41" * length) for length in (0, 1, size // 2, size - 1)),

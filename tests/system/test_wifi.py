@@ -14,12 +14,12 @@ class Attached(GatewayTest):
             gw("plug", "ra0", "tablet", "--mac", mac(1), "static", "192.168.1.61")
             gw("plug", "ra0", "phone", "--mac", mac(2), "dhcp", "phone", "android-dhcp-14")
             for number, source in ((1, "STATIC"), (2, "DHCP")):
-                gw.host_with(mac(number), AddressSource=source, Port="1", port="Wi-Fi 1", Active="1",
+                gw.host_with(mac(number), AddressSource=source, Port="1", port="SSID 1 (ra0)", Active="1",
                              Layer2Interface=WLAN + "1.", InterfaceType="802.11")
 
             # To the daemon a roaming station leaves and joins again.
             gw("roam", "phone", "rai0")
-            roamed = gw.host_with(mac(2), Port="5", port="Wi-Fi 5", Layer2Interface=WLAN + "5.", HostName="phone",
+            roamed = gw.host_with(mac(2), Port="5", port="SSID 5 (rai0)", Layer2Interface=WLAN + "5.", HostName="phone",
                                   AddressSource="DHCP", X_QV_DeviceType="3", Active="1")
             recorder.wait(event="111", action="joined", mac=mac(2), ssid=4)
             self.assertEqual(recorder.presence(), {mac(1): ["Online"], mac(2): ["Online", "Offline", "Online"]})
@@ -31,7 +31,7 @@ class Attached(GatewayTest):
             gw.emit(("wifi", "join", mac(2), 0))
             self.assertEqual(len(recorder.presence()[mac(2)]), 3)
             changed = {k: v for k, v in gw.host(mac(2)).items() if roamed[k] != v and "Time" not in k and k != "since"}
-            self.assertEqual(changed, {"Port": "1", "port": "Wi-Fi 1"})
+            self.assertEqual(changed, {"Port": "1", "port": "SSID 1 (ra0)"})
 
             gw("unplug", "phone")
             gw.host_gone(mac(2))
@@ -46,8 +46,8 @@ class Attached(GatewayTest):
         for number, port, shown, address, *how in (
                 (1, "1", "LAN1", "192.168.1.11", "static", "192.168.1.11"),
                 (2, "4", "LAN4", "192.168.1.100", "dhcp", "host-2", "android-dhcp-14"),
-                (3, "rai0", "Wi-Fi 5", "192.168.1.13", "static", "192.168.1.13"),
-                (4, "ra0", "Wi-Fi 1", "192.168.1.101", "dhcp", "host-4", "android-dhcp-14")):
+                (3, "rai0", "SSID 5 (rai0)", "192.168.1.13", "static", "192.168.1.13"),
+                (4, "ra0", "SSID 1 (ra0)", "192.168.1.101", "dhcp", "host-4", "android-dhcp-14")):
             gw("plug", port, f"d{number}", "--mac", mac(number), "--silent", *how)
             wait_for(lambda: address in gw.exec("ip", "neigh", "show", "dev", "br0"), address)
             devices[mac(number)] = shown, address
