@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <getopt.h>
 #include <unistd.h>
 
 #include <libubox/blobmsg_json.h>
@@ -262,15 +263,17 @@ constexpr Command COMMANDS[] = {
     {"send", send_event},   {"wait_for", wait_for_objects},
 };
 
-int usage(const char *program)
+int usage(const char *program, FILE *out = stderr)
 {
-    fprintf(stderr,
+    fprintf(out,
             "Usage: %s [<options>] <command> [arguments...]\n"
             "Options:\n"
             " -s <socket>    Connect to this socket instead of " UBUS_UNIX_SOCKET "\n"
             " -t <seconds>   How long a call, listen or wait_for may take (call, wait_for: 30)\n"
             " -S             Simplified output, for scripts\n"
             " -v             More verbose output\n"
+            " -h, --help     Print this\n"
+            " -V, --version  Print the version\n"
             "\n"
             "Commands:\n"
             " list [<path>]                    List objects\n"
@@ -281,7 +284,7 @@ int usage(const char *program)
             "\n"
             "A message is a JSON object. A path or pattern may end with '*'.\n",
             program);
-    return 1;
+    return out == stdout ? 0 : 1;
 }
 
 bool parse_seconds(const char *text, int *seconds)
@@ -296,11 +299,20 @@ bool parse_seconds(const char *text, int *seconds)
     return true;
 }
 
+constexpr option LONG_OPTIONS[] = {{"help", no_argument, nullptr, 'h'},
+                                   {"version", no_argument, nullptr, 'V'},
+                                   {}};
+
 bool parse_options(int argc, char **argv)
 {
     int option = 0;
-    while ((option = getopt(argc, argv, "s:t:Sv")) != -1) {
+    while ((option = getopt_long(argc, argv, "s:t:SvhV", LONG_OPTIONS, nullptr)) != -1) {
         switch (option) {
+        case 'h':
+            exit(usage(argv[0], stdout));
+        case 'V':
+            puts("ubus " OVANI_VERSION);
+            exit(0);
         case 's':
             options.socket = optarg;
             break;

@@ -1,6 +1,7 @@
 // The broker's program.
 #include <cstdio>
 #include <cstring>
+#include <getopt.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,13 +13,18 @@
 
 namespace {
 
+constexpr option LONG_OPTIONS[] = {{"help", no_argument, nullptr, 'h'},
+                                   {"version", no_argument, nullptr, 'V'},
+                                   {}};
+
 int usage(const char *program, FILE *out)
 {
     fprintf(out,
             "Usage: %s [-s SOCKET]\n"
             "The broker of the message bus; runs until it is terminated.\n"
-            "  -s SOCKET  listen there instead of at " UBUS_UNIX_SOCKET "\n"
-            "  -h         print this\n",
+            "  -s SOCKET      listen there instead of at " UBUS_UNIX_SOCKET "\n"
+            "  -h, --help     print this\n"
+            "  -V, --version  print the version\n",
             program);
     return out == stdout ? 0 : 1;
 }
@@ -39,13 +45,16 @@ int main(int argc, char **argv)
 {
     const char *path = nullptr;
     int option = 0;
-    while ((option = getopt(argc, argv, "s:h")) != -1) {
+    while ((option = getopt_long(argc, argv, "s:hV", LONG_OPTIONS, nullptr)) != -1) {
         switch (option) {
         case 's':
             path = optarg;
             break;
         case 'h':
             return usage(argv[0], stdout);
+        case 'V':
+            puts("ubusd " OVANI_VERSION);
+            return 0;
         default:
             return usage(argv[0], stderr);
         }

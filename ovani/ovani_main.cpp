@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
+#include <string_view>
 
 #include <libubox/uloop.h>
 #include <pthread.h>
@@ -42,6 +43,35 @@ bool take_the_name()
            errno != EADDRINUSE;
 }
 
+constexpr char USAGE[] =
+    R"(usage: ovani
+
+The LAN host manager daemon of a PON home gateway. It stays in the foreground and ends on SIGTERM.
+Other arguments than these are ignored:
+  -h, --help     print this
+  -V, --version  print the version
+
+Built with platform/host, it reads from the environment:
+  OVANI_STORE      file of the configuration store (/var/lib/ovani/store.db)
+  OVANI_LOG        where messages go: stderr (the default) or syslog
+  OVANI_LOG_LEVEL  up to which level: emerg, alert, crit, err (the default), warning, notice, info, debug, or
+                   0 to 7
+)";
+
+// Whether the first argument asks for an answer and no daemon; gives it.
+bool answers_at_once(int argc, char **argv)
+{
+    const std::string_view asked = argc > 1 ? argv[1] : "";
+    if (asked == "-h" || asked == "--help") {
+        fputs(USAGE, stdout);
+    } else if (asked == "-V" || asked == "--version") {
+        puts("ovani " OVANI_VERSION);
+    } else {
+        return false;
+    }
+    return true;
+}
+
 // SIGTERM ends the loop. What the loop may be waiting for (the store, a command, a reader of the log) is
 // given two seconds, then the process ends without it: the store is whole at every moment.
 void end_soon(int signal)
@@ -61,6 +91,9 @@ void end_soon(int signal)
 
 int main(int argc, char **argv)
 {
+    if (answers_at_once(argc, argv)) {
+        return EXIT_SUCCESS;
+    }
     // Ignoring SIGCHLD leaves the children of system() and popen() to the kernel.
     for (int ignored : {SIGCHLD, SIGPIPE, SIGHUP}) {
         signal(ignored, SIG_IGN);
@@ -74,6 +107,9 @@ int main(int argc, char **argv)
         ovani_log(VELM_LOG_ERR, "another ovani runs here\n");
         fputs("ovani: another one runs in this network namespace\n", stderr);
         return EXIT_FAILURE;
+    }
+    if (argc > 1) {
+        ovani_log(VELM_LOG_WARNING, "%d arguments ignored, the first is %.64s\n", argc - 1, argv[1]);
     }
     bound_commands();
     ovani_start(argc, argv, start_thread);

@@ -23,6 +23,7 @@
 
 #include "tools/bridge_state.h"
 #include "tools/bus.h"
+#include "tools/command_line.h"
 #include "tools/events.h"
 
 namespace {
@@ -323,15 +324,18 @@ void BridgeWatcher::stop_probing()
 
 int main(int argc, char **argv)
 try {
-    CLI::App app{"Turns the kernel's notifications about a LAN bridge into the gateway's bus events"};
+    CLI::App app{"Turns the kernel's notifications about a LAN bridge into the gateway's bus events",
+                 "ovani-brwatch"};
     std::string bridge = "br0";
     std::string socket;
     int receive_buffer = 0;
     app.add_option("-b,--bridge", bridge, "bridge to watch")->capture_default_str();
     app.add_option("-s,--socket", socket, "the bus's socket")->default_str(BUS_DEFAULT_SOCKET);
     app.add_option("--receive-buffer", receive_buffer, "the kernel's notification buffer, in bytes")
-        ->check(CLI::PositiveNumber);
-    CLI11_PARSE(app, argc, argv);
+        ->check(CLI::Range(1, INT32_MAX));
+    if (const auto status = parse_command_line(app, argc, argv)) {
+        return *status;
+    }
 
     signal(SIGPIPE, SIG_IGN);
     uloop_init();

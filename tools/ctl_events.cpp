@@ -151,7 +151,7 @@ void add_events_command(CLI::App &app, const CtlOptions &options)
     CLI::App *events = app.add_subcommand("events", "Follow the bus, the gateway's records decoded");
     events->add_option("PATTERN", command->patterns,
                        "names of events, a trailing * for any rest (all of them)");
-    events->add_option("-n,--count", command->count, "end after so many")->check(CLI::PositiveNumber);
+    events->add_option("-n,--count", command->count, "end after so many")->check(CLI::Range(1, INT32_MAX));
     events->add_flag("--json", command->json, "one JSON object a line");
     events->add_flag("--list", command->list,
                      "instead: the gateway's events, the words for them, and what carries their records");

@@ -23,6 +23,7 @@ namespace {
 
 constexpr char USAGE[] =
     R"(usage: ovani-dhcp-hook add|old|del MAC ADDRESS [NAME]
+       ovani-dhcp-hook -h|--help|-V|--version
 
 Sends a DHCP lease as the bus event "dhcp_user_event": a new one (add), one that was renewed (old), one that ended
 (del). Made for dnsmasq's --dhcp-script, together with --script-on-renewal; other actions of dnsmasq's are ignored.
@@ -114,11 +115,16 @@ const char *device_type_of(const std::string &vendor_class)
 
 int main(int argc, char **argv)
 {
-    if (argc < 2 || strcmp(argv[1], "--help") == 0) {
-        fputs(USAGE, argc < 2 ? stderr : stdout);
-        return argc < 2 ? 2 : 0;
+    const std::string_view action = argc > 1 ? argv[1] : "-";
+    if (action == "-V" || action == "--version") {
+        puts("ovani-dhcp-hook " OVANI_VERSION);
+        return 0;
     }
-    const std::string_view action = argv[1];
+    if (action.starts_with('-')) {
+        const bool asked = action == "-h" || action == "--help";
+        fputs(USAGE, asked ? stdout : stderr);
+        return asked ? 0 : 2;
+    }
     const bool is_new = action == "add";
     const bool is_gone = action == "del";
     if ((!is_new && !is_gone && action != "old") || getenv("DNSMASQ_IAID") != nullptr) {

@@ -8,6 +8,7 @@
 #include <stdexcept>
 
 #include "tools/bus.h"
+#include "tools/command_line.h"
 
 void fail(const std::string &reason)
 {
@@ -33,15 +34,7 @@ try {
     add_emit_command(app, options);
     add_probe_command(app);
     add_sysmgr_command(app, options);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::RuntimeError &e) { // a command's own exit status
-        return e.get_exit_code();
-    } catch (const CLI::ParseError &e) {
-        const int status = app.exit(e); // prints help, or what is wrong
-        return status > 1 ? 2 : status;
-    }
-    return 0;
+    return parse_command_line(app, argc, argv).value_or(0);
 } catch (const std::exception &e) {
     fprintf(stderr, "ovanictl: %s\n", e.what());
     return 1;

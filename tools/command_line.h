@@ -1,0 +1,26 @@
+// The command line of a tool: --help, --version, and exit status 2 with one line for a wrong one.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include <CLI/CLI.hpp>
+
+// Nothing when the command line was taken and its command has run, else the program's exit status.
+inline std::optional<int> parse_command_line(CLI::App &app, int argc, char **argv)
+{
+    app.set_version_flag("-V,--version", app.get_name() + " " OVANI_VERSION, "Print the version and exit");
+    app.failure_message([](const CLI::App *program, const CLI::Error &wrong) {
+        const auto unknown = program->remaining(true); // says more than that a command is missing
+        return program->get_name() + ": " + (unknown.empty() ? wrong.what() : "what is " + unknown[0] + "?") +
+               " (see " + program->get_name() + " --help)\n";
+    });
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::RuntimeError &end) { // a command's own exit status
+        return end.get_exit_code();
+    } catch (const CLI::ParseError &end) {
+        return app.exit(end) == 0 ? 0 : 2;
+    }
+    return std::nullopt;
+}
