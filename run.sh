@@ -19,6 +19,11 @@ Needs root, for namespaces and for installing what is missing (Debian 12).
 USAGE
 }
 
+misuse() {
+    echo "run.sh: $*" >&2
+    exit 2
+}
+
 cd "$(dirname "$(realpath "$0")")"
 readonly HOSTS=InternetGatewayDevice.LANDevice.1.Hosts.Host.
 once=false
@@ -29,16 +34,18 @@ while (($#)); do
     case $1 in
     --once) once=true ;;
     --operator | --patience | --build)
-        (($# > 1)) || { echo "run.sh: $1 needs a value" >&2 && exit 2; }
+        (($# > 1)) || misuse "$1 needs a value"
         declare "${1#--}=$2"
         shift
         ;;
     -h | --help) usage && exit 0 ;;
-    *) echo "run.sh: unknown option $1" >&2 && usage >&2 && exit 2 ;;
+    *) misuse "unknown option: $1 (see ./run.sh --help)" ;;
     esac
     shift
 done
-[[ -f tools/samples/$operator.conf ]] || { echo "run.sh: no tools/samples/$operator.conf" >&2 && exit 2; }
+[[ $operator != */* && -f tools/samples/$operator.conf ]] || misuse "no tools/samples/$operator.conf"
+[[ $patience =~ ^[1-9][0-9]{0,5}$ ]] || misuse "--patience is a number of seconds, not '$patience'"
+[[ -z $build || -x $build/bin/ovanictl ]] || misuse "no programs in $build/bin"
 [[ $(id -u) == 0 ]] || { echo "run.sh: please run me as root" >&2 && exit 1; }
 
 say() { echo "run.sh: $*"; }

@@ -8,6 +8,7 @@
 # the clock hang on how long processors take to wake each other. Needs root, for a network namespace with the gateway's
 # interfaces and for installing what is missing (Debian 12).
 set -euo pipefail
+(($# == 0)) || { echo "usage: $0, what may be chosen is said at its top" >&2 && exit 2; }
 cd "$(dirname "$(realpath "$0")")/.."
 
 tools/install-packages.sh run bench >&2

@@ -4,7 +4,11 @@
 # architectures stay as they are.
 set -euo pipefail
 
-root=${1:?usage: arm-sysroot.sh DIRECTORY}
+[[ $# == 1 && -n $1 && $1 != -* ]] || {
+    echo "usage: $0 DIRECTORY" >&2
+    exit 2
+}
+root=$1
 packages=(libsqlite3-0 libsqlite3-dev nlohmann-json3-dev)
 
 [[ -e $root/complete ]] && exit 0

@@ -82,6 +82,20 @@ class Run(GatewayTest):
         self.nothing_left()
         self.assertEqual(gateway("status", check=False).returncode, 1)
 
+    def test_a_wrong_command_line_is_refused_before_anything_is_done(self):
+        for command in ("test.sh bogus", "test.sh release --x", "run.sh --patience abc", "run.sh --operator ../ct",
+                        "run.sh --build /none", "run.sh x", "bench/run.sh --help", ".ci/run x",
+                        "tools/arm-sysroot.sh --help", "tools/install-packages.sh x", "tools/gateway up --x",
+                        "tools/gateway up --ageing x", "tools/gateway up --build /none", "tools/gateway bogus",
+                        "tools/gateway plug 4 x static 999.1.1.1", "tools/gateway plug 5 x dhcp",
+                        "tools/gateway plug ra0 x dhcp", "tools/gateway plug 4 x --mac 03:00:00:00:00:01 dhcp",
+                        "tools/gateway plug 4 x --mac", "tools/gateway roam x eth0", "tools/gateway start x",
+                        "tools/gateway logs daemon x"):
+            done = subprocess.run(command.split(), cwd=ROOT, env=os.environ | {"OVANI_GATEWAY": self.state},
+                                  executable=os.path.join(ROOT, command.split()[0]), capture_output=True, text=True)
+            self.assertEqual((done.returncode, done.stdout, done.stderr.count("\n")), (2, "", 1), (command, done))
+        self.nothing_left()
+
     def test_a_directory_of_somebody_else_is_left_alone(self):
         with tempfile.TemporaryDirectory() as directory:
             with open(directory + "/config", "w", encoding="ascii") as file:
