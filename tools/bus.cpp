@@ -1,14 +1,22 @@
 #include "tools/bus.h"
 
+#include <cerrno>
 #include <cstdio>
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 
 extern "C" {
 #include <libubox/blobmsg_json.h>
 }
 
+#include "ovani/ovani_fd.h"
+
 namespace {
 
 constexpr int RETRY_MS = 250;
+constexpr int GREETING_MS = 1000; // the broker speaks first, and at once
 
 // libubus hands its callbacks the context alone, so the one Bus of the process is kept here.
 Bus *s_bus = nullptr;
@@ -25,6 +33,28 @@ BusConnection connect_bus(const char *socket)
     return BusConnection(ubus_connect(socket));
 }
 
+std::string why_no_bus(const char *socket)
+{
+    const std::string path = socket != nullptr ? socket : BUS_DEFAULT_SOCKET;
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    const UniqueFd asking(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (connect(asking.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) == 0) {
+        pollfd greeting{.fd = asking.get(), .events = POLLIN};
+        return poll(&greeting, 1, GREETING_MS) == 1 ? "" : "the broker at " + path + " does not answer";
+    }
+    switch (errno) {
+    case EACCES:
+    case EPERM:
+        return "no right to use " + path;
+    case EAGAIN: // its queue is full
+        return "the broker at " + path + " does not answer";
+    default:
+        return "no broker at " + path;
+    }
+}
+
 Bus::Bus(std::string socket) : socket_(std::move(socket))
 {
     s_bus = this;
@@ -39,8 +69,7 @@ void Bus::start()
 {
     connect();
     if (!ctx_) {
-        fprintf(stderr, "no broker at %s yet, waiting\n",
-                socket_.empty() ? BUS_DEFAULT_SOCKET : socket_.c_str());
+        fprintf(stderr, "%s, waiting\n", why_no_bus(socket_.empty() ? nullptr : socket_.c_str()).c_str());
     }
 }
 

@@ -56,6 +56,10 @@ using BusConnection = std::unique_ptr<ubus_context, BusDeleter>;
 // answers.
 BusConnection connect_bus(const char *socket);
 
+// Why there is no bus: no right to use the socket, nobody behind it, or somebody who says nothing for a second.
+// Empty when somebody answers there.
+std::string why_no_bus(const char *socket);
+
 // Where the bus's socket usually is, for messages to people.
 inline constexpr char BUS_DEFAULT_SOCKET[] = "/var/run/ubus/ubus.sock";
 

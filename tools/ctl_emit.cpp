@@ -22,7 +22,8 @@ BusConnection connect(const CtlOptions &options)
 {
     BusConnection bus = connect_bus(options.socket_or_null());
     if (!bus) {
-        fail("no broker at " + (options.socket.empty() ? BUS_DEFAULT_SOCKET : options.socket));
+        const std::string why = why_no_bus(options.socket_or_null());
+        fail(why.empty() ? "the broker takes nobody in" : why);
     }
     return bus;
 }

@@ -2,8 +2,26 @@
 
 #include "tools/objects.h"
 
+#include <cerrno>
+#include <cstdlib>
+
+#include <unistd.h>
+
 #include "platform/host/store.h"
 #include "tools/text.h"
+
+std::string store_file()
+{
+    const char *file = getenv("OVANI_STORE");
+    return file == nullptr || file[0] == '\0' ? "/var/lib/ovani/store.db" : file;
+}
+
+void require_store()
+{
+    if (access(store_file().c_str(), R_OK) != 0) {
+        fail((errno == EACCES ? "no right to read " : "no store at ") + store_file());
+    }
+}
 
 std::vector<StoreObject> read_objects(std::string_view table)
 {

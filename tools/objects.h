@@ -9,6 +9,11 @@
 inline constexpr int STORE_WAIT_MS = 5000;
 inline constexpr std::string_view HOSTS_PATH = "InternetGatewayDevice.LANDevice.1.Hosts.Host.";
 
+// The store's file. Readers ask for it first, so that looking makes none: ends the command when there is none,
+// or no right to read it.
+std::string store_file();
+void require_store();
+
 struct StoreObject {
     int instance = 0;
     std::map<std::string, std::string, std::less<>> parameters; // those of objects below it as "Name.1.Name"

@@ -9,6 +9,7 @@
 
 #include "tools/bus.h"
 #include "tools/command_line.h"
+#include "tools/objects.h"
 
 void fail(const std::string &reason)
 {
@@ -34,6 +35,12 @@ try {
     add_emit_command(app, options);
     add_probe_command(app);
     add_sysmgr_command(app, options);
+    // Who only looks makes no store.
+    for (CLI::App *reader :
+         {app.get_subcommand("hosts"), app.get_subcommand("ports"), app.get_subcommand("limits"),
+          app.get_subcommand("get"), app.get_subcommand("store")->get_subcommand("export")}) {
+        reader->parse_complete_callback(require_store);
+    }
     return parse_command_line(app, argc, argv).value_or(0);
 } catch (const std::exception &e) {
     fprintf(stderr, "ovanictl: %s\n", e.what());
