@@ -9,6 +9,9 @@
 // has been told. Only the difference is ever announced, so nothing is said twice, and what could not be said
 // (there was no broker) is said as soon as it can be. What came and went between two readings is passed over.
 // A daemon that comes on the bus is told everything: it may be a new one with empty tables.
+//
+// The object "brwatch" tells by its method "status" whether there is a "bridge", and for how many seconds the
+// daemon has been silent ("daemon_silent", 0 while it listens).
 
 #include <algorithm>
 #include <cerrno>
@@ -34,7 +37,8 @@ constexpr char DAEMON_OBJECT[] = "ovani";
 constexpr int REST = 9;                // after a reading, in times of the processor time it took
 constexpr int DISTURBED_MOST = 20;     // then a reading is trusted during which the tables changed
 constexpr int RETRY_MS = 500;          // after a reading or an announcement that failed
-constexpr int PROBE_TIMEOUT_MS = 5000; // a daemon that has not answered by then is asked again
+constexpr int PROBE_TIMEOUT_MS = 2000; // nobody waits longer for a daemon to answer
+constexpr int PROBE_AGAIN_MS = 5000;   // then it is asked again every so often
 
 class BridgeWatcher {
 public:
@@ -48,6 +52,12 @@ private:
         BridgeWatcher *watcher;
     };
 
+    struct StatusObject : ubus_object {
+        BridgeWatcher *watcher;
+    };
+
+    void publish_status();
+    int tell_status(ubus_request_data *request) const;
     void kernel_readable();
     void look_soon();
     void look();
@@ -65,6 +75,7 @@ private:
     ChangeListener kernel_;
     Bus bus_;
     KernelFd kernel_fd_{};
+    StatusObject status_object_{};
     Timer look_timer_{[this] { look(); }};
     Timer probe_timer_{[this] { probe_daemon(); }};
     ubus_request probe_{};
@@ -72,7 +83,9 @@ private:
     int disturbed_ = 0;          // readings in a row
     bool probing_ = false;       // waiting for the daemon's answer
     int answers_ = 0;
-    bool listening_ = false;    // the daemon has answered enough
+    bool ignored_ = false;   // it has not answered: nobody waits for it
+    bool listening_ = false; // the daemon has answered enough
+    Clock::time_point silent_since_ = Clock::now();
     bool repeat_ = false;       // the next announcement says again what has been said
     std::optional<int> bridge_; // its index when it was last looked at
     BridgeState told_;          // what has been announced
@@ -120,7 +133,7 @@ void BridgeWatcher::look_soon()
 
 void BridgeWatcher::look()
 {
-    if (bus_.context() == nullptr || probing_) {
+    if (bus_.context() == nullptr || (probing_ && !ignored_)) {
         return; // whoever ends that state looks
     }
     kernel_.changed();                       // what waits is older than what is read now
@@ -228,7 +241,41 @@ void BridgeWatcher::bus_connected()
     if (!bus_.subscribe("ubus.object.*")) {
         fprintf(stderr, "cannot watch the bus for the daemon\n");
     }
+    publish_status();
     probe_daemon();
+}
+
+void BridgeWatcher::publish_status()
+{
+    static const ubus_method method = {
+        "status",
+        [](ubus_context *, ubus_object *object, ubus_request_data *request, const char *, blob_attr *) {
+            return static_cast<StatusObject *>(object)->watcher->tell_status(request);
+        },
+        0,
+        0,
+        nullptr,
+        0};
+    static ubus_object_type type;
+    type = {.name = "brwatch", .id = 0, .methods = &method, .n_methods = 1};
+    status_object_ = {};
+    status_object_.name = "brwatch";
+    status_object_.type = &type;
+    status_object_.methods = &method;
+    status_object_.n_methods = 1;
+    status_object_.watcher = this;
+    if (const int result = ubus_add_object(bus_.context(), &status_object_); result != UBUS_STATUS_OK) {
+        fprintf(stderr, "cannot publish brwatch: %s\n", ubus_strerror(result));
+    }
+}
+
+int BridgeWatcher::tell_status(ubus_request_data *request) const
+{
+    const auto silent = std::chrono::ceil<std::chrono::seconds>(Clock::now() - silent_since_);
+    Message reply;
+    reply.add_bool("bridge", bridge_.value_or(0) != 0);
+    reply.add_number("daemon_silent", listening_ ? 0 : static_cast<uint32_t>(silent.count()));
+    return ubus_send_reply(bus_.context(), request, reply.head());
 }
 
 void BridgeWatcher::bus_event(std::string_view event, blob_attr *msg)
@@ -251,8 +298,15 @@ void BridgeWatcher::bus_event(std::string_view event, blob_attr *msg)
 // method, comes when it has made its subscriptions and runs its event loop; but when a daemon comes back
 // after the broker's restart, libubus publishes its object in the middle of reconnecting and may hand it a
 // call there and then. So it is asked twice: the second question is put when that is over.
+//
+// Whoever has the name and says nothing is not waited for: a daemon that answers later is told everything.
 void BridgeWatcher::probe_daemon()
 {
+    if (probing_ && !ignored_) {
+        fprintf(stderr, "the daemon does not answer, announcing all the same\n");
+        ignored_ = true;
+        look_timer_.set(0);
+    }
     stop_probing();
     if (bus_.context() == nullptr) {
         return;
@@ -263,7 +317,8 @@ void BridgeWatcher::probe_daemon()
         return look(); // others may be listening
     }
     probing_ = true;
-    probe_timer_.set(PROBE_TIMEOUT_MS); // the object may be gone again before it answers
+    // The object may be gone again before it answers.
+    probe_timer_.set(ignored_ ? PROBE_AGAIN_MS : PROBE_TIMEOUT_MS);
     const Message nothing;
     probe_ = {};
     if (ubus_invoke_async(bus_.context(), id, "are_you_listening", nothing.head(), &probe_) !=
@@ -304,8 +359,9 @@ void BridgeWatcher::daemon_left()
 {
     if (listening_) {
         heard_ = told_;
+        silent_since_ = Clock::now();
     }
-    listening_ = false;
+    listening_ = ignored_ = false;
     answers_ = 0;
     stop_probing();
 }

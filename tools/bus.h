@@ -27,6 +27,7 @@ public:
     {
         blobmsg_add_string(&buf_, name, text.c_str());
     }
+    void add_bool(const char *name, bool value) { blobmsg_add_u8(&buf_, name, value ? 1 : 0); }
     void add_number(const char *name, uint32_t value) { blobmsg_add_u32(&buf_, name, value); }
 
     void add_texts(const char *name, const std::vector<std::pair<std::string, std::string>> &texts)
@@ -56,8 +57,8 @@ using BusConnection = std::unique_ptr<ubus_context, BusDeleter>;
 // answers.
 BusConnection connect_bus(const char *socket);
 
-// Why there is no bus: no right to use the socket, nobody behind it, or somebody who says nothing for a second.
-// Empty when somebody answers there.
+// Why there is no bus: no right to use the socket, nobody behind it, or somebody who says nothing for a
+// second. Empty when somebody answers there.
 std::string why_no_bus(const char *socket);
 
 // Where the bus's socket usually is, for messages to people.

@@ -10,28 +10,41 @@
 #include "platform/host/store.h"
 #include "tools/text.h"
 
-std::string store_file()
+std::string why_no_store()
 {
-    const char *file = getenv("OVANI_STORE");
-    return file == nullptr || file[0] == '\0' ? "/var/lib/ovani/store.db" : file;
+    const char *named = getenv("OVANI_STORE");
+    const std::string file = named == nullptr || named[0] == '\0' ? "/var/lib/ovani/store.db" : named;
+    if (access(file.c_str(), R_OK) == 0) {
+        return "";
+    }
+    return (errno == EACCES ? "no right to read " : "no store at ") + file;
 }
 
 void require_store()
 {
-    if (access(store_file().c_str(), R_OK) != 0) {
-        fail((errno == EACCES ? "no right to read " : "no store at ") + store_file());
+    if (const std::string why = why_no_store(); !why.empty()) {
+        fail(why);
     }
+}
+
+static StoreListing read_listing(std::string_view path)
+{
+    StoreListing listing;
+    if (const int result = store_list(path, listing, STORE_WAIT_MS); result != STORE_OK) {
+        fail(std::string(path) + ": " + store_strerror(result));
+    }
+    return listing;
+}
+
+std::string read_parameter(std::string_view path)
+{
+    return read_listing(path).front().second;
 }
 
 std::vector<StoreObject> read_objects(std::string_view table)
 {
-    StoreListing listing;
-    const int result = store_list(table, listing, STORE_WAIT_MS);
-    if (result != STORE_OK) {
-        fail(std::string(table) + ": " + store_strerror(result));
-    }
     std::vector<StoreObject> objects;
-    for (auto &[path, value] : listing) {
+    for (auto &[path, value] : read_listing(table)) {
         const std::string_view rest = std::string_view(path).substr(table.size());
         const size_t dot = rest.find('.');
         const auto instance = parse_number(rest.substr(0, dot), 1, INT32_MAX);

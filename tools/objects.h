@@ -9,9 +9,9 @@
 inline constexpr int STORE_WAIT_MS = 5000;
 inline constexpr std::string_view HOSTS_PATH = "InternetGatewayDevice.LANDevice.1.Hosts.Host.";
 
-// The store's file. Readers ask for it first, so that looking makes none: ends the command when there is none,
-// or no right to read it.
-std::string store_file();
+// Why the store cannot be read: there is none, or no right. Empty when it can be.
+std::string why_no_store();
+// Readers ask for the store first, so that looking makes none: ends the command when it cannot be read.
 void require_store();
 
 struct StoreObject {
@@ -29,3 +29,6 @@ struct StoreObject {
 // The instances of a table, whose path ends in a dot, in the order of their numbers. Ends the command when
 // the store cannot be read.
 std::vector<StoreObject> read_objects(std::string_view table);
+
+// One parameter by its path; ends the command in the same way.
+std::string read_parameter(std::string_view path);

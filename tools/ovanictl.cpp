@@ -28,6 +28,7 @@ try {
                "Exit status: 0 done, 1 failed, 2 a wrong command line, 3 no answer.");
     CtlOptions options;
     app.add_option("-s,--socket", options.socket, "the bus's socket")->default_str(BUS_DEFAULT_SOCKET);
+    add_doctor_command(app, options);
     add_hosts_command(app);
     add_port_commands(app);
     add_store_commands(app, options);

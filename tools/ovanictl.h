@@ -15,6 +15,7 @@ struct CtlOptions {
 // Ends the command: "ovanictl: ..." on standard error, exit status 1.
 [[noreturn]] void fail(const std::string &reason);
 
+void add_doctor_command(CLI::App &app, const CtlOptions &options);
 void add_hosts_command(CLI::App &app);
 void add_store_commands(CLI::App &app, const CtlOptions &options);
 void add_port_commands(CLI::App &app);

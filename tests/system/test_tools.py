@@ -126,3 +126,45 @@ class Ctl(GatewayTest):
                 self.assertEqual([event["event"] for event in recorder.take()], ["wan_vlan_info"], wrong)
         kinds = [line.split()[0] for line in gw.ctl("events", "--list").splitlines()[1:]]
         self.assertEqual(kinds, [kind["event"] for kind in gw.table("events", "--list")])
+
+
+class Doctor(GatewayTest):
+    def test_what_is_wrong_is_found(self):
+        gw = self.up("dhcp")
+
+        def examined(*how):
+            done = gw.exec(*how, "ovanictl", "doctor", "--json", check=False)
+            report = json.loads(done.stdout)
+            self.assertEqual((report["schema"], report["state"]),
+                             (1, ["sound", "warning", "fault"][done.returncode]), done)
+            return [(f["severity"], f["subject"], f["text"]) for f in report["findings"] if f["severity"] != "sound"]
+
+        def finds(*expected, how=()):
+            found = examined(*how)
+            self.assertEqual([finding[:2] for finding in found], [wrong[:2] for wrong in expected], found)
+            for (*_, text), (*_, part) in zip(found, expected):
+                self.assertIn(part, text)
+
+        finds()
+        gw.ctl("set", "InternetGatewayDevice.LANDevice.1.LANEthernetInterfaceConfig.2.", "X_CT-COM_VLAN=5/77",
+               "X_CT-COM_Mode=1")
+        binding = ("warning", "bindings", "LAN2: no connection carries WAN VLAN 77")
+        finds(binding)
+        gw.bring(1)
+        gw("stop", "watcher")
+        gw("plug", "2", "device", "--mac", mac(2), "--silent", "static", "192.168.1.12")
+        gw.ctl("set", HOSTS + "LANHostMaxNumber", "1")
+        watcher = ("warning", "watcher", "no ovani-brwatch")
+        others = (("warning", "leases", "none since"), ("warning", "store", "full, with 1 host"),
+                  ("warning", "hosts", mac(1)), ("warning", "hosts", f"{mac(2)} at eth1"), binding)
+        finds(watcher, *others)
+        gw.exec("kill", "-STOP", gw.pid("daemon"))
+        gw("start", "watcher")
+        finds(("fault", "object", "does not answer"), *others)
+        gw("kill", "daemon")
+        finds(("fault", "daemon", "does not run, for "), ("fault", "object", "no \"ovani\" on the bus, for"), *others)
+        gw.exec("chmod", "700", "/var/run/ubus")
+        finds(("fault", "bus", "no right to use"), ("fault", "daemon", ""), ("fault", "store", "no right to read"),
+              how=("setpriv", "--reuid", "65534", "--clear-groups"))
+        gw("stop", "broker")
+        finds(("fault", "bus", "no broker at"), ("fault", "daemon", ""), *others)

@@ -141,6 +141,22 @@ class Watching(GatewayTest):
                                   for e in self.settled(recorder) if e.get("mac") == mac(3)],
                                  [("111", "left", ssid), ("109", "learned", wifi), ("111", "joined", 4 - ssid)])
 
+    def test_nobody_waits_for_a_silent_daemon(self):
+        gw = self.gateway
+        gw("start", "daemon")
+        with gw.recording("109") as recorder:
+            gw.exec("kill", "-STOP", gw.pid("daemon"))
+            gw("stop", "watcher")
+            gw("start", "watcher")
+            gw.batch(f"fdb add {mac(1)} dev eth0 master static")
+            recorder.wait(mac=mac(1), action="learned")
+            gw.batch(f"fdb del {mac(1)} dev eth0 master")
+            recorder.wait(mac=mac(1), action="deleted")
+            gw.batch(f"fdb add {mac(2)} dev eth0 master static")
+            recorder.wait(mac=mac(2), action="learned")
+            gw.exec("kill", "-CONT", gw.pid("daemon"))  # and is told what it may have missed
+            recorder.wait(2, mac=mac(2), action="learned")
+
     def test_brctl_lists_the_bridge(self):
         gw = self.gateway
         gw("plug", "2", "device", "--mac", mac(2), "--silent", "static", "192.168.1.12")
