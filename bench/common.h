@@ -44,23 +44,30 @@ struct BenchHost {
     unsigned variant;
 };
 
+inline void set_mac(uint8_t (&mac)[6], BenchHost host)
+{
+    mac[0] = 0x02;
+    mac[3] = 0xbe;
+    mac[4] = static_cast<uint8_t>(host.number >> 8);
+    mac[5] = static_cast<uint8_t>(host.number);
+}
+
 inline ovani_mac_event learned_event(BenchHost host)
 {
     ovani_mac_event event{.event_id = 1, .action = 1};
     snprintf(event.eth_num, sizeof event.eth_num, "eth%u", host.number % 4);
     copy_text(event.brname, OVANI_BR_NAME);
-    event.mac[0] = 0x02;
-    event.mac[5] = static_cast<uint8_t>(host.number);
+    set_mac(event.mac, host);
     return event;
 }
 
 // In host byte order, as the handlers want it.
 inline ovani_arp_event neighbour_event(BenchHost host)
 {
-    ovani_arp_event event{.event_id = 1, .action = 1, .ipv4 = 0xc0a80101 + (host.variant << 8) + host.number};
+    uint32_t network = host.variant == 0 ? 0xc0a80000 : 0x0a000000; // 192.168.0.0, 10.0.0.0
+    ovani_arp_event event{.event_id = 1, .action = 1, .ipv4 = network + host.number + 1};
     copy_text(event.brname, OVANI_BR_NAME);
-    event.mac[0] = 0x02;
-    event.mac[5] = static_cast<uint8_t>(host.number);
+    set_mac(event.mac, host);
     return event;
 }
 
@@ -73,7 +80,19 @@ inline std::string lease_event(BenchHost host)
 {
     char text[256];
     snprintf(text, sizeof text,
-             "lan#ADD#192.168.1.%u#DHCP#2024-01-01 00:00:00#%u#DESKTOP-%03u#Computer#MSFT 5.0#0200000000%02X",
+             "lan#ADD#192.168.0.%u#DHCP#2024-01-01 00:00:00#%u#DESKTOP-%03u#Computer#MSFT 5.0#020000BE%04X",
              host.number + 1, lease_seconds(host.variant), host.number, host.number);
     return text;
 }
+
+// --- Reactions
+
+// What the daemon does about an event or a call, for those who are to do the same: a letter a step. The event
+// names events and methods, and gives each its steps.
+inline constexpr char BENCH_REACTIONS_EVENT[] = "bench_reactions";
+inline constexpr char REACTION_CHANGE = 'c';  // sends "lanhost_param_change"
+inline constexpr char REACTION_VISIT = 'v';   // sends "lanhost_event"
+inline constexpr char REACTION_COMMAND = 'x'; // asks the bridge by a command
+// 'u', 'i', 'd': updates, inserts, deletes a row
+
+inline constexpr const char *BENCH_METHODS[] = {"set_lanhost_config", "ovani_devfuc_port_cfg"};

@@ -14,7 +14,7 @@ declare -A groups=(
     [test]="googletest python3
             g++-arm-linux-gnueabihf qemu-user
             clang libclang-rt-14-dev"
-    [bench]="libbenchmark-dev"
+    [bench]="libbenchmark-dev valgrind"
     [check]="clang clang-format clang-tidy shellcheck"
 )
 
