@@ -1,6 +1,6 @@
 #!/bin/bash
 # A living gateway on this workstation: builds ovani, raises a simulated gateway, connects devices by cable and Wi-Fi
-# and shows its LAN hosts until Ctrl-C. Nothing is left behind.
+# and shows them live until Ctrl-C. Nothing is left behind.
 set -euo pipefail
 
 usage() {
@@ -228,9 +228,12 @@ else
     note="Ctrl-C takes the gateway down. From another terminal: tools/gateway unplug phone, tools/gateway --help"
     [[ $OVANI_GATEWAY == /run/ovani-gateway ]] || note+=" (export OVANI_GATEWAY=$OVANI_GATEWAY first)"
     plug_all 1.5 >>"$OVANI_GATEWAY/log/plug.log" 2>&1 &
-    say "$note"
     # In the background, so that a signal is heeded at once; Ctrl-C is for the viewer, and it ends with it.
-    tools/gateway exec ovanictl events &
+    if [[ -t 0 && -t 1 ]]; then
+        setpriv --pdeathsig TERM tools/gateway exec ovanictl top --note "$note" </dev/tty &
+    else
+        tools/gateway exec ovanictl events &
+    fi
     viewer=$!
     trap : INT
     while kill -0 $viewer 2>/dev/null; do

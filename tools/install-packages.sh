@@ -9,9 +9,9 @@ set -euo pipefail
 
 declare -A groups=(
     [run]="g++ cmake ninja-build nlohmann-json3-dev libsqlite3-dev libmnl-dev libcli11-dev
-           libsmartcols-dev
+           libncurses-dev libsmartcols-dev
            iproute2 net-tools util-linux mawk udhcpc dnsmasq-base"
-    [test]="googletest python3
+    [test]="googletest python3 tmux
             g++-arm-linux-gnueabihf qemu-user
             clang libclang-rt-14-dev"
     [bench]="libbenchmark-dev valgrind"

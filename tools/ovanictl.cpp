@@ -30,6 +30,7 @@ try {
     app.add_option("-s,--socket", options.socket, "the bus's socket")->default_str(BUS_DEFAULT_SOCKET);
     add_doctor_command(app, options);
     add_hosts_command(app);
+    add_top_command(app, options);
     add_port_commands(app);
     add_store_commands(app, options);
     add_events_command(app, options);

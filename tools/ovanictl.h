@@ -17,6 +17,7 @@ struct CtlOptions {
 
 void add_doctor_command(CLI::App &app, const CtlOptions &options);
 void add_hosts_command(CLI::App &app);
+void add_top_command(CLI::App &app, const CtlOptions &options);
 void add_store_commands(CLI::App &app, const CtlOptions &options);
 void add_port_commands(CLI::App &app);
 void add_events_command(CLI::App &app, const CtlOptions &options);

@@ -21,7 +21,7 @@
 namespace {
 
 constexpr char SEPARATOR[] = "  ";
-constexpr size_t LEAST_CUT = 12; // columns that a text is left, before another column leaves
+constexpr size_t LEAST_CUT = 16; // columns that a text is left, before another column leaves
 
 struct Unref {
     void operator()(libscols_table *table) const { scols_unref_table(table); }
