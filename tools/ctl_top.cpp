@@ -12,12 +12,13 @@
 #include <deque>
 #include <exception>
 #include <memory>
-#include <optional>
+#include <utility>
 #include <vector>
 
 #include "tools/bus.h"
 #include "tools/ctl_hosts.h"
 #include "tools/ctl_ports.h"
+#include "tools/doctor.h"
 #include "tools/events.h"
 #include "tools/screen.h"
 
@@ -25,10 +26,10 @@ namespace {
 
 constexpr int REFRESH_MS = 1000; // durations tick, and a change that nobody announced shows up
 constexpr int CHANGE_MS = 50;    // gathers the announcements of one burst
+constexpr int HEALTH_MS = 3000;  // between looks: while somebody does not answer, each takes a second
 constexpr size_t EVENTS_KEPT = 1000;
 constexpr size_t LONGEST_FILTER = 64;
 constexpr int ROWS_FOR_NOTE = 16; // a smaller screen has none to spare
-constexpr char DAEMON_OBJECT[] = "ovani";
 
 constexpr wint_t BACKSPACE = 8;
 constexpr wint_t ESCAPE = 27;
@@ -154,7 +155,7 @@ struct Happening {
 
 class Top {
 public:
-    Top(const std::string &socket, std::string note);
+    Top(const CtlOptions &options, std::string note);
     void run();
 
 private:
@@ -162,7 +163,7 @@ private:
     void add_event(const char *name, blob_attr *msg);
     void add_happening(Happening happening);
     void refresh();
-    void examine_daemon();
+    void look_after_health();
     void read_store();
     void name_hosts(const std::vector<Row> &rows);
 
@@ -188,14 +189,18 @@ private:
     void look_at(PaneNumber pane);
     void sort_by(size_t column, bool backwards);
 
+    const CtlOptions &options_;
     const std::string note_;
     Screen screen_;
     Bus bus_;
     Timer timer_{[this] { refresh(); }};
     bool change_due_ = false;
+    Timer health_timer_{[this] { look_after_health(); }};
 
-    std::optional<std::string> daemon_fault_; // empty while it is there; nothing before the first look
-    std::string daemon_since_;
+    Severity health_ = Severity::SOUND;
+    bool examined_ = false;
+    std::string health_since_;
+    std::string worst_finding_;
     std::string store_fault_;
     std::vector<Row> hosts_;
     std::vector<Row> ports_;
@@ -213,16 +218,17 @@ private:
     PaneNumber focus_ = HOSTS;
 };
 
-Top::Top(const std::string &socket, std::string note) : note_(std::move(note)), bus_(socket)
+Top::Top(const CtlOptions &options, std::string note)
+    : options_(options), note_(std::move(note)), bus_(options.socket)
 {
     screen_.on_key = [this](int kind, wint_t key) { take_key(kind, key); };
     screen_.on_change = [this] { draw(); };
     screen_.on_text = [this](const std::string &line) { add_happening({.line = printable(line)}); };
     bus_.on_connect = [this] {
         bus_.subscribe("*");
-        timer_.set(0);
+        health_timer_.set(0);
     };
-    bus_.on_lost = [this] { timer_.set(0); };
+    bus_.on_lost = [this] { health_timer_.set(0); };
     bus_.on_event = [this](const char *name, blob_attr *msg) { add_event(name, msg); };
     panes_[EVENTS].to_end = true;
 }
@@ -230,6 +236,7 @@ Top::Top(const std::string &socket, std::string note) : note_(std::move(note)), 
 void Top::run()
 {
     bus_.start();
+    look_after_health();
     refresh();
     uloop_run();
 }
@@ -259,27 +266,21 @@ void Top::refresh()
 {
     change_due_ = false;
     timer_.set(REFRESH_MS);
-    examine_daemon();
     read_store();
     select_hosts();
     draw();
 }
 
-void Top::examine_daemon()
+void Top::look_after_health()
 {
-    std::string fault;
-    uint32_t id = 0;
-    if (bus_.context() == nullptr) {
-        fault = "no broker";
-    } else if (ubus_lookup_id(bus_.context(), DAEMON_OBJECT, &id) != UBUS_STATUS_OK) {
-        fault = "no object \"" + std::string(DAEMON_OBJECT) + "\" on the bus";
+    const std::vector<Finding> findings = examine_daemon(options_.socket_or_null());
+    const Finding &worst = *std::ranges::max_element(findings, {}, &Finding::severity);
+    if (std::exchange(health_, worst.severity) != worst.severity && examined_) {
+        health_since_ = " since " + clock_text();
     }
-    if (!daemon_fault_ || daemon_fault_->empty() != fault.empty()) {
-        daemon_since_ = daemon_fault_   ? " since " + clock_text()
-                        : fault.empty() ? ""
-                                        : " since before " + clock_text();
-    }
-    daemon_fault_ = fault;
+    examined_ = true;
+    worst_finding_ = std::string(worst.subject) + ' ' + worst.text;
+    health_timer_.set(HEALTH_MS);
 }
 
 void Top::read_store()
@@ -346,11 +347,8 @@ size_t Top::chosen_row() const
 
 std::string Top::health() const
 {
-    const auto active = std::ranges::count(hosts_, false, &Row::dim);
-    std::string text = "ovani is " + std::string(daemon_fault_->empty() ? "up" : "DOWN") + daemon_since_;
-    text += daemon_fault_->empty() ? "" : ": " + *daemon_fault_;
-    return text + "   " + std::to_string(hosts_.size()) + (hosts_.size() == 1 ? " host, " : " hosts, ") +
-           std::to_string(active) + " active   " + clock_text();
+    const std::string text = clock_text() + "  ovani: " + severity_word(health_) + health_since_;
+    return health_ == Severity::SOUND ? text : text + ": " + printable(worst_finding_);
 }
 
 void Top::draw()
@@ -358,7 +356,10 @@ void Top::draw()
     screen_.begin();
     const int height = screen_.height();
     int row = 0;
-    screen_.put(row++, health(), daemon_fault_->empty() ? screen_.good() : screen_.bad());
+    screen_.put(row++, health(),
+                health_ == Severity::SOUND   ? screen_.good()
+                : health_ == Severity::FAULT ? screen_.bad()
+                                             : A_BOLD);
     if (!store_fault_.empty()) {
         screen_.put(row++, printable(store_fault_), screen_.bad());
     }
@@ -421,7 +422,10 @@ Content Top::hosts_content() const
     const std::string title = std::string(columns[sort_].title) + (backwards_ ? "↑" : "↓");
     columns[sort_].title = title.c_str();
     columns[sort_].leaves = 0;
-    return table_content("HOSTS", table_lines(columns, shown_, static_cast<size_t>(screen_.width())),
+    const auto active = std::ranges::count(hosts_, false, &Row::dim);
+    return table_content("HOSTS   " + std::to_string(hosts_.size()) + ", " + std::to_string(active) +
+                             " active",
+                         table_lines(columns, shown_, static_cast<size_t>(screen_.width())),
                          filter_.empty() ? "(no hosts)" : "(no such hosts)");
 }
 
@@ -597,7 +601,8 @@ void add_top_command(CLI::App &app, const CtlOptions &options)
     top->add_option("--note", *note, "a line of text for the top of the screen");
     top->footer("Its keys: " + std::string(SHORT_HELP));
     top->callback([note, &options] {
+        setenv("OVANI_LOG_LEVEL", "emerg", 0); // what is wrong stands on the screen
         uloop_init();
-        Top(options.socket, *note).run();
+        Top(options, *note).run();
     });
 }
