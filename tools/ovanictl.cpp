@@ -43,7 +43,7 @@ try {
           app.get_subcommand("get"), app.get_subcommand("store")->get_subcommand("export")}) {
         reader->parse_complete_callback(require_store);
     }
-    return parse_command_line(app, argc, argv).value_or(0);
+    return parse_command_line(app, argc, argv, complete_store_path).value_or(0);
 } catch (const std::exception &e) {
     fprintf(stderr, "ovanictl: %s\n", e.what());
     return 1;

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include <CLI/CLI.hpp>
 
@@ -14,6 +16,9 @@ struct CtlOptions {
 
 // Ends the command: "ovanictl: ..." on standard error, exit status 1.
 [[noreturn]] void fail(const std::string &reason);
+
+// A PathCompleter by the data model; instances are those that exist.
+std::vector<std::string> complete_store_path(std::string_view typed);
 
 void add_doctor_command(CLI::App &app, const CtlOptions &options);
 void add_hosts_command(CLI::App &app);

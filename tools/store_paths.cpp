@@ -1,0 +1,53 @@
+#include "tools/ovanictl.h" // CLI11 before libubox, whose macros take one of its names
+
+#include "platform/host/store.h"
+#include "tools/objects.h"
+
+namespace {
+
+constexpr int NO_WAIT = 0;
+
+// Where there is no store yet, looking makes none.
+std::vector<int> instances_of(const std::string &table)
+{
+    std::vector<int> numbers;
+    if (why_no_store().empty()) {
+        store_instances(data_model_find_table(data_model(), table), numbers, NO_WAIT);
+    }
+    return numbers;
+}
+
+} // namespace
+
+std::vector<std::string> complete_store_path(std::string_view typed)
+{
+    const DataModel &model = data_model();
+    const std::string parent(typed.substr(0, typed.rfind('.') + 1)); // empty without a dot
+    const ModelNode *node = model.nodes.data();
+    for (std::string_view rest = parent; !rest.empty(); rest.remove_prefix(rest.find('.') + 1)) {
+        const std::string_view component = rest.substr(0, rest.find('.'));
+        const auto named = node->below.find(component);
+        const size_t numbered = data_model_instance_number(component) != 0 ? node->instance : 0;
+        const size_t next = named != node->below.end() ? named->second : numbered;
+        if (next == 0) {
+            return {};
+        }
+        node = &model.nodes[next];
+    }
+
+    std::vector<std::string> paths;
+    for (const auto &[name, below] : node->below) {
+        paths.push_back(parent + name + '.');
+    }
+    if (node->instance != 0) {
+        for (const int number : instances_of(parent)) {
+            paths.push_back(parent + std::to_string(number) + '.');
+        }
+    }
+    if (node->object != MODEL_NONE) {
+        for (const ModelParameter &parameter : model.objects[static_cast<size_t>(node->object)].parameters) {
+            paths.push_back(parent + parameter.name);
+        }
+    }
+    return paths;
+}
