@@ -267,6 +267,8 @@ int usage(const char *program, FILE *out = stderr)
 {
     fprintf(out,
             "Usage: %s [<options>] <command> [arguments...]\n"
+            "Looks at the message bus, and talks over it\n"
+            "\n"
             "Options:\n"
             " -s <socket>    Connect to this socket instead of " UBUS_UNIX_SOCKET "\n"
             " -t <seconds>   How long a call, listen or wait_for may take (call, wait_for: 30)\n"
