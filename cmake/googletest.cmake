@@ -1,8 +1,9 @@
 # GoogleTest from Debian's sources, so that every preset, cross and sanitizer builds included, has its own.
 set(OVANI_GOOGLETEST_DIR "/usr/src/googletest" CACHE PATH "GoogleTest sources (Debian package googletest)")
 set(INSTALL_GTEST OFF CACHE INTERNAL "")
-set(CMAKE_POLICY_DEFAULT_CMP0069 OLD) # it is not optimised when linking, and does not say so
+set(CMAKE_POLICY_DEFAULT_CMP0069 NEW)
 add_subdirectory("${OVANI_GOOGLETEST_DIR}" "${CMAKE_BINARY_DIR}/googletest" EXCLUDE_FROM_ALL SYSTEM)
+set_target_properties(gtest gtest_main gmock gmock_main PROPERTIES INTERPROCEDURAL_OPTIMIZATION OFF)
 target_compile_options(gtest PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>) # as in CMakeLists.txt
 include(GoogleTest)
 
