@@ -41,7 +41,7 @@ void print_lines(const std::vector<Finding> &findings)
 // The exit status: 0 sound, 1 warnings, 2 faults.
 int examine_and_tell(const CtlOptions &options, bool json)
 {
-    setenv("OVANI_LOG_LEVEL", "emerg", 0); // what is wrong stands in the findings
+    setenv("OVANI_LOG_LEVEL", "emerg", 1); // what is wrong stands in the findings
     const std::vector<Finding> findings = examine(options.socket_or_null());
     json ? print_json(findings) : print_lines(findings);
     return static_cast<int>(worst_of(findings));

@@ -17,8 +17,6 @@
 
 namespace {
 
-constexpr int NO_ANSWER = 3; // exit status
-
 struct ProbeCommand {
     std::string address;
     std::string interface = OVANI_BR_NAME;

@@ -11,6 +11,7 @@
 
 #include "platform/host/store.h"
 #include "tools/bus.h"
+#include "tools/ctl_store.h"
 #include "tools/json.h"
 #include "tools/objects.h"
 #include "tools/text.h"
@@ -93,22 +94,11 @@ std::vector<StoreItem> items_of(std::vector<Assignment> &assignments)
 
 // --- set
 
-using Pairs = std::vector<std::pair<std::string, std::string>>;
-
 struct SetCommand {
     std::string path;
     std::string value; // or the first pair
     std::vector<std::string> more;
 };
-
-void take_pair(const std::string &text, Pairs &pairs)
-{
-    const size_t equals = text.find('=');
-    if (equals == std::string::npos) {
-        fail(printable(text) + ": NAME=VALUE expected");
-    }
-    pairs.emplace_back(text.substr(0, equals), text.substr(equals + 1));
-}
 
 // What is to be set, and in which object: `path` becomes the object's.
 Pairs pairs_of(const SetCommand &command, std::string &path)
@@ -116,10 +106,8 @@ Pairs pairs_of(const SetCommand &command, std::string &path)
     Pairs pairs;
     path = command.path + (command.path.ends_with('.') ? "" : ".");
     if (data_model_find_object(data_model(), path).object != MODEL_NONE) {
-        take_pair(command.value, pairs);
-        for (const std::string &pair : command.more) {
-            take_pair(pair, pairs);
-        }
+        pairs.push_back(pair_of(command.value));
+        std::ranges::transform(command.more, std::back_inserter(pairs), pair_of);
         return pairs;
     }
     const size_t name = command.path.rfind('.') + 1;
@@ -135,9 +123,14 @@ void write_pairs(const std::string &object, const Pairs &pairs)
 {
     std::vector<Assignment> assignments;
     for (const auto &[name, value] : pairs) {
-        assignments.emplace_back();
+        const std::string path = printable(object + name);
+        const Assignment &made = assignments.emplace_back();
         if (const int result = assign(object + name, value, assignments.back()); result != STORE_OK) {
-            fail(printable(object + name) + ": " + store_strerror(result));
+            fail(path + ": " + store_strerror(result));
+        }
+        const ModelParameter &parameter = data_model_object(made.object).parameters[made.parameter];
+        if (!data_model_allows(parameter, value)) {
+            fail(path + ": \"" + printable(value) + "\" is none of " + parameter.values);
         }
     }
     if (const int result = store_write(items_of(assignments), STORE_WAIT_MS); result != STORE_OK) {
@@ -166,9 +159,10 @@ void tell_daemon(const CtlOptions &options, const char *method, const std::strin
     const BusConnection bus = connect_bus(options.socket_or_null());
     uint32_t daemon = 0;
     if (!bus || ubus_lookup_id(bus.get(), "ovani", &daemon) != UBUS_STATUS_OK) {
-        fprintf(stderr, "%s: no %s; the daemon reads the store when it starts\n", method,
-                bus ? "daemon" : "broker");
-        return;
+        const std::string why = bus ? "no daemon on the bus" : why_no_bus(options.socket_or_null());
+        fprintf(stderr, "ovanictl: %s: %s; the store is written, and the daemon reads it when it starts\n",
+                method, why.c_str());
+        throw CLI::RuntimeError(NO_ANSWER);
     }
     Message message;
     message.add_text("url", object);
@@ -180,16 +174,34 @@ void tell_daemon(const CtlOptions &options, const char *method, const std::strin
     printf("%s: %s\n", method, ubus_strerror(status));
 }
 
-void set(const SetCommand &command, const CtlOptions &options)
+} // namespace
+
+std::pair<std::string, std::string> pair_of(const std::string &text)
 {
-    std::string object;
-    const Pairs pairs = pairs_of(command, object);
+    const size_t equals = text.find('=');
+    if (equals == std::string::npos) {
+        fail(printable(text) + ": NAME=VALUE expected");
+    }
+    return {text.substr(0, equals), text.substr(equals + 1)};
+}
+
+void set_parameters(const std::string &object, const Pairs &pairs, const CtlOptions &options)
+{
     write_pairs(object, pairs);
     for (const ToldTable &table : TOLD_TABLES) {
         if (object.starts_with(table.path)) {
             tell_daemon(options, table.method, object, pairs);
         }
     }
+}
+
+namespace {
+
+void set(const SetCommand &command, const CtlOptions &options)
+{
+    std::string object;
+    const Pairs pairs = pairs_of(command, object);
+    set_parameters(object, pairs, options);
 }
 
 // --- store export, store import
@@ -280,7 +292,8 @@ void add_store_commands(CLI::App &app, const CtlOptions &options)
     auto set_command = std::make_shared<SetCommand>();
     CLI::App *set_app =
         app.add_subcommand("set", "Write parameters of the store, as the gateway's front ends do");
-    set_app->footer("What is set of a LAN port, an SSID or a host goes to the daemon as well, in one call.");
+    set_app->footer("What is set of a LAN port, an SSID or a host goes to the daemon as well, in one call.\n"
+                    "Exit status: 0 done, 1 failed, 3 written, but there is no daemon to be told.");
     set_app->add_option("PATH", set_command->path, "a parameter, or an object")->required();
     set_app->add_option("VALUE", set_command->value, "its new value; of an object, NAME=VALUE")->required();
     set_app->add_option("MORE", set_command->more, "and more NAME=VALUE");

@@ -22,6 +22,7 @@
 #include "ovani/ovani_host_index.h"
 #include "ovani/ovani_lan_port_config.h"
 #include "ovani/ovani_operator.h"
+#include "platform/host/store.h"
 #include "tools/bridge_state.h"
 #include "tools/bus.h"
 #include "tools/objects.h"
@@ -51,19 +52,6 @@ std::string listed(const std::vector<std::string> &names)
 }
 
 // --- The daemon
-
-// The daemon holds its name in the network namespace, as an abstract socket.
-bool name_is_held()
-{
-    std::ifstream sockets("/proc/net/unix");
-    std::string line;
-    while (std::getline(sockets, line)) {
-        if (line.ends_with(" @ovani")) {
-            return true;
-        }
-    }
-    return false;
-}
 
 // Seconds since a process began, or nothing when it is none of this network that carries the name.
 std::optional<long> runs_since(const fs::path &process, std::string_view name)
@@ -108,8 +96,8 @@ Finding find_process()
     }
     switch (daemons.size()) {
     case 0:
-        return name_is_held() ? Finding{Severity::SOUND, "daemon", "runs"}
-                              : Finding{Severity::FAULT, "daemon", "does not run"};
+        return daemon_runs() ? Finding{Severity::SOUND, "daemon", "runs"}
+                             : Finding{Severity::FAULT, "daemon", "does not run"};
     case 1:
         return {Severity::SOUND, "daemon", "runs: " + daemons.front()};
     default:
@@ -208,13 +196,7 @@ void find_in_store(const std::vector<StoreObject> &hosts, Findings &findings)
         }
     }
     const std::string ceiling = read_parameter("InternetGatewayDevice.LANDevice.1.Hosts.LANHostMaxNumber");
-    const auto most = parse_number(ceiling, 1, OVANI_MAX_HOST_ENTRIES);
-    if (!most) {
-        findings.push_back({Severity::WARNING, "store",
-                            "LANHostMaxNumber is \"" + printable(ceiling) + "\", out of 1 to " +
-                                std::to_string(OVANI_MAX_HOST_ENTRIES)});
-    }
-    const long room = most.value_or(OVANI_MAX_HOST_ENTRIES);
+    const long room = parse_number(ceiling, 0, OVANI_MAX_HOST_ENTRIES).value_or(OVANI_MAX_HOST_ENTRIES);
     if (static_cast<long>(hosts.size()) >= room) {
         findings.push_back({Severity::WARNING, "store",
                             "full, with " + counted(hosts.size(), "host", "hosts") +
@@ -298,7 +280,9 @@ void find_bindings(Findings &findings)
     g_read_wan_conn_cfg_by_index = profile.read_wan_connection;
     profile.read_wan_table();
     size_t bound = 0;
-    for (int port = 1; port <= MAX_LAN_BIND_PORT; ++port) {
+    const size_t ssids = profile.binding.wlan != nullptr ? read_objects(profile.binding.wlan).size() : 0;
+    const int ports = std::min(ovani_lan_port_count() + static_cast<int>(ssids), MAX_LAN_BIND_PORT);
+    for (int port = 1; port <= ports; ++port) {
         LanEthIntfVlanBind config{};
         profile.read_lan_binding(port, &config);
         int lan[MAX_VLAN_PAIRS] = {};
@@ -323,6 +307,32 @@ void find_bindings(Findings &findings)
     }
 }
 
+// --- Values that make no sense
+
+void find_values(Findings &findings)
+{
+    StoreListing listing;
+    if (const int result = store_list("", listing, STORE_WAIT_MS); result != STORE_OK) {
+        throw std::runtime_error(store_strerror(result));
+    }
+    const DataModel &model = data_model();
+    for (const auto &[path, value] : listing) {
+        const size_t name = path.rfind('.') + 1;
+        const ObjectRef object = data_model_find_object(model, std::string_view(path).substr(0, name));
+        const ModelObject &known = data_model_object(object);
+        const int parameter = data_model_find_parameter(known, std::string_view(path).substr(name));
+        const ModelParameter &described = known.parameters[static_cast<size_t>(parameter)];
+        if (!data_model_allows(described, value)) {
+            std::string text = path;
+            text.append(" is \"").append(value).append("\", none of ").append(described.values);
+            findings.push_back({Severity::WARNING, "values", std::move(text)});
+        }
+    }
+    if (std::ranges::find(findings, std::string_view("values"), &Finding::subject) == findings.end()) {
+        findings.push_back({Severity::SOUND, "values", "make sense"});
+    }
+}
+
 Findings examine_once(const char *socket)
 {
     Findings findings = examine_daemon(socket);
@@ -336,6 +346,7 @@ Findings examine_once(const char *socket)
         find_in_store(hosts, findings);
         find_on_bridge(hosts, findings);
         find_bindings(findings);
+        find_values(findings);
     } catch (const std::exception &e) {
         findings.push_back({Severity::FAULT, "store", e.what()});
     }
@@ -343,6 +354,19 @@ Findings examine_once(const char *socket)
 }
 
 } // namespace
+
+// It holds its name as an abstract socket.
+bool daemon_runs()
+{
+    std::ifstream sockets("/proc/net/unix");
+    std::string line;
+    while (std::getline(sockets, line)) {
+        if (line.ends_with(" @ovani")) {
+            return true;
+        }
+    }
+    return false;
+}
 
 Findings examine_daemon(const char *socket)
 {

@@ -13,6 +13,9 @@ struct Finding {
     std::string text;
 };
 
+// Whether a daemon runs in this network namespace, on the bus or not.
+bool daemon_runs();
+
 // Whether the bus is there, and on it the daemon (its process, its object) and the watcher. Whoever does not
 // answer costs a second. `socket` is the bus's, null for the usual place.
 std::vector<Finding> examine_daemon(const char *socket);

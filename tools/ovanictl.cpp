@@ -29,6 +29,7 @@ try {
     CtlOptions options;
     app.add_option("-s,--socket", options.socket, "the bus's socket")->default_str(BUS_DEFAULT_SOCKET);
     add_doctor_command(app, options);
+    add_host_commands(app, options);
     add_hosts_command(app);
     add_top_command(app, options);
     add_port_commands(app);
@@ -39,8 +40,9 @@ try {
     add_sysmgr_command(app, options);
     // Who only looks makes no store.
     for (CLI::App *reader :
-         {app.get_subcommand("hosts"), app.get_subcommand("ports"), app.get_subcommand("limits"),
-          app.get_subcommand("get"), app.get_subcommand("store")->get_subcommand("export")}) {
+         {app.get_subcommand("host"), app.get_subcommand("hosts"), app.get_subcommand("ports"),
+          app.get_subcommand("limits"), app.get_subcommand("get"),
+          app.get_subcommand("store")->get_subcommand("export")}) {
         reader->parse_complete_callback(require_store);
     }
     return parse_command_line(app, argc, argv, complete_store_path).value_or(0);

@@ -14,6 +14,8 @@ struct CtlOptions {
     const char *socket_or_null() const { return socket.empty() ? nullptr : socket.c_str(); }
 };
 
+inline constexpr int NO_ANSWER = 3; // exit status
+
 // Ends the command: "ovanictl: ..." on standard error, exit status 1.
 [[noreturn]] void fail(const std::string &reason);
 
@@ -21,6 +23,7 @@ struct CtlOptions {
 std::vector<std::string> complete_store_path(std::string_view typed);
 
 void add_doctor_command(CLI::App &app, const CtlOptions &options);
+void add_host_commands(CLI::App &app, const CtlOptions &options);
 void add_hosts_command(CLI::App &app);
 void add_top_command(CLI::App &app, const CtlOptions &options);
 void add_store_commands(CLI::App &app, const CtlOptions &options);

@@ -51,6 +51,45 @@ const ModelNode *walk(const DataModel &model, std::string_view path, InstanceNum
     return path.empty() ? node : nullptr;
 }
 
+// --- Values
+
+// Takes the first of "A|B|C" off; nothing of an empty text is left.
+std::string_view cut_choice(std::string_view &values)
+{
+    const std::string_view choice = values.substr(0, values.find('|'));
+    values.remove_prefix(std::min(choice.size() + 1, values.size()));
+    return choice;
+}
+
+struct Range {
+    int64_t least;
+    int64_t most;
+};
+
+// Of "LEAST..MOST"; nothing for a word.
+std::optional<Range> range_of(std::string_view choice)
+{
+    const size_t dots = choice.find("..");
+    if (dots == std::string_view::npos) {
+        return std::nullopt;
+    }
+    const auto least = parse_number<int64_t>(choice.substr(0, dots));
+    const auto most = parse_number<int64_t>(choice.substr(dots + 2));
+    return Range{least.value_or(0), least && most ? *most : -1}; // an empty one for what is none
+}
+
+bool are_values(std::string_view values)
+{
+    while (!values.empty()) {
+        const std::string_view choice = cut_choice(values);
+        const auto range = range_of(choice);
+        if (choice.empty() || (range && range->least > range->most)) {
+            return false;
+        }
+    }
+    return true;
+}
+
 // --- The parser
 
 constexpr std::string_view BLANKS = " \t\r";
@@ -163,6 +202,13 @@ const char *add_parameter(ModelObject &object, std::string_view line, std::strin
         parameter.max_length = parse_number<size_t>(length).value_or(0);
         if (parameter.max_length < 1 || parameter.max_length > MODEL_MAX_VALUE) {
             return "the length is not a number from 1 to 255";
+        }
+        if (line.starts_with('[')) {
+            const std::string_view values = cut_word(line);
+            parameter.values = values.substr(1, values.size() - 2);
+            if (!values.ends_with(']') || parameter.values.empty() || !are_values(parameter.values)) {
+                return "its values are words and ranges LEAST..MOST, with | between them, in [ ]";
+            }
         }
         if (line.size() > parameter.max_length) {
             return "the default is longer than the parameter may be";
@@ -284,6 +330,19 @@ int data_model_find_parameter(const ModelObject &object, std::string_view name)
         }
     }
     return MODEL_NONE;
+}
+
+bool data_model_allows(const ModelParameter &parameter, std::string_view value)
+{
+    std::string_view values = parameter.values;
+    bool allowed = values.empty() || value == parameter.initial;
+    while (!values.empty() && !allowed) {
+        const std::string_view choice = cut_choice(values);
+        const auto range = range_of(choice);
+        const auto number = parse_number<int64_t>(value);
+        allowed = range ? number && *number >= range->least && *number <= range->most : value == choice;
+    }
+    return allowed;
 }
 
 bool data_model_knows(const DataModel &model, std::string_view path)

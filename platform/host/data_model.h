@@ -19,6 +19,7 @@ inline constexpr int MODEL_NONE = -1;
 struct ModelParameter {
     std::string name;
     size_t max_length = 0; // bytes
+    std::string values;    // those that make sense, as the model has them; empty: any
     std::string initial;   // default value
     int counted =
         MODEL_NONE; // the table (index in DataModel::objects) whose instances it counts; none: it is kept
@@ -80,6 +81,10 @@ int data_model_instance_number(std::string_view component);
 
 // Index of a parameter in its object, or MODEL_NONE.
 int data_model_find_parameter(const ModelObject &object, std::string_view name);
+
+// Whether it makes sense to give the parameter this value. The store keeps any that is not too long: this is
+// for those who ask people for values.
+bool data_model_allows(const ModelParameter &parameter, std::string_view value);
 
 // Whether the model lists anything at `path` or, when it ends in "." or is empty, below it.
 bool data_model_knows(const DataModel &model, std::string_view path);

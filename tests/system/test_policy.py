@@ -157,18 +157,58 @@ class Policy(GatewayTest):
         self.assertEqual(gw.get(HOSTS + "HostAliases.1.HostAlias"), "a=b")
         before = gw.ctl("store", "export")
         for wrong in ((path, "HostAlias"), (path, "HostAlias=x", "None=y"), (path, "HostAlias=x", "Port=" + "9" * 300),
-                      (path + "HostAlias", "x", "OS=y"), (HOSTS + "Host.99.", "HostAlias=x")):
+                      (path + "HostAlias", "x", "OS=y"), (HOSTS + "Host.99.", "HostAlias=x"),
+                      (path, "HostAlias=x", "MaxUSBandwidth=-5"), (ETHERNET + "1.", "MaxBitRate=100", "DuplexMode=full"),
+                      (HOSTS + "LANHostMaxNumber", "255")):
             failed = gw.ctl("set", *wrong, check=False)
             self.assertEqual((failed.returncode, failed.stdout), (1, ""), wrong)
         self.assertEqual(gw.ctl("store", "export"), before, "all of it or nothing")
         gw("stop", "daemon")
         told = gw.ctl("set", path + "HostAlias", "later", check=False)
-        self.assertEqual((told.returncode, told.stdout, gw.get(path + "HostAlias")), (0, "", "later"))
+        self.assertEqual((told.returncode, told.stdout, gw.get(path + "HostAlias")), (3, "", "later"))
         self.assertIn("no daemon", told.stderr)
+
+    def test_hosts_go_by_their_names(self):
+        gw = self.up("watcher", "dhcp")
+        paths = [gw.bring(number) for number in (1, 2)]
+        gw.ctl("host", mac(1).replace(":", "-"), "set", "alias=TV", "up=2048", "down=8192")
+        self.assertEqual([gw.get(paths[0] + name) for name in ("HostAlias", "MaxUSBandwidth", "MaxDSBandwidth")],
+                         ["TV", "2048", "8192"])
+        self.assertEqual(gw.ctl("host", "TV"), gw.ctl("host", "1"))
+        self.assertIn(mac(1), gw.ctl("host", "TV", "--json"))
+        gw.ctl("host", "2", "set", "alias=TV")
+        before = gw.ctl("store", "export")
+        for wrong in (("host", "TV"), ("host", "nobody"), ("host", ""), ("host", "1", "set", "up=fast"),
+                      ("host", "1", "set", "alias"), ("delete", "TV"), ("delete", "1", "3")):
+            failed = gw.ctl(*wrong, check=False)
+            self.assertEqual((failed.returncode, failed.stdout), (1, ""), wrong)
+        self.assertEqual(gw.ctl("delete", check=False).returncode, 2)
+        self.assertEqual(gw.ctl("store", "export"), before)
+
+    def test_a_full_table_is_emptied(self):
+        gw = self.up("daemon", "watcher", "dhcp", operator="cm")
+        gw.ctl("set", HOSTS + "LANHostMaxNumber", "3")
+        gw("start", "daemon")
+        for number in (1, 2, 3):
+            gw.bring(number)
+        gw.emit(*[("mac", "del", mac(number)) for number in (1, 3)])
+        newcomer = (("mac", "add", mac(4)), ("arp", "add", "192.168.1.4", mac(4)))
+        gw.emit(*newcomer)
+        gw.settle_daemon()
+        self.assertEqual({address: host["Active"] for address, host in gw.hosts().items()},
+                         {mac(1): "0", mac(2): "1", mac(3): "0"})
+        deleted = gw.ctl("delete", "--inactive", check=False)
+        self.assertEqual((deleted.returncode, deleted.stdout.count("deleted")), (0, 2))
+        self.assertIn("until it is started again", deleted.stderr)
+        gw("stop", "daemon")
+        gw("start", "daemon")
+        gw.emit(*newcomer)
+        gw.host_with(mac(4), Active="1")
+        gw.bring(2)
 
     def test_export_and_import(self):
         gw = self.up("daemon", "dhcp", "watcher", "sysmgr")
-        parameter = ETHERNET + "1.X_CU_VLAN"
+        parameter = "InternetGatewayDevice.DeviceInfo.X_QV_AreaCode"
         for value in (b"", b"\\x41", b"a=b#c", b"\x7f\xff", "名\u202e".encode(), bytes(range(1, 32)), b" a "):
             gw.ctl("set", parameter, value)
             gw.exec("sh", "-c", "ovanictl store export /var/1 && ovanictl set $1 x && ovanictl store import /var/1 &&"

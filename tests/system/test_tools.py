@@ -154,9 +154,11 @@ class Doctor(GatewayTest):
         gw("stop", "watcher")
         gw("plug", "2", "device", "--mac", mac(2), "--silent", "static", "192.168.1.12")
         gw.ctl("set", HOSTS + "LANHostMaxNumber", "1")
+        gw.ctl("store", "import", input=HOSTS + "Host.1.MaxUSBandwidth=-5\n")
         watcher = ("warning", "watcher", "no ovani-brwatch")
         others = (("warning", "leases", "none since"), ("warning", "store", "full, with 1 host"),
-                  ("warning", "hosts", mac(1)), ("warning", "hosts", f"{mac(2)} at eth1"), binding)
+                  ("warning", "hosts", mac(1)), ("warning", "hosts", f"{mac(2)} at eth1"), binding,
+                  ("warning", "values", HOSTS + 'Host.1.MaxUSBandwidth is "-5"'))
         finds(watcher, *others)
         gw.exec("kill", "-STOP", gw.pid("daemon"))
         gw("start", "watcher")

@@ -23,6 +23,11 @@ TEST(DataModel, TellsWhatIsWrongInWhichLine)
         {"A.\n\n# comment\n  p q 3", "line 4: the length"},
         {"A.\n  p 256", "line 2: the length"},
         {"A.\n  p 3 four", "line 2: the default is longer"},
+        {"A.\n  p 3 [", "line 2: its values"},
+        {"A.\n  p 3 []", "line 2: its values"},
+        {"A.\n  p 3 [a||b]", "line 2: its values"},
+        {"A.\n  p 3 [2..1]", "line 2: its values"},
+        {"A.\n  p 3 [1..x]", "line 2: its values"},
         {"A.\n  p\"q 3", "line 2: a parameter's name"},
         {"A.\n  p 3\n  p 3", "line 3: the object has a parameter"},
         {"A.\n  n count", "line 2: the table to count is missing"},
@@ -62,6 +67,22 @@ TEST(DataModel, FindsObjectsByTheirNumbers)
     }
     EXPECT_EQ(data_model_find_table(model, "A.1.T.7.U.").object, 1);
     EXPECT_EQ(data_model_find_table(model, "A.1.T.7.S."), none);
+}
+
+TEST(DataModel, TellsWhichValuesMakeSense)
+{
+    DataModel model;
+    std::string error;
+    ASSERT_TRUE(
+        data_model_parse("A.\n  p 9 [Auto|10..200|4000000000..4294967295] no\n  q 9\n", model, error));
+    const std::pair<const char *, bool> cases[] = {
+        {"Auto", true},       {"auto", false}, {"no", true},   {"", false},   {"9", false},
+        {"10", true},         {"200", true},   {"201", false}, {"-5", false}, {"10..200", false},
+        {"4294967295", true}, {"15 ", false},  {"0x10", false}};
+    for (const auto &[value, allowed] : cases) {
+        EXPECT_EQ(data_model_allows(model.objects[0].parameters[0], value), allowed) << value;
+        EXPECT_TRUE(data_model_allows(model.objects[0].parameters[1], value)) << value;
+    }
 }
 
 } // namespace
