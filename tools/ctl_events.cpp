@@ -2,6 +2,7 @@
 
 #include "tools/ovanictl.h" // CLI11 before libubox, whose macros take one of its names
 
+#include <chrono>
 #include <cstdio>
 #include <map>
 #include <memory>
@@ -13,6 +14,7 @@
 #include "tools/bus.h"
 #include "tools/events.h"
 #include "tools/json.h"
+#include "tools/objects.h"
 #include "tools/table.h"
 
 namespace {
@@ -46,36 +48,134 @@ void list_events(bool json)
     print_rows("events", LIST_COLUMNS, std::move(rows), {.json = json});
 }
 
-void print_event(const EventsCommand &command, const char *name, blob_attr *msg)
+std::vector<std::string> names_of(const std::vector<std::string> &patterns)
 {
-    const Json fields = decode_event(name, msg);
-    if (command.json) {
-        Json event = {{"event", name}};
-        event.update(fields);
-        puts(json_text(event).c_str());
-    } else {
-        printf("%s  %s\n", clock_text().c_str(), event_line(name, fields).c_str());
+    std::vector<std::string> names;
+    for (const std::string &pattern : patterns) {
+        const auto name = event_pattern(pattern);
+        if (!name) {
+            std::string known;
+            for (const EventKind &kind : OVANI_EVENTS) {
+                known.append(known.empty() ? "" : ", ").append(event_word(kind.name));
+                known.append(" (").append(kind.name).append(")");
+            }
+            throw CLI::ValidationError("no event is called " + printable(pattern) + ", there are " + known);
+        }
+        names.push_back(*name);
     }
+    return names;
+}
+
+// What the host of an object is called now: later it may be gone, and its number another's.
+std::string host_of(const Json &fields)
+{
+    const int instance = fields.value("instance", 0);
+    if (instance == 0 || !why_no_store().empty()) {
+        return "";
+    }
+    const std::string object = std::string(HOSTS_PATH) + std::to_string(instance) + '.';
+    try {
+        for (const char *parameter : {"HostAlias", "HostName", "MACAddress"}) {
+            if (const std::string name = read_parameter(object + parameter); !name.empty()) {
+                return "  " + printable(name);
+            }
+        }
+    } catch (const std::exception &) {
+        return "  (gone)";
+    }
+    return "";
+}
+
+void flush()
+{
     if (fflush(stdout) == EOF) {
         uloop_end(); // whoever read us is gone
     }
 }
 
+// Lines on standard output. Those that say the same as the one before are counted, and told of once a second
+// or when another comes.
+class FoldedLines {
+public:
+    ~FoldedLines() { settle(); }
+
+    void print(const std::string &text)
+    {
+        if (text != text_) {
+            settle();
+            text_ = text;
+            write("");
+        } else if (++untold_ == 1) {
+            settle_.set(1000);
+        }
+    }
+
+private:
+    void settle()
+    {
+        if (untold_ > 0) {
+            write("  ×" + std::to_string(untold_));
+        }
+        untold_ = 0;
+        settle_.cancel();
+    }
+    void write(const std::string &times)
+    {
+        printf("%s  %s%s\n", clock_text().c_str(), text_.c_str(), times.c_str());
+        flush();
+    }
+
+    std::string text_;
+    size_t untold_ = 0;
+    Timer settle_{[this] { settle(); }};
+};
+
+std::string hex_text(std::string_view bytes)
+{
+    std::string out;
+    for (const char byte : bytes) {
+        char text[3];
+        snprintf(text, sizeof text, "%02x", static_cast<unsigned>(static_cast<uint8_t>(byte)));
+        out += text;
+    }
+    return out;
+}
+
+std::string event_json(const char *name, blob_attr *msg)
+{
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    const auto time = std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+    Json event = {{"schema", JSON_SCHEMA},
+                  {"time", static_cast<double>(time) / 1000},
+                  {"event", name},
+                  {"raw", hex_text(event_bytes(name, msg))}};
+    event.update(decode_event(name, msg));
+    return json_text(event);
+}
+
 void follow_events(const EventsCommand &command, const std::string &socket)
 {
+    const std::vector<std::string> names = names_of(command.patterns);
     uloop_init();
     Bus bus(socket);
+    FoldedLines lines;
     long left = command.count;
     bus.on_connect = [&] {
-        for (const std::string &pattern : command.patterns) {
-            if (!bus.subscribe(pattern.c_str())) {
-                fprintf(stderr, "cannot subscribe to %s\n", pattern.c_str());
+        for (const std::string &name : names) {
+            if (!bus.subscribe(name.c_str())) {
+                fprintf(stderr, "cannot subscribe to %s\n", name.c_str());
             }
         }
         fprintf(stderr, "listening\n");
     };
     bus.on_event = [&](const char *name, blob_attr *msg) {
-        print_event(command, name, msg);
+        if (command.json) {
+            puts(event_json(name, msg).c_str());
+            flush();
+        } else {
+            const Json fields = decode_event(name, msg);
+            lines.print(event_line(name, fields) + host_of(fields));
+        }
         if (command.count > 0 && --left == 0) {
             uloop_end();
         }
@@ -150,9 +250,11 @@ void add_events_command(CLI::App &app, const CtlOptions &options)
     auto command = std::make_shared<EventsCommand>();
     CLI::App *events = app.add_subcommand("events", "Follow the bus, the gateway's records decoded");
     events->add_option("PATTERN", command->patterns,
-                       "names of events, a trailing * for any rest (all of them)");
+                       "events by word (mac) or name (109), a trailing * for any rest (all of them)");
     events->add_option("-n,--count", command->count, "end after so many")->check(CLI::Range(1, INT32_MAX));
-    events->add_flag("--json", command->json, "one JSON object a line");
+    events->add_flag("--json", command->json,
+                     "one JSON object a line: its time, the fields, and the bytes of the record");
+    events->footer("Lines that say the same as the one before are counted: ×37.");
     events->add_flag("--list", command->list,
                      "instead: the gateway's events, the words for them, and what carries their records");
     events->callback([command, &options] {

@@ -270,6 +270,33 @@ std::string event_word(std::string_view event)
     return reader != nullptr ? reader->word : printable(event);
 }
 
+std::optional<std::string> event_pattern(std::string_view asked)
+{
+    if (asked.find_first_of("*.") != std::string_view::npos) {
+        return std::string(asked);
+    }
+    for (const Reader &reader : READERS) {
+        if (asked == reader.word || asked == reader.event) {
+            return std::string(reader.event);
+        }
+    }
+    return std::nullopt;
+}
+
+std::string_view event_bytes(std::string_view name, blob_attr *msg)
+{
+    const EventKind *kind = find_event(name);
+    if (kind == nullptr || kind->attribute == nullptr) {
+        return {};
+    }
+    const blobmsg_policy policy = {kind->attribute, BLOBMSG_TYPE_UNSPEC};
+    blob_attr *attr = nullptr;
+    blobmsg_parse(&policy, 1, &attr, blob_data(msg), static_cast<unsigned>(blob_len(msg)));
+    return attr == nullptr ? std::string_view()
+                           : std::string_view(static_cast<const char *>(blobmsg_data(attr)),
+                                              static_cast<size_t>(blobmsg_data_len(attr)));
+}
+
 Json decode_event(std::string_view name, blob_attr *msg)
 {
     const Reader *reader = find_reader(name);

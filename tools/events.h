@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -52,6 +53,14 @@ Event make_dhcp_event(const std::string &text);
 
 // How people call an event: "mac" for "109"; others by their names, made printable.
 std::string event_word(std::string_view event);
+
+// The name or pattern that somebody asks for: a word becomes its event's name; an event's name, a pattern
+// with a '*' and a name with a '.' (which is none of the gateway's) stay. Nothing for any other text.
+std::optional<std::string> event_pattern(std::string_view asked);
+
+// The bytes of the attribute that carries the event's record or text, of whatever length and type; empty
+// when there is none.
+std::string_view event_bytes(std::string_view name, blob_attr *msg);
 
 // What an event says, in the order of its record. A message that is not what its event should carry yields
 // one member named "error"; an event that is none of the gateway's yields one named "message", its content as

@@ -2,6 +2,7 @@
 
 import json
 import os
+import time
 import unicodedata
 
 from gateway import GBK_NAME, HOSTS, GatewayTest, mac
@@ -111,6 +112,27 @@ class Ctl(GatewayTest):
             self.assertEqual(gw.ctl(*wrong, check=False).returncode, 2, wrong)
         for command in ((), ("hosts",), ("get",), ("set",), ("events",), ("emit",), ("emit", "raw"), ("sysmgr",)):
             self.assertIn("Usage: ovanictl", gw.ctl(*command, "--help"))
+
+    def test_events_are_folded_and_named(self):
+        gw = self.up("watcher", "dhcp")
+        gw.bring(1)
+        gw.ctl("host", mac(1), "set", "alias=TV")
+        unknown = gw.ctl("events", "nothing", check=False)
+        self.assertEqual(unknown.returncode, 2)
+        self.assertIn("mac (109), ", unknown.stderr)
+        followed = [gw.start_inside("ovanictl", "events", *how) for how in (("mac", "host"), ("mac", "--json", "-n1"))]
+        for each in followed:
+            self.addCleanup(each.communicate)
+            self.addCleanup(each.terminate)
+            self.assertEqual(each.stdout.readline(), "listening\n")
+        gw.emit(*[("mac", "add", mac(9))] * 37, ("raw", "lanhost_param_change", "--json", '{"objnum": 1}'))
+        told = [followed[0].stdout.readline() for _ in range(3)]
+        self.assertEqual([line.split("  ", 1)[1].split()[0] for line in told], ["mac", "mac", "host"])
+        self.assertTrue(told[1].endswith("  ×36\n") and told[2].endswith("  TV\n"), told)
+        event = json.loads(followed[1].stdout.readline())
+        self.assertEqual((event["schema"], event["mac"], len(event["raw"]) % 2), (1, mac(9), 0))
+        self.assertIn(mac(9).replace(":", ""), event["raw"])
+        self.assertAlmostEqual(event["time"], time.time(), delta=20)
 
     def test_lines_of_events(self):
         gw = self.up("daemon", "watcher", "dhcp")
