@@ -67,7 +67,7 @@ class Gateway:
 
     def close(self):
         """Ends every service as a gateway's shutdown does; a sanitizer that had something to say fails the test."""
-        for service in ("daemon", "watcher", "sysmgr", "broker"):
+        for service in ("daemon", "watcher", "journal", "sysmgr", "broker"):
             self("stop", service, check=False)
         complaints = [line for line in self("logs", "", "1000").splitlines()
                       if "Sanitizer" in line or "runtime error:" in line]
