@@ -34,6 +34,7 @@ try {
     add_top_command(app, options);
     add_port_commands(app);
     add_store_commands(app, options);
+    add_history_commands(app);
     add_events_command(app, options);
     add_emit_command(app, options);
     add_probe_command(app);

@@ -28,6 +28,7 @@ void add_hosts_command(CLI::App &app);
 void add_top_command(CLI::App &app, const CtlOptions &options);
 void add_store_commands(CLI::App &app, const CtlOptions &options);
 void add_port_commands(CLI::App &app);
+void add_history_commands(CLI::App &app);
 void add_events_command(CLI::App &app, const CtlOptions &options);
 void add_emit_command(CLI::App &app, const CtlOptions &options);
 void add_probe_command(CLI::App &app);
