@@ -37,6 +37,7 @@ try {
     add_history_commands(app);
     add_events_command(app, options);
     add_emit_command(app, options);
+    add_metrics_command(app, options);
     add_probe_command(app);
     add_sysmgr_command(app, options);
     // Who only looks makes no store.
