@@ -30,20 +30,6 @@ struct HistoryCommand {
 
 // --- Choosing
 
-// "90", "30s", "15m", "2h" or "3d", in microseconds.
-int64_t duration_argument(const std::string &text)
-{
-    static constexpr std::string_view units = "smhd";
-    static constexpr int64_t seconds[] = {1, 60, 3600, 86400};
-    const size_t unit = text.empty() ? units.npos : units.find(text.back());
-    const auto number =
-        parse_number(std::string_view(text).substr(0, text.size() - (unit != units.npos ? 1 : 0)), 0, 999999);
-    if (!number) {
-        fail(printable(text) + " is no duration: say 90s, 15m, 2h or 3d");
-    }
-    return *number * SECOND * (unit != units.npos ? seconds[unit] : 1);
-}
-
 // An instance stands for the host that the store has there now.
 std::string host_argument(const std::string &host)
 {
@@ -167,13 +153,10 @@ void show_timeline(const HistoryCommand &command)
     const std::vector<Stay> stays = chosen_stays(command, history, from);
     const int64_t to = std::max(history.last_wall(), from + SECOND);
 
+    const std::vector<HostStays> hosts = stays_by_host(stays);
     size_t label_width = 4;
-    std::vector<Mac> hosts; // in the order in which they came
-    for (const Stay &stay : stays) {
-        if (std::ranges::find(hosts, stay.mac) == hosts.end()) {
-            hosts.push_back(stay.mac);
-            label_width = std::max(label_width, columns_of(printable(label_of(stay))));
-        }
+    for (const HostStays &host : hosts) {
+        label_width = std::max(label_width, columns_of(printable(host.label)));
     }
     label_width = std::min(label_width, WIDEST_LABEL);
     const size_t width = terminal_width() == SIZE_MAX ? WIDTH_ELSEWHERE : terminal_width();
@@ -184,15 +167,9 @@ void show_timeline(const HistoryCommand &command)
     const Style style = style_for(STDOUT_FILENO);
     printf("%s%s  %s%s%s\n", style.dim, fit("", label_width).c_str(),
            fit(begin, columns - std::min(columns, end.size())).c_str(), end.c_str(), style.plain);
-    for (const Mac &mac : hosts) {
-        std::vector<const Stay *> own;
-        for (const Stay &stay : stays) {
-            if (stay.mac == mac) {
-                own.push_back(&stay);
-            }
-        }
-        printf("%s  %s%s%s\n", fit(printable(label_of(*own.back())), label_width).c_str(), style.green,
-               bar_of(own, history, from, to, columns).c_str(), style.plain);
+    for (const HostStays &host : hosts) {
+        printf("%s  %s%s%s\n", fit(printable(host.label), label_width).c_str(), style.green,
+               bar_of(host.stays, history, from, to, columns).c_str(), style.plain);
     }
 }
 
@@ -215,9 +192,33 @@ void load_history(const std::string &directory, History &history)
     }
 }
 
-std::string label_of(const Stay &stay)
+std::vector<HostStays> stays_by_host(const std::vector<Stay> &stays)
 {
-    return stay.name.empty() ? format_mac(stay.mac) : stay.name;
+    std::vector<HostStays> hosts;
+    std::map<Mac, size_t> places;
+    for (const Stay &stay : stays) {
+        const auto [place, is_new] = places.emplace(stay.mac, hosts.size());
+        if (is_new) {
+            hosts.emplace_back();
+        }
+        HostStays &host = hosts[place->second];
+        host.label = stay.name.empty() ? format_mac(stay.mac) : stay.name;
+        host.stays.push_back(&stay);
+    }
+    return hosts;
+}
+
+int64_t duration_argument(const std::string &text)
+{
+    static constexpr std::string_view units = "smhd";
+    static constexpr int64_t seconds[] = {1, 60, 3600, 86400};
+    const size_t unit = text.empty() ? units.npos : units.find(text.back());
+    const auto number =
+        parse_number(std::string_view(text).substr(0, text.size() - (unit != units.npos ? 1 : 0)), 0, 999999);
+    if (!number) {
+        fail(printable(text) + " is no duration: say 90s, 15m, 2h or 3d");
+    }
+    return *number * SECOND * (unit != units.npos ? seconds[unit] : 1);
 }
 
 std::string time_text(int64_t wall, int64_t now)

@@ -47,7 +47,7 @@ std::string lan_place(int64_t port)
 
 std::string wifi_place(int64_t ssid)
 {
-    return ssid >= 0 && ssid < OVANI_INVALID_VALUE ? "Wi-Fi " + std::to_string(ssid + 1) : "Wi-Fi";
+    return ssid >= 0 && ssid < OVANI_INVALID_VALUE ? "SSID " + std::to_string(ssid + 1) : "Wi-Fi";
 }
 
 void take_texts(const Json &line, const char *key, std::vector<std::string> &texts)
