@@ -104,7 +104,7 @@ struct Layout {
     int ports() const { return connection + bus; }
     int port() const { return width - ports(); }
 };
-constexpr Layout WIDE = {.width = 1000, .connection = 210, .bus = 150, .chip = 146};
+constexpr Layout WIDE = {.width = 1000, .connection = 250, .bus = 116, .chip = 146};
 constexpr Layout NARROW = {.width = 340, .connection = 112, .bus = 48, .chip = 160};
 
 class Picture {
@@ -256,11 +256,10 @@ std::string Picture::draw()
     }
     const int connections_end = y_;
     y_ = top;
-    std::map<std::string_view, std::vector<const ReportHost *>> hosts;
+    std::map<std::string, std::vector<const ReportHost *>> hosts; // by port, "" where that is none of these
     for (const ReportHost &host : report_.hosts) {
-        const bool known =
-            std::ranges::find(report_.ports, host.port, &ReportPort::name) != report_.ports.end();
-        hosts[known ? host.port : ""].push_back(&host);
+        const auto port = std::ranges::find(report_.ports, host.port, &ReportPort::name);
+        hosts[port != report_.ports.end() ? port->name : ""].push_back(&host);
     }
     for (const ReportPort &port : report_.ports) {
         draw_port(port, hosts[port.name]);
@@ -273,9 +272,11 @@ std::string Picture::draw()
     return format("<svg xmlns=\"http://www.w3.org/2000/svg\" class=\"%s\" viewBox=\"0 0 %d %d\" role=\"img\" "
                   "aria-label=\"Connections, gateway, ports and hosts\">\n",
                   layout_.width == WIDE.width ? "wide" : "narrow", layout_.width, height) +
-           format("<rect class=\"gateway\" x=\"%d\" y=\"%d\" width=\"%d\" height=\"%d\" rx=\"6\">"
-                  "<title>gateway</title></rect>\n",
-                  layout_.gateway() - bar / 2, top, bar, height - 2 * top) +
+           format("<rect class=\"gateway\" x=\"%d\" y=\"%d\" width=\"%d\" height=\"%d\" rx=\"6\"/>"
+                  "\n<text class=\"dim\" transform=\"translate(%d %d) rotate(-90)\">gateway"
+                  "</text>\n",
+                  layout_.gateway() - bar / 2, top, bar, height - 2 * top, layout_.gateway() + 4,
+                  height / 2) +
            lines_ + boxes_ + "</svg>\n";
 }
 
@@ -306,8 +307,8 @@ path { fill: none; } .plain { stroke: var(--line); stroke-width: 2; } .bound { s
 constexpr char PAGE_STYLE[] = R"(
 * { box-sizing: border-box; }
 body { margin: 0 auto; max-width: 1060px; padding: 24px 30px 48px; background: var(--ground); color: var(--ink);
-  font: 14px/1.45 system-ui, sans-serif; overflow-wrap: anywhere; }
-h1 { font-size: 22px; margin: 0; } h2 { font-size: 16px; margin: 32px 0 10px; } p { margin: 4px 0; }
+  font: 14px/1.45 system-ui, sans-serif; overflow-wrap: break-word; }
+h1 { font-size: 22px; margin: 0; } h2 { font-size: 16px; margin: 32px 0 10px; } p { margin: 8px 0 0; }
 .dim, small { color: var(--dim); } small { display: block; font-size: 12px; }
 .bad { color: var(--bad); } .warn { color: var(--warn); } .good { color: var(--up); }
 svg { display: block; width: 100%; height: auto; } svg.narrow { display: none; }
@@ -315,6 +316,7 @@ ul { list-style: none; margin: 0; padding: 0; } li { padding: 3px 0; } li b { di
 table { border-collapse: collapse; width: 100%; } th { text-align: left; font-weight: 600; color: var(--dim); }
 th, td { padding: 5px 12px 5px 0; border-bottom: 1px solid var(--line); vertical-align: top; }
 th:last-child, td:last-child { padding-right: 0; }
+.state, small { overflow-wrap: anywhere; } td, th { white-space: nowrap; } .state, small { white-space: normal; }
 .gone td { color: var(--dim); } .state::before { content: "●"; margin-right: 6px; color: var(--up); }
 .gone .state::before { content: "○"; color: var(--gone); }
 .bars { display: grid; grid-template-columns: minmax(90px, 22%) 1fr; gap: 3px 12px; align-items: center; }
@@ -322,10 +324,14 @@ th:last-child, td:last-child { padding-right: 0; }
 .bars svg { height: 14px; background: var(--box); border-radius: 3px; } .stay { fill: var(--gone); }
 .stay.on { fill: var(--up); } .ends { display: flex; justify-content: space-between; color: var(--dim); }
 @media (max-width: 640px) { body { padding: 16px 10px 32px; } svg.wide { display: none; } svg.narrow { display: block; }
-  th, td { padding-right: 8px; } }
+  table { font-size: 12px; } small { font-size: 11px; } th, td { padding-right: 8px; } }
 )";
 
 // --- The page
+
+constexpr char LEGEND[] = "<p class=\"dim\">Green is on line, dashed is off line, without link or disabled. "
+                          "A line in a connection's "
+                          "colour is a VLAN bound to it; all else goes by the gateway.</p>\n";
 
 std::string section(const char *title, const std::string &content)
 {
@@ -433,7 +439,7 @@ std::string report_page(const Report &report)
         out += section("Findings", findings(report));
     }
     out += section("Connections, ports and hosts",
-                   Picture(report, WIDE).draw() + Picture(report, NARROW).draw());
+                   Picture(report, WIDE).draw() + Picture(report, NARROW).draw() + LEGEND);
     out += section("Hosts", host_table(report));
     out += section("Time line", timeline(report));
     return out + "</body>\n</html>\n";
