@@ -10,7 +10,7 @@
 #include <cstring>
 #include <memory>
 
-#include <strings.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include "tools/objects.h"
@@ -25,7 +25,7 @@ struct HistoryCommand {
     std::string directory = journal_directory();
     std::string host;
     std::string since;
-    bool json = false;
+    TableOptions table;
 };
 
 // --- Choosing
@@ -63,25 +63,37 @@ std::vector<Stay> chosen_stays(const HistoryCommand &command, const History &his
 
 // --- As a table
 
-constexpr std::array TITLES = {"NAME", "MAC", "ADDRESS", "PORT", "FROM", "TO", "LASTED", "WHY"};
-
-std::string joined(const std::vector<std::string> &texts)
+std::string duration_text(const Json &seconds)
 {
-    std::string out;
-    for (const std::string &text : texts) {
-        out += (out.empty() ? "" : ", ") + text;
-    }
-    return out;
+    return format_duration(seconds.get<long>());
 }
 
-TableRow row_of(const History &history, const Stay &stay)
+// The times stand twice: as people read them, and as programs do.
+constexpr Column COLUMNS[] = {
+    {.title = "NAME", .member = "name", .cut = true},
+    {.title = "MAC", .member = "mac", .leaves = 2},
+    {.title = "ADDRESS", .member = "addresses", .leaves = 3},
+    {.title = "PORT", .member = "places", .leaves = 4},
+    {.title = "FROM", .member = nullptr},
+    {.title = nullptr, .member = "from"},
+    {.title = nullptr, .member = "exact"},
+    {.title = "TO", .member = nullptr},
+    {.title = nullptr, .member = "to"},
+    {.title = "LASTED", .member = "seconds", .leaves = 1, .text = duration_text},
+    {.title = "WHY", .member = "why"},
+};
+
+Row row_of(const History &history, const Stay &stay)
 {
     const int64_t now = history.last_wall();
-    return {.cells = {stay.name, format_mac(stay.mac), joined(stay.addresses), joined(stay.places),
-                      (stay.exact ? "" : "before ") + time_text(history.wall_from(stay), now),
-                      stay.to ? time_text(history.wall_to(stay), now) : "",
-                      format_duration(history.lasted(stay) / SECOND), stay.why},
-            .dim = stay.to.has_value()};
+    Row row = {.cells = {}, .dim = stay.to.has_value()};
+    const Json json = stay_json(history, stay);
+    for (const Column &column : COLUMNS) {
+        row.cells.push_back(column.member != nullptr ? json[column.member] : Json());
+    }
+    row.cells[4] = (stay.exact ? "" : "before ") + time_text(history.wall_from(stay), now);
+    row.cells[7] = stay.to ? time_text(history.wall_to(stay), now) : "";
+    return row;
 }
 
 void show_history(const HistoryCommand &command)
@@ -89,43 +101,23 @@ void show_history(const HistoryCommand &command)
     History history;
     load_history(command.directory, history);
     int64_t since = 0;
-    const std::vector<Stay> stays = chosen_stays(command, history, since);
-    std::vector<TableRow> rows;
-    std::vector<Json> objects;
-    for (const Stay &stay : stays) {
+    std::vector<Row> rows;
+    for (const Stay &stay : chosen_stays(command, history, since)) {
         rows.push_back(row_of(history, stay));
-        objects.push_back(stay_json(history, stay));
     }
-    if (command.json) {
-        print_json_rows(objects);
-    } else {
-        print_lines(table_lines(TITLES, rows, style_for(STDOUT_FILENO), terminal_width()));
-    }
+    print_rows("stays", COLUMNS, std::move(rows), command.table);
 }
 
 // --- As bars
 
 constexpr size_t WIDEST_LABEL = 20;
 constexpr size_t NARROWEST_BAR = 20;
-constexpr size_t WIDTH_ELSEWHERE = 80; // than on a terminal
-
-bool locale_is_utf8()
-{
-    for (const char *name : {"LC_ALL", "LC_CTYPE", "LANG"}) {
-        if (const char *locale = getenv(name); locale != nullptr && locale[0] != '\0') {
-            return strcasestr(locale, "UTF-8") != nullptr || strcasestr(locale, "UTF8") != nullptr;
-        }
-    }
-    return false;
-}
 
 // A character for each part of the time, by how much of it the host was on line.
 std::string bar_of(const std::vector<const Stay *> &stays, const History &history, int64_t from, int64_t to,
                    size_t columns)
 {
-    static constexpr std::array unicode = {" ", "▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
-    static constexpr std::array ascii = {" ", ".", ".", "-", "-", "=", "=", "=", "#"};
-    const auto &levels = locale_is_utf8() ? unicode : ascii;
+    static constexpr std::array levels = {" ", "▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
     std::string bar;
     for (size_t i = 0; i < columns; ++i) {
         const auto at = [&](size_t n) {
@@ -145,6 +137,13 @@ std::string bar_of(const std::vector<const Stay *> &stays, const History &histor
     return bar;
 }
 
+// Of the terminal; 80 elsewhere.
+size_t width_for_bars()
+{
+    winsize size{};
+    return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : 80;
+}
+
 void show_timeline(const HistoryCommand &command)
 {
     History history;
@@ -152,25 +151,21 @@ void show_timeline(const HistoryCommand &command)
     int64_t from = 0;
     const std::vector<Stay> stays = chosen_stays(command, history, from);
     const int64_t to = std::max(history.last_wall(), from + SECOND);
-
-    const std::vector<HostStays> hosts = stays_by_host(stays);
-    size_t label_width = 4;
-    for (const HostStays &host : hosts) {
-        label_width = std::max(label_width, columns_of(printable(host.label)));
-    }
-    label_width = std::min(label_width, WIDEST_LABEL);
-    const size_t width = terminal_width() == SIZE_MAX ? WIDTH_ELSEWHERE : terminal_width();
-    const size_t columns = std::max(NARROWEST_BAR, width - std::min(width, label_width + 3));
+    const size_t width = width_for_bars();
+    const size_t columns = std::max(NARROWEST_BAR, width - std::min(width, WIDEST_LABEL + 2));
 
     const std::string begin = time_text(from, to);
     const std::string end = time_text(to, to);
-    const Style style = style_for(STDOUT_FILENO);
-    printf("%s%s  %s%s%s\n", style.dim, fit("", label_width).c_str(),
-           fit(begin, columns - std::min(columns, end.size())).c_str(), end.c_str(), style.plain);
-    for (const HostStays &host : hosts) {
-        printf("%s  %s%s%s\n", fit(printable(host.label), label_width).c_str(), style.green,
-               bar_of(host.stays, history, from, to, columns).c_str(), style.plain);
+    const size_t gap = columns - std::min(columns - 1, begin.size() + end.size());
+    const std::string title = begin + std::string(gap, ' ') + end;
+    const Column shown[] = {{.title = "HOST", .member = nullptr},
+                            {.title = title.c_str(), .member = nullptr}};
+    std::vector<Row> rows;
+    for (const HostStays &host : stays_by_host(stays)) {
+        rows.push_back({.cells = {cut(printable(host.label), WIDEST_LABEL),
+                                  bar_of(host.stays, history, from, to, columns)}});
     }
+    print_rows("hosts", shown, std::move(rows), {});
 }
 
 } // namespace
@@ -239,7 +234,7 @@ void add_history_commands(CLI::App &app)
         shown->add_option("-d,--directory", command->directory, "where the journal lies")
             ->capture_default_str();
     }
-    history->add_flag("--json", command->json, "as a JSON array");
+    add_table_options(history, command->table, COLUMNS);
     history->footer("A stay without an end lasts. WHY is the event that brought its end about.\n"
                     "Durations go by the time since boot, whatever was done to the clock.");
     history->callback([command] { show_history(*command); });

@@ -8,23 +8,19 @@
 #include <cstring>
 #include <memory>
 
-#include <sys/sysinfo.h>
-
 #include "ovani/ovani_fd.h"
 #include "ovani/ovani_operator.h"
-#include "platform/qvdrv_pon_api.h"
-#include "platform/zk_sys_mgr.h"
 #include "tools/ctl_history.h"
+#include "tools/ctl_hosts.h"
+#include "tools/ctl_ports.h"
+#include "tools/doctor.h"
 #include "tools/objects.h"
 #include "tools/report.h"
 #include "tools/text.h"
 
 namespace {
 
-constexpr std::string_view DRIVER_PORTS = "InternetGatewayDevice.X_QV_Driver.LANPort.";
 constexpr std::string_view WAN_DEVICES = "InternetGatewayDevice.WANDevice.1.WANConnectionDevice.";
-
-constexpr int SSIDS = 8;
 
 struct ReportCommand {
     std::string file = "-";
@@ -66,69 +62,49 @@ std::vector<ReportConnection> read_connections(const WanProfile &profile)
 
 // --- Ports and hosts
 
-// "LAN1", "SSID 5", or nothing.
-std::string port_of(const StoreObject &host)
+ReportHost report_host(const Row &row)
 {
-    const std::string_view path = host.get("Layer2Interface");
-    const std::string port(host.get("Port"));
-    return path.find("LANEthernetInterfaceConfig.") != path.npos ? "LAN" + port
-           : path.find("WLANConfiguration.") != path.npos        ? "SSID " + port
-                                                                 : "";
+    const auto text = [&](HostCell cell) { return cell_text(row.cells[cell]); };
+    const Json &since = row.cells[HOST_SINCE];
+    return {.name = text(HOST_NAME),
+            .mac = text(HOST_MAC),
+            .address = text(HOST_ADDRESS),
+            .ipv6 = text(HOST_IPV6),
+            .type = text(HOST_TYPE),
+            .port = text(HOST_PORT),
+            .since = since.is_null() ? "" : format_duration(since.get<long>()),
+            .on_line = row.cells[HOST_ACTIVE] == true};
 }
 
-ReportHost read_host(const StoreObject &host)
+ReportPort report_port(const Row &row)
 {
-    struct sysinfo now {};
-    sysinfo(&now);
-    const bool active = host.get("Active") == "1";
-    const auto then =
-        parse_number(host.get(active ? "LatestActiveTime" : "LatestInactiveTime"), 0, now.uptime);
-    return {.name = std::string(host.get(host.get("HostAlias").empty() ? "HostName" : "HostAlias")),
-            .mac = std::string(host.get("MACAddress")),
-            .address = std::string(host.get("IPAddress")),
-            .ipv6 = std::string(host.get(host.get("IPv6Address").empty() ? "IPv6LLAddress" : "IPv6Address")),
-            .port = port_of(host),
-            .since = then ? format_duration(now.uptime - *then) : "",
-            .on_line = active};
-}
-
-std::vector<ReportBinding> read_bindings(int port)
-{
-    std::vector<ReportBinding> bindings;
-    for (const StoreObject &binding :
-         read_objects(std::string(DRIVER_PORTS) + std::to_string(port) + ".VLANBinding.")) {
-        bindings.push_back(
-            {.lan_vlan = binding.instance,
-             .wan_vlan = static_cast<int>(parse_number(binding.get("VLAN"), 0, 65535).value_or(0))});
+    ReportPort port = {.name = cell_text(row.cells[PORT_NAME]), .link = {}, .bindings = {}};
+    if (const Json &link = row.cells[PORT_LINK]; link.is_boolean()) {
+        port.link = link.get<bool>();
     }
-    return bindings;
+    for (const Json &binding : row.cells[PORT_BINDINGS]) {
+        const Json &vlan = binding["wan_vlan"];
+        port.bindings.push_back({binding["lan_vlan"].get<int>(), vlan.is_null() ? 0 : vlan.get<int>()});
+    }
+    return port;
 }
 
-std::optional<bool> link_of(int number)
+// Those that the drivers know, and where else a host is.
+std::vector<ReportPort> report_ports(const std::vector<ReportHost> &hosts)
 {
-    PON_ETH_PORT_LINK_STATUS_T status{.port_index = static_cast<uint32_t>(number)};
-    return qvdrv_pon_get_eth_port_link_status(&status) == 0 ? std::optional(status.link_up == 1)
-                                                            : std::nullopt;
-}
-
-// Every Ethernet port, and the SSIDs that are bound or have a host. The drivers number them behind the ports.
-std::vector<ReportPort> read_ports(const std::vector<ReportHost> &hosts)
-{
-    devinfo info{};
-    zk_sys_mgr_get_devinfo(&info);
-    const int ethernet_ports = static_cast<int>(info.port_num);
     std::vector<ReportPort> ports;
-    for (int number = 1; number <= ethernet_ports + SSIDS; ++number) {
-        const bool ethernet = number <= ethernet_ports;
-        ReportPort port = {.name = ethernet ? "LAN" + std::to_string(number)
-                                            : "SSID " + std::to_string(number - ethernet_ports),
-                           .link = ethernet ? link_of(number) : std::nullopt,
-                           .bindings = read_bindings(number)};
-        if (ethernet || !port.bindings.empty() ||
-            std::ranges::count(hosts, port.name, &ReportHost::port) > 0) {
-            ports.push_back(std::move(port));
+    for (const Row &row : port_rows()) {
+        ports.push_back(report_port(row));
+    }
+    for (const ReportHost &host : hosts) {
+        if (std::ranges::find(ports, host.port, &ReportPort::name) == ports.end()) {
+            ports.push_back({.name = host.port, .link = {}, .bindings = {}});
         }
     }
+    std::ranges::sort(ports, [](const ReportPort &a, const ReportPort &b) {
+        return a.name.empty() != b.name.empty() ? b.name.empty()
+                                                : strverscmp(a.name.c_str(), b.name.c_str()) < 0;
+    });
     return ports;
 }
 
@@ -157,17 +133,18 @@ Report read_gateway()
     report.title = std::string("Gateway of ") + profile.name;
     report.time = date_text();
     report.connections = read_connections(profile.wan);
-    for (const StoreObject &host : read_objects(HOSTS_PATH)) {
-        report.hosts.push_back(read_host(host));
+    for (const Row &row : host_rows()) {
+        report.hosts.push_back(report_host(row));
     }
-    report.ports = read_ports(report.hosts);
+    report.ports = report_ports(report.hosts);
     return report;
 }
 
-void write_report(const ReportCommand &command)
+void write_report(const ReportCommand &command, const char *socket)
 {
     Report report = read_gateway();
     if (!command.svg) {
+        report.findings = examine(socket);
         read_timeline(command, report);
     }
     const std::string text = command.svg ? report_picture(report) : report_page(report);
@@ -181,7 +158,7 @@ void write_report(const ReportCommand &command)
 
 } // namespace
 
-void add_report_command(CLI::App &app)
+void add_report_command(CLI::App &app, const CtlOptions &options)
 {
     auto command = std::make_shared<ReportCommand>();
     CLI::App *report = app.add_subcommand("report", "Write the gateway down as one page for a browser");
@@ -191,5 +168,6 @@ void add_report_command(CLI::App &app)
     report->add_option("--since", command->since, "a time line of only the last 90s, 15m, 2h or 3d");
     report->add_option("-d,--directory", command->directory, "where the journal lies")->capture_default_str();
     report->footer("The page asks the network for nothing and runs no script.");
-    report->callback([command] { write_report(*command); });
+    report->callback([command, &options] { write_report(*command, options.socket_or_null()); });
+    report->parse_complete_callback(require_store);
 }

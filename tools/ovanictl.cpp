@@ -38,7 +38,7 @@ try {
     add_events_command(app, options);
     add_emit_command(app, options);
     add_metrics_command(app, options);
-    add_report_command(app);
+    add_report_command(app, options);
     add_probe_command(app);
     add_sysmgr_command(app, options);
     // Who only looks makes no store.

@@ -32,6 +32,6 @@ void add_history_commands(CLI::App &app);
 void add_events_command(CLI::App &app, const CtlOptions &options);
 void add_emit_command(CLI::App &app, const CtlOptions &options);
 void add_metrics_command(CLI::App &app, const CtlOptions &options);
-void add_report_command(CLI::App &app);
+void add_report_command(CLI::App &app, const CtlOptions &options);
 void add_probe_command(CLI::App &app);
 void add_sysmgr_command(CLI::App &app, const CtlOptions &options);

@@ -46,8 +46,7 @@ std::string markup(std::string_view bytes)
 // The same of at most so many columns.
 std::string short_markup(std::string_view bytes, size_t columns)
 {
-    const std::string text = printable(bytes);
-    return markup(columns_of(text) <= columns ? text : fit(text, columns));
+    return markup(cut(printable(bytes), columns));
 }
 
 [[gnu::format(printf, 1, 2)]] std::string format(const char *format, ...)
@@ -223,7 +222,7 @@ void Picture::draw_port(const ReportPort &port, const std::vector<const ReportHo
     const int top = y_;
     const size_t at = boxes_.size();
     y_ += PADDING + 12;
-    text("strong", layout_.ports() + PADDING, y_, port.name, 100);
+    text("strong", layout_.ports() + PADDING, y_, port.name.empty() ? "elsewhere" : port.name, 100);
     std::string state = !port.link ? "" : *port.link ? "link up" : "no link";
     if (hosts.size() > MANY) {
         state = std::to_string(hosts.size()) + " hosts";
@@ -256,16 +255,12 @@ std::string Picture::draw()
     }
     const int connections_end = y_;
     y_ = top;
-    std::map<std::string, std::vector<const ReportHost *>> hosts; // by port, "" where that is none of these
+    std::map<std::string_view, std::vector<const ReportHost *>> hosts;
     for (const ReportHost &host : report_.hosts) {
-        const auto port = std::ranges::find(report_.ports, host.port, &ReportPort::name);
-        hosts[port != report_.ports.end() ? port->name : ""].push_back(&host);
+        hosts[host.port].push_back(&host);
     }
     for (const ReportPort &port : report_.ports) {
         draw_port(port, hosts[port.name]);
-    }
-    if (!hosts[""].empty()) {
-        draw_port({.name = "elsewhere", .link = {}, .bindings = {}}, hosts[""]);
     }
     const int height = std::max({connections_end, y_, top + GAP + 40}) - GAP + 1;
     const int bar = 16;
@@ -276,7 +271,7 @@ std::string Picture::draw()
                   "\n<text class=\"dim\" transform=\"translate(%d %d) rotate(-90)\">gateway"
                   "</text>\n",
                   layout_.gateway() - bar / 2, top, bar, height - 2 * top, layout_.gateway() + 4,
-                  height / 2) +
+                  height - 10) +
            lines_ + boxes_ + "</svg>\n";
 }
 
@@ -312,11 +307,12 @@ h1 { font-size: 22px; margin: 0; } h2 { font-size: 16px; margin: 32px 0 10px; } 
 .dim, small { color: var(--dim); } small { display: block; font-size: 12px; }
 .bad { color: var(--bad); } .warn { color: var(--warn); } .good { color: var(--up); }
 svg { display: block; width: 100%; height: auto; } svg.narrow { display: none; }
-ul { list-style: none; margin: 0; padding: 0; } li { padding: 3px 0; } li b { display: inline-block; min-width: 5em; }
+ul { list-style: none; margin: 0; padding: 0; } li { padding: 3px 0; display: grid; grid-template-columns: 4.8em 1fr; }
 table { border-collapse: collapse; width: 100%; } th { text-align: left; font-weight: 600; color: var(--dim); }
 th, td { padding: 5px 12px 5px 0; border-bottom: 1px solid var(--line); vertical-align: top; }
 th:last-child, td:last-child { padding-right: 0; }
-.state, small { overflow-wrap: anywhere; } td, th { white-space: nowrap; } .state, small { white-space: normal; }
+.state, small { overflow-wrap: anywhere; } td, th { white-space: nowrap; }
+.state, small, td:nth-child(3) { white-space: normal; }
 .gone td { color: var(--dim); } .state::before { content: "●"; margin-right: 6px; color: var(--up); }
 .gone .state::before { content: "○"; color: var(--gone); }
 .bars { display: grid; grid-template-columns: minmax(90px, 22%) 1fr; gap: 3px 12px; align-items: center; }
@@ -347,13 +343,12 @@ std::string summary(const Report &report)
 
 std::string findings(const Report &report)
 {
+    static constexpr const char *colours[] = {"good", "warn", "bad"};
     std::string out = "<ul>\n";
-    for (const ReportFinding &finding : report.findings) {
-        const char *colour = finding.severity == "fault"     ? "bad"
-                             : finding.severity == "warning" ? "warn"
-                                                             : "good";
-        out += format("<li><b class=\"%s\">%s</b> %s: %s</li>\n", colour, markup(finding.severity).c_str(),
-                      markup(finding.subject).c_str(), markup(finding.text).c_str());
+    for (const Finding &finding : report.findings) {
+        out +=
+            format("<li><b class=\"%s\">%s</b> %s: %s</li>\n", colours[static_cast<size_t>(finding.severity)],
+                   severity_word(finding.severity), finding.subject, markup(finding.text).c_str());
     }
     return out + "</ul>\n";
 }
@@ -364,12 +359,13 @@ std::string host_table(const Report &report)
         "<table>\n<thead><tr><th>Host</th><th>Address</th><th>Port</th><th>Since</th></tr></thead>\n"
         "<tbody>\n";
     for (const ReportHost &host : report.hosts) {
-        const std::string mac = host.name.empty() ? "" : "<small>" + markup(host.mac) + "</small>";
+        const std::string mac = host.name.empty() ? "" : markup(host.mac) + " ";
         out += format(
-            "<tr%s><td class=\"state\">%s%s</td><td>%s<small>%s</small></td><td>%s</td><td>%s</td></tr>\n",
+            "<tr%s><td class=\"state\">%s<small>%s%s</small></td><td>%s<small>%s</small></td><td>%s</td>"
+            "<td>%s</td></tr>\n",
             host.on_line ? "" : " class=\"gone\"", markup(host.name.empty() ? host.mac : host.name).c_str(),
-            mac.c_str(), markup(host.address).c_str(), markup(host.ipv6).c_str(), markup(host.port).c_str(),
-            markup(host.since).c_str());
+            mac.c_str(), markup(host.type).c_str(), markup(host.address).c_str(), markup(host.ipv6).c_str(),
+            markup(host.port).c_str(), markup(host.since).c_str());
     }
     return out + "</tbody>\n</table>\n";
 }
@@ -435,9 +431,7 @@ std::string report_page(const Report &report)
                       "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n<title>" +
                       markup(report.title) + "</title>\n<style>" + PICTURE_STYLE + PAGE_STYLE +
                       "</style>\n</head>\n<body>\n" + summary(report);
-    if (!report.findings.empty()) {
-        out += section("Findings", findings(report));
-    }
+    out += section("Findings", findings(report));
     out += section("Connections, ports and hosts",
                    Picture(report, WIDE).draw() + Picture(report, NARROW).draw() + LEGEND);
     out += section("Hosts", host_table(report));

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/doctor.h"
 #include "tools/history.h"
 
 struct ReportConnection {
@@ -33,15 +34,10 @@ struct ReportHost {
     std::string mac;
     std::string address;
     std::string ipv6;
+    std::string type;
     std::string port; // a ReportPort's name
     std::string since;
     bool on_line = false;
-};
-
-struct ReportFinding {
-    std::string severity; // "sound", "warning" or "fault"
-    std::string subject;
-    std::string text;
 };
 
 struct Report {
@@ -50,7 +46,7 @@ struct Report {
     std::vector<ReportConnection> connections;
     std::vector<ReportPort> ports;
     std::vector<ReportHost> hosts;
-    std::vector<ReportFinding> findings;
+    std::vector<Finding> findings;
     History history;
     std::vector<Stay> stays;
     int64_t since = 0;       // of the time line, on the wall clock
