@@ -1,6 +1,6 @@
 #!/bin/bash
 # A living gateway on this workstation: builds ovani, raises a simulated gateway, connects devices by cable and Wi-Fi
-# and shows them live until Ctrl-C. Nothing is left behind.
+# and shows them live until Ctrl-C. Nothing is left behind but a page that tells how it was.
 set -euo pipefail
 
 usage() {
@@ -14,6 +14,8 @@ usage: ./run.sh [OPTION]...
   --patience SECS   how long --once waits for a device to become what it should be (30)
   --build DIR       use the programs built there instead of building
   -h, --help        this text
+
+At the end it writes the gateway down as a page for a browser, gateway-OPERATOR.html where the programs are built.
 
 Needs root, for namespaces and for installing what is missing (Debian 12).
 USAGE
@@ -220,10 +222,18 @@ check() {
     say "who left is retired, the others are as they were"
 }
 
+# Its hosts, and when each was there.
+report() {
+    local page=$build/gateway-$operator.html
+    tools/gateway exec ovanictl report >"$page"
+    say "how it was: $(realpath "$page")"
+}
+
 say "raising the gateway"
 tools/gateway up --build "$build" --operator "$operator" --owner $$
 if $once; then
     check || { say "not as it should be" >&2 && exit 1; }
+    report
 else
     note="Ctrl-C takes the gateway down. From another terminal: tools/gateway unplug phone, tools/gateway --help"
     [[ $OVANI_GATEWAY == /run/ovani-gateway ]] || note+=" (export OVANI_GATEWAY=$OVANI_GATEWAY first)"
@@ -239,5 +249,6 @@ else
     while kill -0 $viewer 2>/dev/null; do
         wait $viewer || true
     done
+    report
     echo "The gateway is taken down."
 fi
