@@ -28,6 +28,7 @@ constexpr int REFRESH_MS = 1000; // durations tick, and a change that nobody ann
 constexpr int CHANGE_MS = 50;    // gathers the announcements of one burst
 constexpr int HEALTH_MS = 3000;  // between looks: while somebody does not answer, each takes a second
 constexpr size_t EVENTS_KEPT = 1000;
+constexpr size_t FOLDED_AMONG = 16; // the latest, where what repeats becomes one
 constexpr size_t LONGEST_FILTER = 64;
 constexpr int ROWS_FOR_NOTE = 16; // a smaller screen has none to spare
 
@@ -151,6 +152,10 @@ struct Happening {
     std::string line;
     int instance = 0; // of the host it is about, where it names one
     std::string host; // what people call that
+    std::string time;
+    unsigned times = 1;
+
+    bool operator==(const Happening &other) const { return line == other.line && instance == other.instance; }
 };
 
 class Top {
@@ -251,7 +256,13 @@ void Top::add_event(const char *name, blob_attr *msg)
 
 void Top::add_happening(Happening happening)
 {
-    happening.line = clock_text() + "  " + happening.line;
+    const auto latest = events_.end() - static_cast<long>(std::min(events_.size(), FOLDED_AMONG));
+    const auto same = std::find(latest, events_.end(), happening);
+    if (same != events_.end()) {
+        happening.times += same->times;
+        events_.erase(same);
+    }
+    happening.time = clock_text();
     events_.push_back(std::move(happening));
     if (events_.size() > EVENTS_KEPT) {
         events_.pop_front();
@@ -287,6 +298,7 @@ void Top::read_store()
 {
     const std::vector<Row> before = hosts_;
     try {
+        require_store();
         hosts_ = host_rows();
         ports_ = port_rows();
         store_fault_.clear();
@@ -439,8 +451,12 @@ Content Top::events_content() const
 {
     Content content{"EVENTS", "", {}};
     for (const Happening &happening : events_) {
-        std::string line = happening.line;
-        if (happening.instance != 0) {
+        std::string line = happening.time;
+        if (happening.times > 1) {
+            line += " ×" + std::to_string(happening.times);
+        }
+        line += "  " + happening.line;
+        if (!happening.host.empty()) {
             line += "  " + printable(happening.host);
         }
         if (filter_.empty() || contains(line, filter_)) {
