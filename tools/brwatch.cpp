@@ -302,7 +302,7 @@ void BridgeWatcher::bus_event(std::string_view event, blob_attr *msg)
 // Whoever has the name and says nothing is not waited for: a daemon that answers later is told everything.
 void BridgeWatcher::probe_daemon()
 {
-    if (probing_ && !ignored_) {
+    if (probe_.complete_cb != nullptr && !ignored_) {
         fprintf(stderr, "the daemon does not answer, announcing all the same\n");
         ignored_ = true;
         look_timer_.set(0);

@@ -134,6 +134,7 @@ class Watching(GatewayTest):
                 for event in (("109", "learned", mac(2), "eth1"), ("110", "added", mac(2), "192.168.1.12"),
                               ("106", "up", 2, 2), ("111", "joined", mac(3), None)):
                     self.assertEqual(told.count(event), 1, event)
+                self.assertNotIn("does not answer", gw.log("watcher"))
                 gw("kill", "daemon")
                 self.assertEqual(self.settled(recorder), [])
                 gw("roam", "station", wifi)
