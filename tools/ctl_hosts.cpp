@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <iterator>
-#include <memory>
 #include <string_view>
 
 #include <sys/sysinfo.h>
@@ -103,12 +102,9 @@ std::string host_name(const StoreObject &host)
 
 void add_hosts_command(CLI::App &app)
 {
-    auto options = std::make_shared<TableOptions>();
-    CLI::App *hosts = app.add_subcommand("hosts", "Show the LAN hosts");
-    hosts->footer(
-        "HOST is the instance number of the host's object. SINCE counts from when the host came or, if\n"
-        "it is no longer active, from when it went. A narrow terminal shows fewer columns, unless -o\n"
-        "names them; --json brings all parameters as well.");
-    add_table_options(hosts, *options, COLUMNS);
-    hosts->callback([options] { print_rows("hosts", COLUMNS, host_rows(), *options); });
+    add_table_command(app, "hosts", "Show the LAN hosts", COLUMNS, host_rows)
+        ->footer(
+            "HOST is the instance number of the host's object. SINCE counts from when the host came or, if\n"
+            "it is no longer active, from when it went. A narrow terminal shows fewer columns, unless -o\n"
+            "names them; --json brings all parameters as well.");
 }

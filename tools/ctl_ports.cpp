@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <fstream>
 #include <map>
-#include <memory>
 
 #include <net/if.h>
 
@@ -237,18 +236,13 @@ std::string ssid_name(int instance)
 
 void add_port_commands(CLI::App &app)
 {
-    auto options = std::make_shared<TableOptions>();
-    CLI::App *ports = app.add_subcommand("ports", "Show the LAN ports and where their VLANs go");
-    ports->footer(
-        "LINK, SPEED (in Mbit/s) and DUPLEX are what the interface says. The rest is what the drivers were\n"
-        "last asked: ASKED is \"auto\" or a speed and duplex, MACS how many the port learns at most, WAN\n"
-        "where a LAN VLAN goes. - stands for what is unknown or was never asked.");
-    add_table_options(ports, *options, PORT_COLUMNS);
-    ports->callback([options] { print_rows("ports", PORT_COLUMNS, port_rows(), *options); });
-
-    CLI::App *limits = app.add_subcommand("limits", "Show the devices' bandwidth ceilings and totals");
-    limits->footer(
-        "In the driver's own unit; - where none was set. HOST is the instance number of the host's object.");
-    add_table_options(limits, *options, LIMIT_COLUMNS);
-    limits->callback([options] { print_rows("limits", LIMIT_COLUMNS, limit_rows(), *options); });
+    add_table_command(app, "ports", "Show the LAN ports and where their VLANs go", PORT_COLUMNS, port_rows)
+        ->footer("LINK, SPEED (in Mbit/s) and DUPLEX are what the interface says. The rest is what the\n"
+                 "drivers were last asked: ASKED is \"auto\" or a speed and duplex, MACS how many the\n"
+                 "port learns at most, WAN where a LAN VLAN goes. - stands for what is unknown or was\n"
+                 "never asked.");
+    add_table_command(app, "limits", "Show the devices' bandwidth ceilings and totals", LIMIT_COLUMNS,
+                      limit_rows)
+        ->footer("In the driver's own unit; - where none was set. HOST is the instance number of the\n"
+                 "host's object.");
 }

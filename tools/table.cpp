@@ -100,25 +100,22 @@ void fit(libscols_table *table, std::vector<Shown> shown, size_t width)
 // Those of these titles, in their order.
 void choose(std::vector<Column> &columns, std::vector<Row> &rows, const std::vector<std::string> &titles)
 {
-    std::vector<size_t> chosen;
+    std::vector<Column> chosen;
+    chosen.reserve(titles.size());
+    std::vector<std::vector<Json>> cells(rows.size());
     for (const std::string &title : titles) {
         const auto found = std::ranges::find_if(
             columns, [&](const Column &column) { return column.title != nullptr && column.title == title; });
-        chosen.push_back(static_cast<size_t>(found - columns.begin()));
-    }
-    std::vector<Column> chosen_columns;
-    for (const size_t i : chosen) {
-        chosen_columns.push_back(columns[i]);
-        chosen_columns.back().leaves = 0;
-    }
-    for (Row &row : rows) {
-        std::vector<Json> cells;
-        for (const size_t i : chosen) {
-            cells.push_back(row.cells[i]);
+        chosen.push_back(*found);
+        chosen.back().leaves = 0;
+        for (size_t i = 0; i < rows.size(); ++i) {
+            cells[i].push_back(rows[i].cells[static_cast<size_t>(found - columns.begin())]);
         }
-        row.cells = std::move(cells);
     }
-    columns = std::move(chosen_columns);
+    for (size_t i = 0; i < rows.size(); ++i) {
+        rows[i].cells = std::move(cells[i]);
+    }
+    columns = std::move(chosen);
 }
 
 Json row_json(std::span<const Column> columns, const Row &row)
@@ -238,4 +235,14 @@ void print_rows(const char *what, std::span<const Column> columns, std::vector<R
     const bool known = on_terminal && ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
     const size_t width = known ? size.ws_col : SIZE_MAX;
     print_lines(table_lines(shown, rows, width), on_terminal, width);
+}
+
+CLI::App *add_table_command(CLI::App &app, const char *what, const char *description,
+                            std::span<const Column> columns, std::vector<Row> (*rows)())
+{
+    auto options = std::make_shared<TableOptions>();
+    CLI::App *command = app.add_subcommand(what, description);
+    add_table_options(command, *options, columns);
+    command->callback([=] { print_rows(what, columns, rows(), *options); });
+    return command;
 }

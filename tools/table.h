@@ -51,3 +51,7 @@ void add_table_options(CLI::App *command, TableOptions &options, std::span<const
 // in JSON, and said where there are none.
 void print_rows(const char *what, std::span<const Column> columns, std::vector<Row> rows,
                 const TableOptions &options);
+
+// The command `what`, which prints these rows, with those options.
+CLI::App *add_table_command(CLI::App &app, const char *what, const char *description,
+                            std::span<const Column> columns, std::vector<Row> (*rows)());
