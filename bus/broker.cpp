@@ -52,7 +52,7 @@ const Broker::Handler Broker::HANDLERS[__UBUS_MSG_LAST] = {
     &Broker::not_supported, // SUBSCRIBE
     &Broker::not_supported, // UNSUBSCRIBE
     &Broker::not_supported, // NOTIFY
-    &Broker::not_supported, // MONITOR
+    nullptr,                // MONITOR
 };
 
 void Broker::handle(Client &c, const Received &m)
@@ -287,6 +287,9 @@ int Broker::invoke(Client &c, const Received &m)
     if (id == UBUS_SYSTEM_OBJECT_EVENT) {
         return invoke_event_object(c, method, m[UBUS_ATTR_DATA]);
     }
+    if (id == UBUS_SYSTEM_OBJECT_MONITOR) {
+        return invoke_monitor_object(c, method);
+    }
     Object *object = find_object(id);
     if (object == nullptr) {
         return UBUS_STATUS_NOT_FOUND;
@@ -341,6 +344,24 @@ int Broker::pass_reply(Client &c, const Received &m)
     }
     send(*caller, m.hdr.type, m.hdr.seq, object->id, m.blob);
     return NO_REPLY;
+}
+
+// --- monitors
+
+int Broker::invoke_monitor_object(Client &c, std::string_view method)
+{
+    if (!c.root) {
+        return UBUS_STATUS_PERMISSION_DENIED;
+    }
+    if (method != "add" && method != "remove") {
+        return UBUS_STATUS_METHOD_NOT_FOUND;
+    }
+    std::erase(monitors_, &c);
+    if (method == "add") {
+        c.shown = 0;
+        monitors_.push_back(&c);
+    }
+    return UBUS_STATUS_OK;
 }
 
 // --- events

@@ -8,7 +8,7 @@
  * most; beyond that events to it are dropped, later calls and answers too, and standard error tells when that
  * begins, and how many they were once it has read all or has left. A call that is dropped is answered with
  * UBUS_STATUS_NO_DATA; who loses an answer waits until its time is up. A list of objects is sent as its
- * reader reads, and so arrives whole, whatever its length.
+ * reader reads, and so arrives whole, whatever its length. What monitors are shown counts as events.
  *
  * Whoever may open the socket may do everything; the socket is its owner's alone.
  */

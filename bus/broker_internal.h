@@ -80,6 +80,7 @@ struct Client : uloop_fd {
     pid_t pid;
     const std::string *user; // null: not known to the system
     const std::string *group;
+    bool root;
 
     Bytes input;    // the beginning of a message
     Bytes output;   // messages that the socket did not take yet
@@ -90,6 +91,7 @@ struct Client : uloop_fd {
     size_t registered; // bytes, objects and patterns
     size_t held;       // bytes, all that is kept for it
     bool doomed;       // to be removed once no one looks at it any more
+    uint16_t shown;    // messages that it was sent, or should have been, as a monitor
 
     size_t queued() const { return output.size() - sent; }
 };
@@ -146,6 +148,7 @@ private:
     bool send(Client &to, int type, uint16_t seq, uint32_t peer, const blob_attr *blob);
     void flush(Client &c);
     void give_up_sending(Client &c);
+    void show(const Client &c, const ubus_msghdr &hdr, const blob_attr *blob, bool sent);
 
     // broker.cpp: the register and the messages. A handler gives the status to answer with, or NO_REPLY.
     void handle(Client &c, const Received &m);
@@ -168,6 +171,7 @@ private:
     void show_object(Client &c, const ubus_msghdr &request, const Object &object);
     void go_on_with_lookups(Client &c);
 
+    int invoke_monitor_object(Client &c, std::string_view method);
     int invoke_event_object(Client &c, std::string_view method, blob_attr *data);
     int add_pattern(Client &c, blob_attr *data);
     void drop_patterns(Object &object);
@@ -194,6 +198,8 @@ private:
     uint32_t event_ = 0;     // number of the current event, so that an object receives it once
     uint16_t event_seq_ = 0; // of the last message that carried one
     blob_buf out_ = {};      // the message under construction
+    blob_buf shown_ = {};    // and the one that shows another to the monitors
+    std::vector<Client *> monitors_;
 };
 
 } // namespace bus

@@ -125,6 +125,7 @@ Broker::~Broker()
     }
     settle();
     blob_buf_free(&out_);
+    blob_buf_free(&shown_);
 }
 
 void Broker::listen_again()
@@ -171,6 +172,7 @@ void Broker::add_client(int fd)
         c.pid = who.pid;
         c.user = name_of(users_, who.uid, find_user);
         c.group = name_of(groups_, who.gid, find_group);
+        c.root = who.uid == 0 && who.gid == 0;
     }
 
     clients_.emplace(c.id, std::move(client));
@@ -211,6 +213,7 @@ void Broker::remove_client(Client &c)
     const auto it = clients_.find(c.id);
     const std::unique_ptr<Client> owner = std::move(it->second);
     clients_.erase(it);
+    std::erase(monitors_, &c);
     uloop_fd_delete(&c);
     close(c.fd);
     tell_of_drops(c);
@@ -289,6 +292,7 @@ size_t Broker::consume(Client &c, std::span<uint8_t> input)
             break;
         }
         blob_parse_untrusted(m.blob, len, m.attr, MESSAGE_POLICY, UBUS_ATTR_MAX);
+        show(c, m.hdr, m.blob, false);
         handle(c, m);
         used += sizeof(m.hdr) + len;
     }
@@ -299,6 +303,9 @@ bool Broker::send(Client &to, int type, uint16_t seq, uint32_t peer, const blob_
 {
     if (to.doomed) {
         return false;
+    }
+    if (type != UBUS_MSG_MONITOR) {
+        show(to, {0, static_cast<uint8_t>(type), seq, peer}, blob, true);
     }
     const ubus_msghdr hdr = {0, static_cast<uint8_t>(type), cpu_to_be16(seq), cpu_to_be32(peer)};
     iovec parts[] = {{const_cast<ubus_msghdr *>(&hdr), sizeof(hdr)},
@@ -317,7 +324,7 @@ bool Broker::send(Client &to, int type, uint16_t seq, uint32_t peer, const blob_
         }
     }
 
-    const bool event = type == UBUS_MSG_INVOKE && peer == 0;
+    const bool event = (type == UBUS_MSG_INVOKE && peer == 0) || type == UBUS_MSG_MONITOR;
     if (to.queued() + size > (event ? MAX_QUEUED_EVENTS : MAX_QUEUED)) {
         if (to.dropped++ == 0) {
             fprintf(stderr, "ubusd: client %08x (process %d) does not keep up, dropping messages\n", to.id,
@@ -365,6 +372,29 @@ void Broker::give_up_sending(Client &c)
     c.sent = 0;
     account(c);
     watch(c);
+}
+
+// Shows a message from or to a client to the monitors. One too long to be shown is a gap in their numbers.
+void Broker::show(const Client &c, const ubus_msghdr &hdr, const blob_attr *blob, bool sent)
+{
+    if (monitors_.empty()) {
+        return;
+    }
+    blob_buf_init(&shown_, 0);
+    blob_put_u32(&shown_, UBUS_MONITOR_CLIENT, c.id);
+    blob_put_u32(&shown_, UBUS_MONITOR_PEER, hdr.peer);
+    blob_put_u32(&shown_, UBUS_MONITOR_SEQ, hdr.seq);
+    blob_put_u32(&shown_, UBUS_MONITOR_TYPE, hdr.type);
+    blob_put_u8(&shown_, UBUS_MONITOR_SEND, sent ? 1 : 0);
+    const blob_attr *data =
+        blob_put(&shown_, UBUS_MONITOR_DATA, blob_data(blob), static_cast<unsigned>(blob_len(blob)));
+    const bool fits = data != nullptr && blob_raw_len(shown_.head) <= UBUS_MAX_MSGLEN;
+    for (Client *monitor : monitors_) {
+        ++monitor->shown;
+        if (fits) {
+            send(*monitor, UBUS_MSG_MONITOR, monitor->shown, 0, shown_.head);
+        }
+    }
 }
 
 } // namespace bus

@@ -10,6 +10,8 @@ namespace bus {
 
 namespace {
 
+constexpr int MONITOR_TIMEOUT_MS = 1000;
+
 constexpr const char *STATUS_TEXT[__UBUS_STATUS_LAST] = {
     "Success",
     "Invalid command",
@@ -546,4 +548,15 @@ int ubus_register_event_handler(ubus_context *ctx, ubus_event_handler *ev, const
         }
     }
     return register_pattern(ctx, obj->id, pattern);
+}
+
+int ubus_monitor_start(ubus_context *ctx)
+{
+    return ubus_invoke(ctx, UBUS_SYSTEM_OBJECT_MONITOR, "add", nullptr, nullptr, nullptr, MONITOR_TIMEOUT_MS);
+}
+
+int ubus_monitor_stop(ubus_context *ctx)
+{
+    return ubus_invoke(ctx, UBUS_SYSTEM_OBJECT_MONITOR, "remove", nullptr, nullptr, nullptr,
+                       MONITOR_TIMEOUT_MS);
 }

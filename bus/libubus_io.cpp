@@ -151,6 +151,12 @@ void dispatch(ubus_context *ctx, ubus_message *msg)
             uloop_timeout_set(&ctx->pending_timer, 0);
         }
         break;
+    case UBUS_MSG_MONITOR:
+        if (ctx->monitor_cb != nullptr) {
+            ctx->monitor_cb(ctx, msg->hdr.seq, &msg->blob);
+        }
+        free(msg);
+        break;
     default:
         free(msg);
         break;

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <getopt.h>
+#include <string_view>
 #include <unistd.h>
 
 #include <libubox/blobmsg_json.h>
@@ -21,6 +22,8 @@ struct Options {
     int timeout = 0; // seconds; 0: not given
     bool simple = false;
     bool verbose = false;
+    uint32_t types = 0;    // of messages to show, a bit each; 0: all
+    char direction = '\0'; // 'r' received by the broker, 't' sent; else both
 };
 Options options;
 
@@ -254,13 +257,120 @@ int wait_for_objects(ubus_context *ctx, int argc, char **argv)
     return ctx->sock.eof ? UBUS_STATUS_CONNECTION_FAILED : UBUS_STATUS_TIMEOUT;
 }
 
+constexpr const char *MESSAGE_TYPES[] = {"hello",     "status",      "data",       "ping",
+                                         "lookup",    "invoke",      "add_object", "remove_object",
+                                         "subscribe", "unsubscribe", "notify"};
+
+// The members of a message that are printed: those of each type under their names, in the order of their ids.
+struct Shown {
+    ubus_msg_attr id;
+    const char *name;
+    unsigned type;
+};
+constexpr Shown SHOWN[] = {
+    {UBUS_ATTR_STATUS, "status", BLOB_ATTR_INT32},    {UBUS_ATTR_OBJPATH, "objpath", BLOB_ATTR_STRING},
+    {UBUS_ATTR_OBJID, "objid", BLOB_ATTR_INT32},      {UBUS_ATTR_METHOD, "method", BLOB_ATTR_STRING},
+    {UBUS_ATTR_OBJTYPE, "objtype", BLOB_ATTR_INT32},  {UBUS_ATTR_SIGNATURE, "signature", BLOB_ATTR_NESTED},
+    {UBUS_ATTR_DATA, "data", BLOB_ATTR_NESTED},       {UBUS_ATTR_ACTIVE, "active", BLOB_ATTR_INT8},
+    {UBUS_ATTR_NO_REPLY, "no_reply", BLOB_ATTR_INT8}, {UBUS_ATTR_USER, "user", BLOB_ATTR_STRING},
+    {UBUS_ATTR_GROUP, "group", BLOB_ATTR_STRING},
+};
+
+// The members of a message as one JSON object, for free().
+char *format_members(blob_attr *members)
+{
+    blob_attr_info policy[UBUS_ATTR_MAX] = {};
+    for (const Shown &shown : SHOWN) {
+        policy[shown.id].type = shown.type;
+    }
+    blob_attr *attr[UBUS_ATTR_MAX];
+    blob_parse_untrusted(members, blob_raw_len(members), attr, policy, UBUS_ATTR_MAX);
+
+    Message message;
+    for (const auto &[id, name, type] : SHOWN) {
+        const blob_attr *member = attr[id];
+        if (member == nullptr) {
+            continue;
+        }
+        switch (type) {
+        case BLOB_ATTR_INT32:
+            blobmsg_add_u32(&message.buf, name, blob_get_u32(member));
+            break;
+        case BLOB_ATTR_STRING:
+            blobmsg_add_string(&message.buf, name, blob_get_string(member));
+            break;
+        case BLOB_ATTR_INT8:
+            blobmsg_add_u8(&message.buf, name, blob_get_u8(member) != 0 ? 1 : 0);
+            break;
+        default:
+            blobmsg_add_field(&message.buf, BLOBMSG_TYPE_TABLE, name, blob_data(member),
+                              static_cast<unsigned>(blob_len(member)));
+        }
+    }
+    return blobmsg_format_json(message.buf.head, true);
+}
+
+void print_message(ubus_context * /*ctx*/, uint32_t /*seq*/, blob_attr *msg)
+{
+    blob_attr_info policy[UBUS_MONITOR_MAX] = {};
+    for (const ubus_monitor_attr id : {UBUS_MONITOR_CLIENT, UBUS_MONITOR_PEER, UBUS_MONITOR_TYPE}) {
+        policy[id].type = BLOB_ATTR_INT32;
+    }
+    policy[UBUS_MONITOR_SEND].type = BLOB_ATTR_INT8;
+    policy[UBUS_MONITOR_DATA].type = BLOB_ATTR_NESTED;
+    blob_attr *attr[UBUS_MONITOR_MAX];
+    blob_parse_untrusted(msg, blob_raw_len(msg), attr, policy, UBUS_MONITOR_MAX);
+    for (int id = 0; id < UBUS_MONITOR_MAX; ++id) {
+        if (attr[id] == nullptr && id != UBUS_MONITOR_SEQ) {
+            printf("Invalid monitor msg\n");
+            return;
+        }
+    }
+
+    const uint32_t type = blob_get_u32(attr[UBUS_MONITOR_TYPE]);
+    const bool sent = blob_get_u8(attr[UBUS_MONITOR_SEND]) != 0;
+    const bool wanted = options.types == 0 || type >= 32 || (options.types & (1U << type)) != 0;
+    if (!wanted || options.direction == (sent ? 'r' : 't')) {
+        return;
+    }
+    char number[16];
+    snprintf(number, sizeof(number), "%u", type);
+    printf("%s %08x #%08x %14s: ", sent ? "->" : "<-", blob_get_u32(attr[UBUS_MONITOR_CLIENT]),
+           blob_get_u32(attr[UBUS_MONITOR_PEER]),
+           type < ARRAY_SIZE(MESSAGE_TYPES) ? MESSAGE_TYPES[type] : number);
+    print_json("", format_members(attr[UBUS_MONITOR_DATA]), "");
+    if (fflush(stdout) != 0) {
+        uloop_end();
+    }
+}
+
+int monitor(ubus_context *ctx, int argc, char ** /*argv*/)
+{
+    if (argc > 0) {
+        return USAGE_ERROR;
+    }
+    ubus_add_uloop(ctx);
+    ctx->monitor_cb = print_message;
+    const int status = ubus_monitor_start(ctx);
+    if (status != UBUS_STATUS_OK) {
+        return status;
+    }
+    const EndTimer timer(options.timeout);
+    uloop_run();
+    if (ctx->sock.eof) {
+        return UBUS_STATUS_CONNECTION_FAILED;
+    }
+    ubus_monitor_stop(ctx);
+    return UBUS_STATUS_OK;
+}
+
 struct Command {
     const char *name;
     int (*run)(ubus_context *ctx, int argc, char **argv);
 };
 constexpr Command COMMANDS[] = {
     {"list", list_objects}, {"call", call_method},          {"listen", print_events},
-    {"send", send_event},   {"wait_for", wait_for_objects},
+    {"send", send_event},   {"wait_for", wait_for_objects}, {"monitor", monitor},
 };
 
 int usage(const char *program, FILE *out = stderr)
@@ -271,9 +381,11 @@ int usage(const char *program, FILE *out = stderr)
             "\n"
             "Options:\n"
             " -s <socket>    Connect to this socket instead of " UBUS_UNIX_SOCKET "\n"
-            " -t <seconds>   How long a call, listen or wait_for may take (call, wait_for: 30)\n"
+            " -t <seconds>   How long a command may take (call, wait_for: 30)\n"
             " -S             Simplified output, for scripts\n"
             " -v             More verbose output\n"
+            " -m <type>      monitor: messages of this type, and others given so\n"
+            " -M r|t         monitor: only those that the broker receives, or transmits\n"
             " -h, --help     Print this\n"
             " -V, --version  Print the version\n"
             "\n"
@@ -283,6 +395,7 @@ int usage(const char *program, FILE *out = stderr)
             " listen [<pattern>...]            Print events as they come\n"
             " send <type> [<message>]          Send an event\n"
             " wait_for <object> [<object>...]  Wait until these objects are there\n"
+            " monitor                          Print all that goes over the bus\n"
             "\n"
             "A message is a JSON object. A path or pattern may end with '*'.\n",
             program);
@@ -305,10 +418,21 @@ constexpr option LONG_OPTIONS[] = {{"help", no_argument, nullptr, 'h'},
                                    {"version", no_argument, nullptr, 'V'},
                                    {}};
 
+bool add_type(std::string_view name)
+{
+    for (size_t type = 0; type < ARRAY_SIZE(MESSAGE_TYPES); ++type) {
+        if (name == MESSAGE_TYPES[type]) {
+            options.types |= 1U << type;
+            return true;
+        }
+    }
+    return false;
+}
+
 bool parse_options(int argc, char **argv)
 {
     int option = 0;
-    while ((option = getopt_long(argc, argv, "s:t:SvhV", LONG_OPTIONS, nullptr)) != -1) {
+    while ((option = getopt_long(argc, argv, "s:t:Svm:M:hV", LONG_OPTIONS, nullptr)) != -1) {
         switch (option) {
         case 'h':
             exit(usage(argv[0], stdout));
@@ -328,6 +452,17 @@ bool parse_options(int argc, char **argv)
             break;
         case 'v':
             options.verbose = true;
+            break;
+        case 'm':
+            if (!add_type(optarg)) {
+                return false;
+            }
+            break;
+        case 'M':
+            options.direction = optarg[0];
+            if (options.direction != 'r' && options.direction != 't') {
+                return false;
+            }
             break;
         default:
             return false;

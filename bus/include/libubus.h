@@ -112,6 +112,10 @@ struct ubus_context {
      * loop that the connection was in. */
     void (*connection_lost)(struct ubus_context *ctx);
 
+    /* Called for each message shown after ubus_monitor_start, even while a call waits for its reply: `data`
+     * holds the members of enum ubus_monitor_attr, unchecked. */
+    void (*monitor_cb)(struct ubus_context *ctx, uint32_t seq, struct blob_attr *data);
+
     /* the library's own */
     struct list_head requests;
     struct list_head objects;
@@ -260,6 +264,10 @@ static inline int ubus_unregister_event_handler(struct ubus_context *ctx, struct
 {
     return ubus_remove_object(ctx, &ev->obj);
 }
+
+/* Has the broker show this client every message from now on, or no more. Root's alone. */
+int ubus_monitor_start(struct ubus_context *ctx);
+int ubus_monitor_stop(struct ubus_context *ctx);
 
 #ifdef __cplusplus
 }

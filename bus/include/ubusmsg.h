@@ -21,6 +21,10 @@
  * Events are invocations of object UBUS_SYSTEM_OBJECT_EVENT: "register" { object, pattern } lets an object of
  * the caller receive the events that match; "send" { id, data } sends one. It reaches the object as INVOKE
  * with the event's name as METHOD and peer 0: nobody waits for an answer.
+ *
+ * A client of root's that invokes "add" of object UBUS_SYSTEM_OBJECT_MONITOR is sent, until "remove", a
+ * MONITOR for every message that the broker receives or sends, but for the MONITORs it sends. Its members
+ * have the ids of enum ubus_monitor_attr, its `seq` counts from 1: a gap tells of some that were dropped.
  */
 #pragma once
 
@@ -32,6 +36,7 @@
 #define UBUS_UNIX_SOCKET "/var/run/ubus/ubus.sock"
 
 #define UBUS_SYSTEM_OBJECT_EVENT 1
+#define UBUS_SYSTEM_OBJECT_MONITOR 3
 #define UBUS_SYSTEM_OBJECT_MAX 1024 /* ids of clients and of their objects are not below */
 
 struct ubus_msghdr {
@@ -50,8 +55,8 @@ enum ubus_msg_type {
     UBUS_MSG_INVOKE,
     UBUS_MSG_ADD_OBJECT,
     UBUS_MSG_REMOVE_OBJECT,
-    UBUS_MSG_SUBSCRIBE,   /* subscriptions, notifications and monitoring: not in this broker, which */
-    UBUS_MSG_UNSUBSCRIBE, /* answers UBUS_STATUS_NOT_SUPPORTED, nor in this client */
+    UBUS_MSG_SUBSCRIBE,   /* subscriptions and notifications: not in this broker, which answers */
+    UBUS_MSG_UNSUBSCRIBE, /* UBUS_STATUS_NOT_SUPPORTED, nor in this client */
     UBUS_MSG_NOTIFY,
     UBUS_MSG_MONITOR,
     __UBUS_MSG_LAST,
@@ -73,6 +78,17 @@ enum ubus_msg_attr {
     UBUS_ATTR_USER,
     UBUS_ATTR_GROUP,
     UBUS_ATTR_MAX,
+};
+
+/* What a MONITOR tells of a message. */
+enum ubus_monitor_attr {
+    UBUS_MONITOR_CLIENT, /* INT32: who sent it to the broker, or whom the broker sent it to */
+    UBUS_MONITOR_PEER,   /* INT32: as in its header */
+    UBUS_MONITOR_SEND,   /* INT8: 0 received by the broker, 1 sent */
+    UBUS_MONITOR_SEQ,    /* INT32: as in its header */
+    UBUS_MONITOR_TYPE,   /* INT32: enum ubus_msg_type */
+    UBUS_MONITOR_DATA,   /* its members */
+    UBUS_MONITOR_MAX,
 };
 
 enum ubus_msg_status {

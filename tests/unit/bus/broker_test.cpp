@@ -206,6 +206,63 @@ TEST(Broker, WhoReadsSlowlyLosesWhatDoesNotFitAndNobodyWaits)
                              std::to_string(events - heard + 1) + " messages dropped\n"));
 }
 
+// What monitors were shown, and the numbers of it.
+std::string shown;
+std::vector<uint32_t> numbers;
+
+TEST_F(BrokerTest, RootsMonitorIsShownWhatGoesOverTheBusAndHoldsNobodyUp)
+{
+    Peer monitor(broker_);
+    monitor.ctx->monitor_cb = [](ubus_context *, uint32_t seq, blob_attr *data) {
+        shown.append(reinterpret_cast<const char *>(data), blob_raw_len(data));
+        numbers.push_back(seq);
+    };
+    if (getuid() != 0) {
+        EXPECT_EQ(ubus_monitor_start(monitor.ctx), UBUS_STATUS_PERMISSION_DENIED);
+        return;
+    }
+    EXPECT_EQ(setegid(1), 0);
+    EXPECT_EQ(ubus_monitor_start(Peer(broker_).ctx), UBUS_STATUS_PERMISSION_DENIED);
+    EXPECT_EQ(setegid(0), 0);
+
+    EXPECT_EQ(ubus_monitor_start(monitor.ctx), UBUS_STATUS_OK);
+    Peer other(broker_);
+    other.write(bytes("00 03 0007 00000009 0000000c 00000008 'text'"));
+    EXPECT_EQ(other.read(), bytes("00 02 0007 00000009 0000000c 00000008 'text'"));
+    EXPECT_EQ(other.read(), bytes("00 01 0007 00000009 0000000c 01000008 00000000"));
+    monitor.sync();
+    const std::string to_other = "00000008 [other] 01000008 00000009 03000008 00000007 04000008 000000";
+    const std::string first = bytes(
+        "00000038 00000008 [self] 01000008 00000003 03000008 00000001 04000008 00000001 02000005 01 000000"
+        "0500000c 01000008 00000000"
+        "00000030 00000008 [other] 01000008 [other] 03000008 00000000 04000008 00000000 02000005 01 000000"
+        "05000004"
+        "00000038" +
+            to_other +
+            "03 02000005 00 000000 0500000c 00000008 'text'"
+            "00000038" +
+            to_other +
+            "02 02000005 01 000000 0500000c 00000008 'text'"
+            "00000038" +
+            to_other + "01 02000005 01 000000 0500000c 01000008 00000000",
+        {{"self", monitor.ctx->local_id}, {"other", other.ctx->local_id}});
+    EXPECT_EQ(shown.substr(0, first.size()), first);
+    EXPECT_THAT(numbers, ElementsAre(1, 2, 3, 4, 5, 6, 7)); // the sync's own question and answer among them
+
+    const Text data(4000);
+    for (int i = 0; i < 1500; ++i) { // twice what it is kept; it does not read
+        EXPECT_EQ(other.send("event", data), UBUS_STATUS_OK);
+    }
+    monitor.sync();
+    other.sync();
+    EXPECT_EQ(ubus_monitor_stop(monitor.ctx), UBUS_STATUS_OK);
+    EXPECT_LT(numbers.size(), 3000U);
+    EXPECT_GT(numbers.back(), 3000U);
+    other.sync();
+    monitor.sync();
+    EXPECT_EQ(numbers.back(), 3012U); // its question to be stopped was the last
+}
+
 TEST_F(BrokerTest, RegisterIsBoundedAndALongListIsReadAtLeisure)
 {
     const std::string long_name(5000, 'm');
