@@ -263,17 +263,17 @@ constexpr const char *MESSAGE_TYPES[] = {"hello",     "status",      "data",    
 
 // The members of a message that are printed: those of each type under their names, in the order of their ids.
 struct Shown {
-    ubus_msg_attr id;
     const char *name;
+    ubus_msg_attr id;
     unsigned type;
 };
 constexpr Shown SHOWN[] = {
-    {UBUS_ATTR_STATUS, "status", BLOB_ATTR_INT32},    {UBUS_ATTR_OBJPATH, "objpath", BLOB_ATTR_STRING},
-    {UBUS_ATTR_OBJID, "objid", BLOB_ATTR_INT32},      {UBUS_ATTR_METHOD, "method", BLOB_ATTR_STRING},
-    {UBUS_ATTR_OBJTYPE, "objtype", BLOB_ATTR_INT32},  {UBUS_ATTR_SIGNATURE, "signature", BLOB_ATTR_NESTED},
-    {UBUS_ATTR_DATA, "data", BLOB_ATTR_NESTED},       {UBUS_ATTR_ACTIVE, "active", BLOB_ATTR_INT8},
-    {UBUS_ATTR_NO_REPLY, "no_reply", BLOB_ATTR_INT8}, {UBUS_ATTR_USER, "user", BLOB_ATTR_STRING},
-    {UBUS_ATTR_GROUP, "group", BLOB_ATTR_STRING},
+    {"status", UBUS_ATTR_STATUS, BLOB_ATTR_INT32},    {"objpath", UBUS_ATTR_OBJPATH, BLOB_ATTR_STRING},
+    {"objid", UBUS_ATTR_OBJID, BLOB_ATTR_INT32},      {"method", UBUS_ATTR_METHOD, BLOB_ATTR_STRING},
+    {"objtype", UBUS_ATTR_OBJTYPE, BLOB_ATTR_INT32},  {"signature", UBUS_ATTR_SIGNATURE, BLOB_ATTR_NESTED},
+    {"data", UBUS_ATTR_DATA, BLOB_ATTR_NESTED},       {"active", UBUS_ATTR_ACTIVE, BLOB_ATTR_INT8},
+    {"no_reply", UBUS_ATTR_NO_REPLY, BLOB_ATTR_INT8}, {"user", UBUS_ATTR_USER, BLOB_ATTR_STRING},
+    {"group", UBUS_ATTR_GROUP, BLOB_ATTR_STRING},
 };
 
 // The members of a message as one JSON object, for free().
@@ -287,7 +287,7 @@ char *format_members(blob_attr *members)
     blob_parse_untrusted(members, blob_raw_len(members), attr, policy, UBUS_ATTR_MAX);
 
     Message message;
-    for (const auto &[id, name, type] : SHOWN) {
+    for (const auto &[name, id, type] : SHOWN) {
         const blob_attr *member = attr[id];
         if (member == nullptr) {
             continue;
