@@ -2,23 +2,8 @@
 
 #include "tools/objects.h"
 
-#include <cerrno>
-#include <cstdlib>
-
-#include <unistd.h>
-
 #include "platform/host/store.h"
 #include "tools/text.h"
-
-std::string why_no_store()
-{
-    const char *named = getenv("OVANI_STORE");
-    const std::string file = named == nullptr || named[0] == '\0' ? "/var/lib/ovani/store.db" : named;
-    if (access(file.c_str(), R_OK) == 0) {
-        return "";
-    }
-    return (errno == EACCES ? "no right to read " : "no store at ") + file;
-}
 
 void require_store()
 {

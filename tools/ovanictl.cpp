@@ -48,6 +48,11 @@ try {
           app.get_subcommand("store")->get_subcommand("export")}) {
         reader->parse_complete_callback(require_store);
     }
+#ifdef OVANI_EXTERNAL // these are about a simulated gateway
+    for (const char *simulated : {"limits", "sysmgr"}) {
+        app.remove_subcommand(app.get_subcommand(simulated));
+    }
+#endif
     return parse_command_line(app, argc, argv, complete_store_path).value_or(0);
 } catch (const std::exception &e) {
     fprintf(stderr, "ovanictl: %s\n", e.what());

@@ -2,6 +2,7 @@
 
 #include "platform/host/store.h"
 #include "tools/objects.h"
+#include "tools/store_paths.h"
 
 namespace {
 
@@ -19,22 +20,31 @@ std::vector<int> instances_of(const std::string &table)
 
 } // namespace
 
-std::vector<std::string> complete_store_path(std::string_view typed)
+const ModelNode *find_node(std::string_view path)
 {
     const DataModel &model = data_model();
-    const std::string parent(typed.substr(0, typed.rfind('.') + 1)); // empty without a dot
     const ModelNode *node = model.nodes.data();
-    for (std::string_view rest = parent; !rest.empty(); rest.remove_prefix(rest.find('.') + 1)) {
-        const std::string_view component = rest.substr(0, rest.find('.'));
+    for (; !path.empty(); path.remove_prefix(path.find('.') + 1)) {
+        const std::string_view component = path.substr(0, path.find('.'));
         const auto named = node->below.find(component);
         const size_t numbered = data_model_instance_number(component) != 0 ? node->instance : 0;
         const size_t next = named != node->below.end() ? named->second : numbered;
         if (next == 0) {
-            return {};
+            return nullptr;
         }
         node = &model.nodes[next];
     }
+    return node;
+}
 
+std::vector<std::string> complete_store_path(std::string_view typed)
+{
+    const DataModel &model = data_model();
+    const std::string parent(typed.substr(0, typed.rfind('.') + 1)); // empty without a dot
+    const ModelNode *node = find_node(parent);
+    if (node == nullptr) {
+        return {};
+    }
     std::vector<std::string> paths;
     for (const auto &[name, below] : node->below) {
         paths.push_back(parent + name + '.');
