@@ -107,7 +107,7 @@ class Installation(unittest.TestCase):
     def test_bash_completes(self):
         script = os.path.join(ROOT, "packaging/completions/ovani.bash")
         for words, completed in (
-                ("em", "emit"), ("emit arp ad", "add"), ("emit arp --", "--help"), ("get --j", "--json"),
+                ("em", "emit"), ("emit arp ad", "add"), ("emit arp --h", "--help"), ("get --j", "--json"),
                 ("get InternetGatewayDevice.LANDevice.1.Hos", "InternetGatewayDevice.LANDevice.1.Hosts."),
                 ("set InternetGatewayDevice.DeviceInfo.X_QV_Carr", "InternetGatewayDevice.DeviceInfo.X_QV_Carrier"),
                 ("get Nowhere.", ""), ("get InternetGatewayDevice.LANDevice.1. x", "")):
