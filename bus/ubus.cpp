@@ -414,9 +414,8 @@ bool parse_seconds(const char *text, int *seconds)
     return true;
 }
 
-constexpr option LONG_OPTIONS[] = {{"help", no_argument, nullptr, 'h'},
-                                   {"version", no_argument, nullptr, 'V'},
-                                   {}};
+constexpr option LONG_OPTIONS[] = {
+    {"help", no_argument, nullptr, 'h'}, {"version", no_argument, nullptr, 'V'}, {}};
 
 bool add_type(std::string_view name)
 {

@@ -13,9 +13,8 @@
 
 namespace {
 
-constexpr option LONG_OPTIONS[] = {{"help", no_argument, nullptr, 'h'},
-                                   {"version", no_argument, nullptr, 'V'},
-                                   {}};
+constexpr option LONG_OPTIONS[] = {
+    {"help", no_argument, nullptr, 'h'}, {"version", no_argument, nullptr, 'V'}, {}};
 
 int usage(const char *program, FILE *out)
 {
