@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "ovani/ovani_event.h"
+#include "platform/host/store.h"
 #include "tools/bus.h"
 #include "tools/events.h"
 #include "tools/json.h"
@@ -156,6 +157,7 @@ std::string event_json(const char *name, blob_attr *msg)
 void follow_events(const EventsCommand &command, const std::string &socket)
 {
     const std::vector<std::string> names = names_of(command.patterns);
+    store_only_read();
     uloop_init();
     Bus bus(socket);
     FoldedLines lines;

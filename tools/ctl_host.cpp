@@ -70,6 +70,7 @@ struct HostCommand {
 
 void show_host(const HostCommand &command)
 {
+    require_store();
     const std::vector<StoreObject> hosts = read_objects(HOSTS_PATH);
     const StoreObject &host = find_host(hosts, command.who);
     if (command.json) {
@@ -96,6 +97,7 @@ void set_host(const HostCommand &command, const CtlOptions &options)
             }
         }
     }
+    require_store_to_write();
     const std::vector<StoreObject> hosts = read_objects(HOSTS_PATH);
     set_parameters(path_of(find_host(hosts, command.who)), pairs, options);
 }
@@ -120,6 +122,7 @@ void delete_host(const StoreObject &host)
 // A daemon counts the objects when it starts, and from then on those that it makes and deletes itself.
 void delete_hosts(const DeleteCommand &command)
 {
+    require_store_to_write();
     const std::vector<StoreObject> hosts = read_objects(HOSTS_PATH);
     std::set<const StoreObject *> chosen; // all of them, before the first goes
     for (const std::string &who : command.whose) {

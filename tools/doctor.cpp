@@ -335,6 +335,7 @@ void find_values(Findings &findings)
 
 Findings examine_once(const char *socket)
 {
+    store_only_read();
     Findings findings = examine_daemon(socket);
     if (const std::string why = why_no_store(); !why.empty()) {
         findings.push_back({Severity::FAULT, "store", why});

@@ -7,6 +7,12 @@
 
 void require_store()
 {
+    store_only_read();
+    require_store_to_write();
+}
+
+void require_store_to_write()
+{
     if (const std::string why = why_no_store(); !why.empty()) {
         fail(why);
     }

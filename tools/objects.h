@@ -11,8 +11,10 @@ inline constexpr std::string_view HOSTS_PATH = "InternetGatewayDevice.LANDevice.
 
 // Why the store cannot be read: there is none, or no right. Empty when it can be.
 std::string why_no_store();
-// Readers ask for the store first, so that looking makes none: ends the command when it cannot be read.
+// For who does not make a store: ends the command when there is none to read. require_store() is for readers,
+// and from then on this process only reads.
 void require_store();
+void require_store_to_write();
 
 struct StoreObject {
     int instance = 0;

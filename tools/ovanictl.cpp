@@ -43,9 +43,8 @@ try {
     add_sysmgr_command(app, options);
     // Who only looks makes no store.
     for (CLI::App *reader :
-         {app.get_subcommand("host"), app.get_subcommand("hosts"), app.get_subcommand("ports"),
-          app.get_subcommand("limits"), app.get_subcommand("get"),
-          app.get_subcommand("store")->get_subcommand("export")}) {
+         {app.get_subcommand("hosts"), app.get_subcommand("ports"), app.get_subcommand("limits"),
+          app.get_subcommand("get"), app.get_subcommand("store")->get_subcommand("export")}) {
         reader->parse_complete_callback(require_store);
     }
 #ifdef OVANI_EXTERNAL // these are about a simulated gateway

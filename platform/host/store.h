@@ -84,5 +84,9 @@ StoreResult store_instances(const ObjectRef &table, std::vector<int> &numbers, i
 using StoreListing = std::vector<std::pair<std::string, std::string>>;
 StoreResult store_list(std::string_view path, StoreListing &listing, int wait);
 
+// From its first call on this process only reads, and nothing is made, changed or put aside for it: what is
+// not there or not whole fails. Writing fails too.
+void store_only_read();
+
 // Closes the calling thread's connection. The next call opens the store that OVANI_STORE names by then.
 void store_close();

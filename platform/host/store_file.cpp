@@ -55,6 +55,8 @@ constexpr std::array<const char *, STORE_STATEMENTS> SQL = {
     "DELETE FROM object WHERE path >= ?1 AND path < ?2",
 };
 
+bool s_only_reads = false;
+
 std::string_view text_of(sqlite3_stmt *row)
 {
     const auto *bytes = reinterpret_cast<const char *>(sqlite3_column_text(row, 0));
@@ -221,6 +223,7 @@ std::array<StoreFile::Identity, StoreFile::PARTS> StoreFile::identities() const
 void StoreFile::prepare(int wait, bool repairs)
 {
     wait_ = wait;
+    repairs = repairs && !s_only_reads;
     give_up_ = {};
     if (db_ == nullptr) {
         open_patiently(repairs);
@@ -231,7 +234,7 @@ void StoreFile::prepare(int wait, bool repairs)
     if (count == counted_ && now < look_again_) {
         return;
     }
-    if (suspect_ || identities() != opened_) {
+    if (suspect_ || (immutable_ && count != counted_) || identities() != opened_) {
         open_patiently(repairs);
         return;
     }
@@ -273,20 +276,24 @@ void StoreFile::open(bool repairs)
     if (const auto path = std::filesystem::weakly_canonical(file_, fault); !fault) {
         file_ = path; // a link's target: what stands beside the file stands beside that
     }
-    for (size_t slash = 1; (slash = file_.find('/', slash)) != std::string::npos; ++slash) {
+    for (size_t slash = 1; !s_only_reads && (slash = file_.find('/', slash)) != std::string::npos; ++slash) {
         mkdir(file_.substr(0, slash).c_str(), 0700);
     }
 
     look_again_ = {};
     close_count(); // it may be another by now
     open_count();
-    for (int count = 0; flock(count_file_, LOCK_EX | LOCK_NB) != 0; ++count) {
+    for (int count = 0; count_file_ >= 0 && flock(count_file_, LOCK_EX | LOCK_NB) != 0; ++count) {
         if (wait_a_little(this, count) == 0) {
             throw StoreFailure{STORE_LOCKED};
         }
     }
     const std::unique_ptr<int, Unlock> lock(&count_file_);
 
+    if (s_only_reads) {
+        open_to_read();
+        return;
+    }
     // The log of a file that another has taken the place of is not that one's. As long as the former is open,
     // no other log can be mistaken for it.
     if (const auto now = identities();
@@ -310,11 +317,18 @@ void StoreFile::open_count()
 {
     constexpr size_t size = sizeof *count_;
     static_assert(std::atomic<uint32_t>::is_always_lock_free);
-    count_file_ = ::open(part(COUNT).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    const int access = s_only_reads ? O_RDONLY : O_RDWR | O_CREAT;
+    count_file_ = ::open(part(COUNT).c_str(), access | O_CLOEXEC, 0600);
+    struct stat status {};
+    if (s_only_reads && (fstat(count_file_, &status) != 0 || status.st_size < off_t{size})) {
+        count_ = &no_count_;
+        return;
+    }
     // Shared memory must have its place on the disk before it is written to.
-    int fault = count_file_ < 0 ? errno : posix_fallocate(count_file_, 0, size);
+    int fault = count_file_ < 0 ? errno : s_only_reads ? 0 : posix_fallocate(count_file_, 0, size);
     if (fault == 0) {
-        void *shared = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, count_file_, 0);
+        const int protection = s_only_reads ? PROT_READ : PROT_READ | PROT_WRITE;
+        void *shared = mmap(nullptr, size, protection, MAP_SHARED, count_file_, 0);
         fault = shared == MAP_FAILED ? errno : 0;
         count_ = shared == MAP_FAILED ? nullptr : static_cast<std::atomic<uint32_t> *>(shared);
     }
@@ -355,15 +369,48 @@ void StoreFile::open_database(bool repairs)
         open_database(false);
         return;
     }
-    for (size_t i = 0; i < SQL.size(); ++i) {
-        check(sqlite3_prepare_v3(db_, SQL[i], -1, SQLITE_PREPARE_PERSISTENT, &statements_[i], nullptr));
-    }
+    prepare_statements();
     seed();
     for (Part which : {MAIN, LOG, INDEX, COUNT}) {
         chmod(part(which).c_str(), 0600);
     }
     opened_ = identities();
     suspect_ = false;
+    look_again_ = Clock::now() + STRANGERS_SEEN_WITHIN;
+}
+
+void StoreFile::prepare_statements()
+{
+    for (size_t i = 0; i < SQL.size(); ++i) {
+        check(sqlite3_prepare_v3(db_, SQL[i], -1, SQLITE_PREPARE_PERSISTENT, &statements_[i], nullptr));
+    }
+}
+
+// Without a log nobody has the file open, and SQLite, told that it does not change, makes none of its own.
+// Once a log is there, or somebody has committed, the file is opened anew.
+void StoreFile::open_to_read()
+{
+    close_database();
+    ++openings_;
+    counted_ = *count_;
+    opened_ = identities();
+    std::string uri = "file:";
+    for (const char c : file_) {
+        static constexpr char digits[] = "0123456789ABCDEF";
+        const auto byte = static_cast<unsigned char>(c);
+        c == '%' || c == '?' || c == '#' ? uri.append({'%', digits[byte >> 4], digits[byte & 0xf]})
+                                         : uri.append(1, c);
+    }
+    immutable_ = opened_[LOG] == Identity{};
+    uri += immutable_ ? "?immutable=1" : "";
+    check(sqlite3_open_v2(uri.c_str(), &db_, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_URI,
+                          nullptr));
+    sqlite3_busy_handler(db_, wait_a_little, this);
+    sqlite3_limit(db_, SQLITE_LIMIT_LENGTH, MAX_ROW);
+    if (ask(FORM) != "object") {
+        fail(STORE_DAMAGED, "no store, or one of an older form");
+    }
+    prepare_statements();
     look_again_ = Clock::now() + STRANGERS_SEEN_WITHIN;
 }
 
@@ -436,10 +483,10 @@ void StoreFile::close_database()
 
 void StoreFile::close_count()
 {
-    if (count_ != nullptr) {
+    if (count_ != nullptr && count_ != &no_count_) {
         munmap(count_, sizeof *count_);
-        count_ = nullptr;
     }
+    count_ = nullptr;
     if (count_file_ >= 0) {
         ::close(count_file_);
         count_file_ = -1;
@@ -450,4 +497,9 @@ void StoreFile::close()
 {
     close_database();
     close_count();
+}
+
+void store_only_read()
+{
+    s_only_reads = true;
 }

@@ -50,6 +50,7 @@ public:
     // Sees to it that the file is open, is still the one of its name, and that version() is no older than any
     // commit of this library, and than those of strangers by STRANGERS_SEEN_WITHIN. A file that is damaged,
     // or of an older form, is put aside when `repairs` is set, and STORE_DAMAGED otherwise.
+    // Neither happens to a process that only reads.
     void prepare(int wait, bool repairs);
     void close();
 
@@ -84,6 +85,8 @@ private:
     void open(bool repairs);
     void open_count();
     void open_database(bool repairs);
+    void open_to_read();
+    void prepare_statements();
     std::string ask(const char *sql);
     void seed();
     void put_aside(const char *suffix, const std::string &what);
@@ -99,12 +102,14 @@ private:
     sqlite3 *db_ = nullptr;
     std::array<sqlite3_stmt *, STORE_STATEMENTS> statements_{};
     uint32_t openings_ = 0;
-    bool suspect_ = false; // damage was met since the file was opened
+    bool immutable_ = false; // SQLite was told that the file does not change
+    bool suspect_ = false;   // damage was met since the file was opened
     std::atomic<bool> checkpointing_ = false;
     std::jthread checkpoint_;
 
     int count_file_ = -1;
     std::atomic<uint32_t> *count_ = nullptr; // of commits, by all processes
+    std::atomic<uint32_t> no_count_{0};      // stands in for it while there is none, for who only reads
     uint32_t counted_ = 0;                   // when the file was last looked at
     Clock::time_point look_again_{};
 

@@ -178,6 +178,12 @@ class Policy(GatewayTest):
         self.assertIn(mac(1), gw.ctl("host", "TV", "--json"))
         gw.ctl("host", "2", "set", "alias=TV")
         before = gw.ctl("store", "export")
+        gw("stop", "daemon")
+        files = os.listdir(gw.state)
+        for reader in (("hosts",), ("ports",), ("get", HOSTS), ("host", "1"), ("store", "export"), ("doctor",)):
+            gw.ctl(*reader, check=False)
+        self.assertEqual(os.listdir(gw.state), files, "who looks makes nothing")
+        gw("start", "daemon")
         for wrong in (("host", "TV"), ("host", "nobody"), ("host", ""), ("host", "1", "set", "up=fast"),
                       ("host", "1", "set", "alias"), ("delete", "TV"), ("delete", "1", "3")):
             failed = gw.ctl(*wrong, check=False)

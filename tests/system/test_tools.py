@@ -129,6 +129,17 @@ class Ctl(GatewayTest):
         told = [followed[0].stdout.readline() for _ in range(3)]
         self.assertEqual([line.split("  ", 1)[1].split()[0] for line in told], ["mac", "mac", "host"])
         self.assertTrue(told[1].endswith("  ×36\n") and told[2].endswith("  TV\n"), told)
+        gw.ctl("host", "TV", "set", "alias=Radio")
+        self.assertTrue(followed[0].stdout.readline().endswith("  Radio\n"))
+        gw("stop", "daemon")  # who reads a store that nobody has open sees what comes, too
+        after = gw.start_inside("ovanictl", "events", "host")
+        self.addCleanup(after.communicate)
+        self.addCleanup(after.terminate)
+        after.stdout.readline()
+        for alias in ("Radio", "TV"):
+            gw.emit(("raw", "lanhost_param_change", "--json", '{"objnum": 1}'))
+            self.assertTrue(after.stdout.readline().endswith(f"  {alias}\n"))
+            gw.ctl("host", "1", "set", "alias=TV", check=False)
         event = json.loads(followed[1].stdout.readline())
         self.assertEqual((event["schema"], event["mac"], len(event["raw"]) % 2), (1, mac(9), 0))
         self.assertIn(mac(9).replace(":", ""), event["raw"])
