@@ -11,6 +11,7 @@ usage: ./run.sh [OPTION]...
                     retired; have the Wi-Fi station roam; start the daemon late and see it find them; have the
                     station leave; print the hosts at each step; exit 0, or 1 with the reason and the end of the log
   --operator NAME   operator profile: one of tools/samples (ct)
+  --record FILE     write down what the daemon is told and says, for `ovanictl replay`
   --patience SECS   how long --once waits for a device to become what it should be (30)
   --build DIR       use the programs built there instead of building
   -h, --help        this text
@@ -31,11 +32,12 @@ readonly HOSTS=InternetGatewayDevice.LANDevice.1.Hosts.Host.
 once=false
 operator=ct
 patience=30
+record=""
 build=""
 while (($#)); do
     case $1 in
     --once) once=true ;;
-    --operator | --patience | --build)
+    --operator | --record | --patience | --build)
         (($# > 1)) || misuse "$1 needs a value"
         declare "${1#--}=$2"
         shift
@@ -229,11 +231,29 @@ report() {
     say "how it was: $(realpath "$page")"
 }
 
+# In the gateway's own directory at first, which is the same place inside.
+start_recording() {
+    tools/gateway exec ovanictl record "$OVANI_GATEWAY/recording" 2>"$OVANI_GATEWAY/log/record.log" &
+    recorder=$!
+    eventually grep -qs recording "$OVANI_GATEWAY/log/record.log" || cat "$OVANI_GATEWAY/log/record.log" >&2
+}
+has_ended() { [[ $(tail -n 1 "$OVANI_GATEWAY/recording") == *'"end":1'* ]]; }
+end_recording() {
+    kill "$recorder" && eventually has_ended && cp "$OVANI_GATEWAY/recording" "$record"
+}
+
 say "raising the gateway"
-tools/gateway up --build "$build" --operator "$operator" --owner $$
+if [[ -z $record ]]; then
+    tools/gateway up --build "$build" --operator "$operator" --owner $$
+else
+    tools/gateway up --build "$build" --operator "$operator" --owner $$ --without daemon
+    start_recording
+    tools/gateway start daemon
+fi
 if $once; then
     check || { say "not as it should be" >&2 && exit 1; }
     report
+    [[ -z $record ]] || end_recording
 else
     note="Ctrl-C takes the gateway down. From another terminal: tools/gateway unplug phone, tools/gateway --help"
     [[ $OVANI_GATEWAY == /run/ovani-gateway ]] || note+=" (export OVANI_GATEWAY=$OVANI_GATEWAY first)"
@@ -250,5 +270,6 @@ else
         wait $viewer || true
     done
     report
+    [[ -z $record ]] || end_recording
     echo "The gateway is taken down."
 fi

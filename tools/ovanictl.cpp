@@ -41,6 +41,7 @@ try {
     add_report_command(app, options);
     add_probe_command(app);
     add_sysmgr_command(app, options);
+    add_record_command(app, options);
     // Who only looks makes no store.
     for (CLI::App *reader :
          {app.get_subcommand("hosts"), app.get_subcommand("ports"), app.get_subcommand("limits"),
@@ -51,6 +52,8 @@ try {
     for (const char *simulated : {"limits", "sysmgr"}) {
         app.remove_subcommand(app.get_subcommand(simulated));
     }
+#else
+    add_replay_command(app);
 #endif
     return parse_command_line(app, argc, argv, complete_store_path).value_or(0);
 } catch (const std::exception &e) {

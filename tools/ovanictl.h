@@ -35,3 +35,5 @@ void add_metrics_command(CLI::App &app, const CtlOptions &options);
 void add_report_command(CLI::App &app, const CtlOptions &options);
 void add_probe_command(CLI::App &app);
 void add_sysmgr_command(CLI::App &app, const CtlOptions &options);
+void add_record_command(CLI::App &app, const CtlOptions &options);
+void add_replay_command(CLI::App &app);
