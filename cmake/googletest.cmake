@@ -1,9 +1,10 @@
 # GoogleTest from Debian's sources, so that every preset, cross and sanitizer builds included, has its own.
 set(OVANI_GOOGLETEST_DIR "/usr/src/googletest" CACHE PATH "GoogleTest sources (Debian package googletest)")
 set(INSTALL_GTEST OFF CACHE INTERNAL "")
-set(CMAKE_POLICY_DEFAULT_CMP0069 NEW)
-add_subdirectory("${OVANI_GOOGLETEST_DIR}" "${CMAKE_BINARY_DIR}/googletest" EXCLUDE_FROM_ALL SYSTEM)
-set_target_properties(gtest gtest_main gmock gmock_main PROPERTIES INTERPROCEDURAL_OPTIMIZATION OFF)
+block()
+    set(CMAKE_INTERPROCEDURAL_OPTIMIZATION OFF) # its policies would warn
+    add_subdirectory("${OVANI_GOOGLETEST_DIR}" "${CMAKE_BINARY_DIR}/googletest" EXCLUDE_FROM_ALL SYSTEM)
+endblock()
 target_compile_options(gtest PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>) # as in CMakeLists.txt
 include(GoogleTest)
 
