@@ -3,6 +3,7 @@
 #   run    what building and running a simulated gateway takes
 #   test   what the tests take beyond that
 #   bench  what the benchmarks take beyond run
+#   coverage  what test.sh fuzz --coverage takes beyond run and test
 #   check  what tools/check takes beyond them
 # Without anything missing it asks no package server.
 set -euo pipefail
@@ -15,6 +16,7 @@ declare -A groups=(
             g++-arm-linux-gnueabihf qemu-user
             clang libclang-rt-14-dev"
     [bench]="libbenchmark-dev valgrind"
+    [coverage]="llvm"
     [check]="clang clang-format clang-tidy shellcheck"
 )
 
