@@ -503,7 +503,7 @@ void Top::take_named_key(wint_t key)
     const bool hosts = focus_ == HOSTS;
     const size_t last = hosts ? std::max<size_t>(shown_.size(), 1) - 1 : pane.last_first();
     const size_t from = hosts ? chosen_row() : pane.first;
-    size_t to = from;
+    size_t to = 0;
     switch (key) {
     case KEY_UP:
         to = from - std::min<size_t>(from, 1);
@@ -518,7 +518,6 @@ void Top::take_named_key(wint_t key)
         to = from + pane.room;
         break;
     case KEY_HOME:
-        to = 0;
         break;
     case KEY_END:
         to = last;
