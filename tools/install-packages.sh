@@ -12,7 +12,7 @@ declare -A groups=(
     [run]="g++ cmake ninja-build nlohmann-json3-dev libsqlite3-dev libmnl-dev libcli11-dev
            libncurses-dev libsmartcols-dev
            iproute2 net-tools util-linux mawk udhcpc dnsmasq-base"
-    [test]="googletest python3 tmux
+    [test]="googletest python3 dpkg-dev file tmux
             g++-arm-linux-gnueabihf qemu-user
             clang libclang-rt-14-dev"
     [bench]="libbenchmark-dev valgrind"

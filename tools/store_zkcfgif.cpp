@@ -112,15 +112,15 @@ const char *store_strerror(int code)
 {
     switch (code) {
     case STORE_OK:
-        return "done";
+        return "no error";
     case STORE_UNKNOWN_PATH:
-        return "not in the data model";
+        return "no such path in the data model";
     case STORE_NO_OBJECT:
         return "no such object";
     case STORE_TOO_LONG:
-        return "the value is too long";
+        return "value too long";
     case STORE_READ_ONLY:
-        return "a count cannot be written";
+        return "parameter is counted and cannot be set";
     default:
         return "the gateway's store refuses";
     }
