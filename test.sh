@@ -34,10 +34,10 @@ coverage() {
         -DCMAKE_CXX_FLAGS="-fprofile-instr-generate -fcoverage-mapping" >$build.log 2>&1 || { cat $build.log && exit 1; }
     cmake --build $build --target fuzz
     printf '\n%-34s %8s %8s %9s\n' "" inputs lines reached
-    for target in $build/bin/fuzz_*; do
+    for target in "$build"/bin/fuzz_*; do
         name=${target##*/fuzz_}
         inputs=(fuzz/corpus/"$name"/*)
-        LLVM_PROFILE_FILE=$build/$name.raw "$target" -runs=0 "fuzz/corpus/$name" 2>$build/$name.log
+        LLVM_PROFILE_FILE=$build/$name.raw "$target" -runs=0 "fuzz/corpus/$name" 2>"$build/$name.log"
         llvm-profdata merge -o "$build/$name.profile" "$build/$name.raw"
         objects+=(-object "$target")
         profiles+=("$build/$name.profile")
