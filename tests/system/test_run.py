@@ -33,9 +33,17 @@ class Run(GatewayTest):
         wait_for(lambda: not traces(self.state), "everything to be gone")
 
     def test_once(self):
-        for run in [self.start("--once", "--operator", operator) for operator in OPERATORS]:
+        recordings = tempfile.TemporaryDirectory()
+        self.addCleanup(recordings.cleanup)
+        for operator, run in [(operator, self.start("--once", "--operator", operator, "--record",
+                                                    os.path.join(recordings.name, operator)))
+                              for operator in OPERATORS]:
             output = run.communicate(timeout=120)[0]
             self.assertEqual(run.returncode, 0, output)
+            replayed = subprocess.run([os.path.join(BUILD, "bin", "ovanictl"), "replay",
+                                       os.path.join(recordings.name, operator)],
+                                      check=False, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+            self.assertIn(": no difference\n", replayed.stdout)
             tables = [table.count("02:00:00:00:01:") for table in output.split("NAME ")[1:]]
             self.assertEqual((len(tables), tables[0]), (5, 5), output)
             self.assertIn(GBK_NAME, output)
