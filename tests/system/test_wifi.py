@@ -1,69 +1,9 @@
-"""Wi-Fi stations, IPv6 hosts, a daemon that starts late, and the ARP probe."""
+"""IPv6 hosts and the ARP probe."""
 
-import time
-
-from gateway import GatewayTest, mac, wait_for
-
-WLAN = "InternetGatewayDevice.LANDevice.1.WLANConfiguration."
+from gateway import GatewayTest, mac
 
 
 class Attached(GatewayTest):
-    def test_stations_join_roam_and_leave(self):
-        gw = self.up()
-        with gw.recording("lanhost_event", "111") as recorder:
-            gw("plug", "ra0", "tablet", "--mac", mac(1), "static", "192.168.1.61")
-            gw("plug", "ra0", "phone", "--mac", mac(2), "dhcp", "phone", "android-dhcp-14")
-            for number, source in ((1, "STATIC"), (2, "DHCP")):
-                gw.host_with(mac(number), AddressSource=source, Port="1", port="SSID 1 (ra0)", Active="1",
-                             Layer2Interface=WLAN + "1.", InterfaceType="802.11")
-
-            # To the daemon a roaming station leaves and joins again.
-            gw("roam", "phone", "rai0")
-            roamed = gw.host_with(mac(2), Port="5", port="SSID 5 (rai0)", Layer2Interface=WLAN + "5.", HostName="phone",
-                                  AddressSource="DHCP", X_QV_DeviceType="3", Active="1")
-            recorder.wait(event="111", action="joined", mac=mac(2), ssid=4)
-            self.assertEqual(recorder.presence(), {mac(1): ["Online"], mac(2): ["Online", "Offline", "Online"]})
-            self.assertEqual([(e["action"], e["ssid"]) for e in recorder.select(event="111", mac=mac(2))],
-                             [("joined", 0), ("left", 0), ("joined", 4)])
-            self.assertEqual(gw.host(mac(1))["Port"], "1")
-
-            # One that joins without having left moves, and was never away.
-            gw.emit(("wifi", "join", mac(2), 0))
-            self.assertEqual(len(recorder.presence()[mac(2)]), 3)
-            changed = {k: v for k, v in gw.host(mac(2)).items() if roamed[k] != v and "Time" not in k and k != "since"}
-            self.assertEqual(changed, {"Port": "1", "port": "SSID 1 (ra0)"})
-
-            gw("unplug", "phone")
-            gw.host_gone(mac(2))
-            # Where the bridge still has it, it comes back to.
-            gw("plug", "1", "phone", "--mac", mac(2), "static", "192.168.1.62")
-            gw.host_with(mac(2), Port="1", IPAddress="192.168.1.62", InterfaceType="Ethernet")
-            self.assertEqual(recorder.presence()[mac(2)], ["Online", "Offline", "Online", "Offline", "Online"])
-
-    def test_a_daemon_that_starts_late(self):
-        gw = self.up("daemon")
-        devices = {}
-        for number, port, shown, address, *how in (
-                (1, "1", "LAN1", "192.168.1.11", "static", "192.168.1.11"),
-                (2, "4", "LAN4", "192.168.1.100", "dhcp", "host-2", "android-dhcp-14"),
-                (3, "rai0", "SSID 5 (rai0)", "192.168.1.13", "static", "192.168.1.13"),
-                (4, "ra0", "SSID 1 (ra0)", "192.168.1.101", "dhcp", "host-4", "android-dhcp-14")):
-            gw("plug", port, f"d{number}", "--mac", mac(number), "--silent", *how)
-            wait_for(lambda: address in gw.exec("ip", "neigh", "show", "dev", "br0"), address)
-            devices[mac(number)] = shown, address
-        with gw.recording("lanhost_event") as recorder:
-            gw("start", "daemon")
-            wait_for(lambda: gw.log("watcher").count("announcing everything"), "the watcher to see the daemon")
-            for each in devices:
-                gw.host_with(each, Active="1", AddressSource="STATIC", DeviceType="PC", HostName="")
-            time.sleep(1.1)  # dnsmasq tells of a renewal only if the lease then ends at another second
-            for number in (2, 4):
-                gw("renew", f"d{number}")
-                gw.host_with(mac(number), AddressSource="DHCP", HostName=f"host-{number}", DeviceType="phone")
-            self.assertEqual(recorder.presence(), dict.fromkeys(devices, ["Online"]))
-        self.assertEqual({each: (host["port"], host["IPAddress"]) for each, host in gw.hosts().items()}, devices)
-        self.assertEqual(gw.entries(), len(devices))
-
     def test_ipv6_addresses(self):
         gw = self.up()
         gw("plug", "1", "pc", "--mac", mac(1), "--ipv6", "dhcp", "pc")
