@@ -789,7 +789,7 @@ void print_latencies(const Subjects &subjects)
         }
         std::array<std::vector<double>, 3> times;
         for (size_t i = 0; i < latency_samples; i += slice) {
-            for (size_t who : {0, 1}) {
+            for (const size_t who : {0U, 1U}) {
                 std::vector<double> part = sample(who == 0 ? ovani : announcer, stream, slice);
                 times[who].insert(times[who].end(), part.begin(), part.end());
             }
@@ -889,6 +889,7 @@ void print_starts(const Subjects &subjects)
     double empty_anonymous = empty.program().memory("Anonymous:");
     empty.stop();
     attach_hosts();
+    with_hosts.reserve(static_cast<size_t>(starts));
     for (int i = 0; i < starts; ++i) {
         with_hosts.push_back(1e3 * many.start());
     }
