@@ -6,6 +6,7 @@
 #include <cstring>
 #include <ctime>
 #include <filesystem>
+#include <ranges>
 #include <vector>
 
 #include <fcntl.h>
@@ -292,8 +293,8 @@ JournalReading read_journal(const std::string &directory, const std::function<vo
         size_t size = 0;
         ~Line() { free(text); }
     } line;
-    for (auto file = files.rbegin(); file != files.rend(); ++file) {
-        for (ssize_t length = 0; (length = getline(&line.text, &line.size, file->get())) > 0;) {
+    for (const UniqueFile &file : files | std::views::reverse) {
+        for (ssize_t length = 0; (length = getline(&line.text, &line.size, file.get())) > 0;) {
             const Json entry = Json::parse(line.text, line.text + length, nullptr, false);
             if (entry.is_object()) {
                 take(entry);

@@ -56,7 +56,7 @@ std::string short_markup(std::string_view bytes, size_t columns)
     char *text = nullptr;
     const int length = vasprintf(&text, format, args);
     va_end(args);
-    const std::string out = length < 0 ? "" : text;
+    std::string out = length < 0 ? "" : text;
     free(text);
     return out;
 }
