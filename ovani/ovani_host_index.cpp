@@ -41,11 +41,11 @@ uint64_t folded_beginning(const char (&text)[OVANI_MAX_HOSTINFO_HASH_LEN])
 
 int instance_of_mac(const char *mac)
 {
-    char key[OVANI_MAX_HOSTINFO_HASH_LEN] = {};
-    copy_text(key, mac);
-    if (key[0] == '\0') {
+    if (mac == nullptr || *mac == '\0') {
         return 0;
     }
+    char key[OVANI_MAX_HOSTINFO_HASH_LEN] = {};
+    copy_text(key, mac);
     uint64_t beginning = folded_beginning(key);
     auto *row = std::ranges::find_if(tmpHostToIndex, [=](const HostToIndexMap &candidate) {
         return folded_beginning(candidate.hostHash) == beginning && strcasecmp(candidate.hostHash, mac) == 0;

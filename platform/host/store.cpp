@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <map>
 #include <optional>
 #include <unordered_map>
 
@@ -92,9 +91,16 @@ std::vector<std::string> encoded(std::span<const std::string_view> texts, bool a
 
 struct Row {
     std::string path;
-    std::vector<std::string> values; // as they are shown, by the parameter's index in the model
-    std::map<std::string, std::string, std::less<>> kept; // names, and values as JSON
+    // By the parameter's index in the model: values as they are shown, and as JSON where one is kept.
+    std::vector<std::string> values;
+    std::vector<std::string> kept;
+    std::string unknown; // members that the model does not know, each with a comma before it
 };
+
+void append_member(std::string &text, std::string_view name, std::string_view value)
+{
+    text.append(",\"").append(name).append("\":").append(value);
+}
 
 // The text of an item, never read further than the parameter is long.
 std::string_view text_of(const StoreItem &item, const ModelObject &model)
@@ -263,13 +269,16 @@ public:
         }
         std::vector<std::string> tokens = encoded(texts);
         for (size_t i = 0; i < changed.size(); ++i) {
-            row->kept[model.parameters[changed[i]].name] = std::move(tokens[i]);
+            row->kept[changed[i]] = std::move(tokens[i]);
         }
         std::string object_text;
         object_text.reserve(USUAL_ROW);
-        for (const auto &[name, value] : row->kept) {
-            object_text.append(object_text.empty() ? "{\"" : ",\"").append(name).append("\":").append(value);
+        for (size_t i = 0; i < row->kept.size(); ++i) {
+            if (!row->kept[i].empty()) {
+                append_member(object_text, model.parameters[i].name, row->kept[i]);
+            }
         }
+        object_text.append(row->unknown).front() = '{'; // for a comma
         object_text += '}';
         file_.execute(STORE_UPDATE, row->path, object_text);
         if (!file_.changed_something()) { // the first that is kept of an object that is no instance
@@ -353,7 +362,7 @@ private:
     std::optional<Row> load(const ObjectRef &object)
     {
         const ModelObject &model = data_model_object(object);
-        Row row{.path = path_of(object), .values = {}, .kept = {}};
+        Row row{.path = path_of(object), .values = {}, .kept = {}, .unknown = {}};
         std::optional<json> parameters;
         file_.execute(STORE_SELECT, row.path, {},
                       [&](std::string_view text) { parameters = json::parse(text, nullptr, false); });
@@ -366,19 +375,21 @@ private:
         bool sound = parameters->is_object();
         for (auto kept = parameters->begin(); sound && kept != parameters->end(); ++kept) {
             sound = kept->is_primitive() && data_model_is_name(kept.key());
-            if (sound) {
-                row.kept.emplace(kept.key(), kept->dump());
+            if (sound && data_model_find_parameter(model, kept.key()) == MODEL_NONE) {
+                append_member(row.unknown, kept.key(), kept->dump());
             }
         }
         if (!sound) {
             file_.fail(STORE_DAMAGED, row.path + ": its parameters are no JSON object of texts");
         }
         row.values.reserve(model.parameters.size());
+        row.kept.resize(model.parameters.size());
         for (const ModelParameter &parameter : model.parameters) {
             std::string &value = row.values.emplace_back(parameter.initial);
             if (parameter.counted != MODEL_NONE) {
                 value = std::to_string(numbers_of({parameter.counted, object.instance}).size());
             } else if (auto kept = parameters->find(parameter.name); kept != parameters->end()) {
+                row.kept[row.values.size() - 1] = kept->dump();
                 value = kept->is_string() ? decoded(kept->get_ref<const std::string &>()) : kept->dump();
                 value.resize(strnlen(value.c_str(), parameter.max_length));
             }

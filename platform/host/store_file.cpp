@@ -161,7 +161,10 @@ int StoreFile::committed(void *self, sqlite3 *db, const char * /*name*/, int pag
     }
     if (pages >= CHECKPOINT_AT_ONCE_PAGES) {
         sqlite3_wal_checkpoint_v2(db, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
-    } else if (pages >= CHECKPOINT_PAGES) {
+    } else if (pages < CHECKPOINT_PAGES) { // it was brought home, and begun anew
+        file->checkpoint_at_ = CHECKPOINT_PAGES;
+    } else if (pages >= file->checkpoint_at_) {
+        file->checkpoint_at_ = pages + CHECKPOINT_PAGES;
         file->begin_checkpoint();
     }
     file->said_.clear();
@@ -329,10 +332,10 @@ void StoreFile::open_count()
     if (fault == 0) {
         const int protection = s_only_reads ? PROT_READ : PROT_READ | PROT_WRITE;
         void *shared = mmap(nullptr, size, protection, MAP_SHARED, count_file_, 0);
-        fault = shared == MAP_FAILED ? errno : 0;
+        fault = errno;
         count_ = shared == MAP_FAILED ? nullptr : static_cast<std::atomic<uint32_t> *>(shared);
     }
-    if (fault != 0) {
+    if (count_ == nullptr) {
         fail(STORE_FAILED, part(COUNT) + ": " + std::strerror(fault));
     }
 }
