@@ -29,18 +29,24 @@ int start_thread(void *(*body)(void *))
 }
 
 // Holds the daemon's name in this network namespace until the process ends. False when another process has
-// it: two daemons would both bind the ports.
+// it: two daemons would both bind the ports. A command that a killed daemon was about to start may hold it
+// for a moment; a second is waited for that.
 bool take_the_name()
 {
     constexpr char name[] = "\0ovani"; // abstract: it is no file
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     memcpy(address.sun_path, name, sizeof name - 1);
-    int held = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    return held < 0 ||
-           bind(held, reinterpret_cast<sockaddr *>(&address),
-                offsetof(sockaddr_un, sun_path) + sizeof name - 1) == 0 ||
-           errno != EADDRINUSE;
+    const socklen_t length = offsetof(sockaddr_un, sun_path) + sizeof name - 1;
+    const int held = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    for (int tries = 0; tries < 20; ++tries) {
+        if (held < 0 || bind(held, reinterpret_cast<sockaddr *>(&address), length) == 0 ||
+            errno != EADDRINUSE) {
+            return true;
+        }
+        usleep(50'000);
+    }
+    return false;
 }
 
 constexpr char USAGE[] =
