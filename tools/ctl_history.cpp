@@ -19,7 +19,6 @@
 namespace {
 
 constexpr int64_t SECOND = 1'000'000;
-constexpr int64_t DAY = 86400 * SECOND;
 
 struct HistoryCommand {
     std::string directory = journal_directory();
@@ -207,13 +206,13 @@ int64_t duration_argument(const std::string &text)
 {
     static constexpr std::string_view units = "smhd";
     static constexpr int64_t seconds[] = {1, 60, 3600, 86400};
-    const size_t unit = text.empty() ? units.npos : units.find(text.back());
-    const auto number =
-        parse_number(std::string_view(text).substr(0, text.size() - (unit != units.npos ? 1 : 0)), 0, 999999);
+    const size_t unit = text.empty() ? std::string_view::npos : units.find(text.back());
+    const auto number = parse_number(
+        std::string_view(text).substr(0, text.size() - (unit != std::string_view::npos ? 1 : 0)), 0, 999999);
     if (!number) {
         fail(printable(text) + " is no duration: say 90s, 15m, 2h or 3d");
     }
-    return *number * SECOND * (unit != units.npos ? seconds[unit] : 1);
+    return *number * SECOND * (unit != std::string_view::npos ? seconds[unit] : 1);
 }
 
 std::string time_text(int64_t wall, int64_t now)

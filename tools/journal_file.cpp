@@ -6,7 +6,6 @@
 #include <cstring>
 #include <ctime>
 #include <filesystem>
-#include <ranges>
 #include <vector>
 
 #include <fcntl.h>
@@ -293,7 +292,8 @@ JournalReading read_journal(const std::string &directory, const std::function<vo
         size_t size = 0;
         ~Line() { free(text); }
     } line;
-    for (const UniqueFile &file : files | std::views::reverse) {
+    std::ranges::reverse(files); // the oldest first
+    for (const UniqueFile &file : files) {
         for (ssize_t length = 0; (length = getline(&line.text, &line.size, file.get())) > 0;) {
             const Json entry = Json::parse(line.text, line.text + length, nullptr, false);
             if (entry.is_object()) {

@@ -58,10 +58,10 @@ TEST_F(TablesTest, HostsKeepTheirOrderAndLinks)
 
 TEST_F(TablesTest, OfManyTheEldestOfAMacIsFound)
 {
-    std::vector<host_node *> nodes;
+    std::vector<host_node *> nodes(1000);
     for (int i = 0; i < 1000; ++i) { // each MAC twice
-        nodes.push_back(
-            ovani_host_node_get_by_ip_and_mac(&g_host_table_ipv4, PC_IP + i, mac_number(i % 500).data()));
+        nodes[static_cast<size_t>(i)] =
+            ovani_host_node_get_by_ip_and_mac(&g_host_table_ipv4, PC_IP + i, mac_number(i % 500).data());
     }
     for (int i = 0; i < 500; i += 3) {
         ovani_host_node_delete(&g_host_table_ipv4, nodes[i]);
