@@ -104,7 +104,7 @@ private:
     uint32_t openings_ = 0;
     bool immutable_ = false; // SQLite was told that the file does not change
     bool suspect_ = false;   // damage was met since the file was opened
-    int checkpoint_at_ = 0; // pages of the log
+    int checkpoint_at_ = 0;  // pages of the log
     std::atomic<bool> checkpointing_ = false;
     std::jthread checkpoint_;
 
