@@ -341,7 +341,7 @@ void Recorder::take_event(const TapItem &item)
 // host; asked at the same time, the bridge says the same.
 void Recorder::note_surroundings(const Json &fields)
 {
-    const bool moves = fields.contains("port") || fields.contains("ssid");
+    const bool moves = fields.contains("interface") || fields.contains("port") || fields.contains("ssid");
     is_stale_ = is_stale_ || moves;
     if (!fields.contains("mac")) {
         return;

@@ -64,7 +64,7 @@ Json decode_mac(const ovani_mac_event &e)
 {
     return {{"action", choice(e.action, "deleted", "learned")},
             {"mac", mac_text(e.mac)},
-            {"port", field_text(e.eth_num)},
+            {"interface", field_text(e.eth_num)},
             {"bridge", field_text(e.brname)}};
 }
 

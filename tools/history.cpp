@@ -132,7 +132,7 @@ void History::take_event(std::string_view event, const Json &line)
         if (Host *host = host_of(line); host != nullptr && action == "deleted") {
             may_leave(*host, "MAC aged");
         } else if (host != nullptr) {
-            remember(host->stay.places, lan_place(lan_port_of(text_of(line, "port"))));
+            remember(host->stay.places, lan_place(lan_port_of(text_of(line, "interface"))));
         }
     } else if (event == UBUS_EVENT_WIFI_ON_OFF) {
         if (Host *host = host_of(line); host != nullptr && action == "left") {

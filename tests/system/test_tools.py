@@ -150,7 +150,7 @@ class Ctl(GatewayTest):
         with gw.recording() as recorder:
             gw.emit(("mac", "add", mac(1), "-p", "eth1"), ("dhcp-text", b"a b\xff\\"), ("dhcp-text", ""), ("wan",),
                     ("mac", "del", mac(1)))
-            self.assertEqual([e.get("port", e.get("error", e.get("message"))) for e in recorder.take()],
+            self.assertEqual([e.get("interface", e.get("error", e.get("message"))) for e in recorder.take()],
                              ["eth1", "too few fields: a b\ufffd\\", "too few fields: ", "{}", "eth0"])
             for wrong in ("mac add 02:00", "none", "--help", "mac maybe " + mac(1), "dhcp-text \\x0", "dhcp-text \t"):
                 failed = gw.ctl("emit", "lines", input=f"wan\n\n# for people\n{wrong}\nwan\n", check=False)

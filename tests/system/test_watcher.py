@@ -22,7 +22,8 @@ class Watching(GatewayTest):
         return [event for event in recorder.take() if event.get("mac") != SENTINEL]
 
     def told(self, recorder):
-        return [(e["event"], e["action"], e.get("mac", e.get("port")), e.get("port", e.get("address")))
+        where = ("interface", "port", "address")
+        return [(e["event"], e["action"], e.get("mac", e.get("port")), next((e[w] for w in where if w in e), None))
                 for e in self.settled(recorder)]
 
     def test_each_change_is_told_once(self):
@@ -68,7 +69,7 @@ class Watching(GatewayTest):
             gw.exec("kill", "-CONT", watcher)
             wait_for(lambda: lost() > before, "an overrun")
             recorder.wait(len(macs), action=action)
-            told = sorted(e["mac"] for e in self.settled(recorder) if e["action"] == action and e["port"] == port)
+            told = sorted(e["mac"] for e in self.settled(recorder) if e["action"] == action and e["interface"] == port)
             self.assertEqual(told, macs)
 
         with gw.recording("109") as recorder:
@@ -115,7 +116,7 @@ class Watching(GatewayTest):
             gw.batch("link add name br0 type bridge", "link set br0 up", "link set eth0 master br0",
                      "link set eth3 master br0")
             gw.batch(f"fdb add {mac(1)} dev eth0 master static")
-            recorder.wait(mac=mac(1), action="learned", port="eth0")
+            recorder.wait(mac=mac(1), action="learned", interface="eth0")
             told = self.told(recorder)
             for event in (("109", "deleted", mac(1), "eth0"), ("110", "deleted", mac(1), "192.168.1.7"),
                           ("109", "learned", mac(1), "eth0")):
@@ -138,7 +139,7 @@ class Watching(GatewayTest):
                 gw("kill", "daemon")
                 self.assertEqual(self.settled(recorder), [])
                 gw("roam", "station", wifi)
-                self.assertEqual([(e["event"], e["action"], e.get("ssid", e.get("port")))
+                self.assertEqual([(e["event"], e["action"], e.get("ssid", e.get("interface")))
                                   for e in self.settled(recorder) if e.get("mac") == mac(3)],
                                  [("111", "left", ssid), ("109", "learned", wifi), ("111", "joined", 4 - ssid)])
 
