@@ -3,24 +3,19 @@
 import glob
 import json
 import os
-import subprocess
 import tempfile
 
-from gateway import BUILD, ROOT, GatewayTest
+from gateway import ROOT, GatewayTest, replay
 
 RECORDINGS = sorted(glob.glob(os.path.join(ROOT, "tests", "system", "recordings", "*.jsonl")))
 
 
 class Replay(GatewayTest):
-    def replay(self, file, *options):
-        return subprocess.run([os.path.join(BUILD, "bin", "ovanictl"), "replay", *options, file], check=False,
-                              stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=120)
-
     def altered(self, lines):
         with tempfile.NamedTemporaryFile("w", suffix=".jsonl", encoding="utf-8") as file:
             file.writelines(line + "\n" for line in lines)
             file.flush()
-            done = self.replay(file.name)
+            done = replay(file.name)
         self.assertEqual((done.returncode, done.stdout), (1, ""))
         return done.stderr.removeprefix(f"ovanictl: {file.name}: ")
 
@@ -28,13 +23,13 @@ class Replay(GatewayTest):
         self.assertTrue(RECORDINGS)
         for file in RECORDINGS:
             with self.subTest(file=os.path.basename(file)):
-                done = self.replay(file)
+                done = replay(file)
                 self.assertEqual(done.returncode, 0, done.stderr)
                 self.assertIn(": no difference\n", done.stdout)
         with tempfile.TemporaryDirectory() as directory:
             anew = os.path.join(directory, "anew.jsonl")
-            self.assertEqual(self.replay(RECORDINGS[0], "--write", anew).returncode, 0)
-            self.assertEqual(self.replay(anew).returncode, 0)
+            self.assertEqual(replay(RECORDINGS[0], "--write", anew).returncode, 0)
+            self.assertEqual(replay(anew).returncode, 0)
 
     def test_a_difference_is_named(self):
         with open(RECORDINGS[0], encoding="utf-8") as file:

@@ -7,7 +7,7 @@ import signal
 import subprocess
 import tempfile
 
-from gateway import BUILD, GATEWAY, GBK_NAME, OPERATORS, ROOT, Gateway, GatewayTest, wait_for
+from gateway import BUILD, GATEWAY, GBK_NAME, OPERATORS, ROOT, Gateway, GatewayTest, replay, wait_for
 
 
 def traces(state):
@@ -40,10 +40,8 @@ class Run(GatewayTest):
                               for operator in OPERATORS]:
             output = run.communicate(timeout=120)[0]
             self.assertEqual(run.returncode, 0, output)
-            replayed = subprocess.run([os.path.join(BUILD, "bin", "ovanictl"), "replay",
-                                       os.path.join(recordings.name, operator)],
-                                      check=False, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
-            self.assertIn(": no difference\n", replayed.stdout)
+            replayed = replay(os.path.join(recordings.name, operator))
+            self.assertIn(": no difference\n", replayed.stdout, replayed.stderr)
             tables = [table.count("02:00:00:00:01:") for table in output.split("NAME ")[1:]]
             self.assertEqual((len(tables), tables[0]), (5, 5), output)
             self.assertIn(GBK_NAME, output)
