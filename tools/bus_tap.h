@@ -39,6 +39,8 @@ struct TapItem {
     int number = 0;    // ANSWER: the status; LOST: how many
 };
 
+inline constexpr int SETTLE_MS = 10000; // what a daemon is given to handle what it was told
+
 // One a process.
 class BusTap {
 public:

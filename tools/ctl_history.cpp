@@ -62,13 +62,8 @@ std::vector<Stay> chosen_stays(const HistoryCommand &command, const History &his
 
 // --- As a table
 
-std::string duration_text(const Json &seconds)
-{
-    return format_duration(seconds.get<long>());
-}
-
 // The times stand twice: as people read them, and as programs do.
-constexpr Column COLUMNS[] = {
+constexpr Column STAY_COLUMNS[] = {
     {.title = "NAME", .member = "name", .cut = true},
     {.title = "MAC", .member = "mac", .leaves = 2},
     {.title = "ADDRESS", .member = "addresses", .leaves = 3},
@@ -82,12 +77,12 @@ constexpr Column COLUMNS[] = {
     {.title = "WHY", .member = "why"},
 };
 
-Row row_of(const History &history, const Stay &stay)
+Row row_of_stay(const History &history, const Stay &stay)
 {
     const int64_t now = history.last_wall();
     Row row = {.cells = {}, .dim = stay.to.has_value()};
     const Json json = stay_json(history, stay);
-    for (const Column &column : COLUMNS) {
+    for (const Column &column : STAY_COLUMNS) {
         row.cells.push_back(column.member != nullptr ? json[column.member] : Json());
     }
     row.cells[4] = (stay.exact ? "" : "before ") + time_text(history.wall_from(stay), now);
@@ -102,9 +97,9 @@ void show_history(const HistoryCommand &command)
     int64_t since = 0;
     std::vector<Row> rows;
     for (const Stay &stay : chosen_stays(command, history, since)) {
-        rows.push_back(row_of(history, stay));
+        rows.push_back(row_of_stay(history, stay));
     }
-    print_rows("stays", COLUMNS, std::move(rows), command.table);
+    print_rows("stays", STAY_COLUMNS, std::move(rows), command.table);
 }
 
 // --- As bars
@@ -233,7 +228,7 @@ void add_history_commands(CLI::App &app)
         shown->add_option("-d,--directory", command->directory, "where the journal lies")
             ->capture_default_str();
     }
-    add_table_options(history, command->table, COLUMNS);
+    add_table_options(history, command->table, STAY_COLUMNS);
     history->footer("A stay without an end lasts. WHY is the event that brought its end about.\n"
                     "Durations go by the time since boot, whatever was done to the clock.");
     history->callback([command] { show_history(*command); });

@@ -11,16 +11,10 @@
 #include <sys/sysinfo.h>
 
 #include "tools/ctl_ports.h"
-#include "tools/text.h"
 
 namespace {
 
-std::string duration_text(const Json &seconds)
-{
-    return seconds.is_number() ? format_duration(seconds.get<long>()) : "";
-}
-
-constexpr Column COLUMNS[] = {
+constexpr Column HOST_COLUMNS[] = {
     {.title = "HOST", .member = "instance", .leaves = 6},
     {.title = "NAME", .member = "name", .cut = true},
     {.title = "MAC", .member = "mac", .leaves = 2},
@@ -84,7 +78,7 @@ Row row_of(const StoreObject &host)
 
 std::span<const Column> host_columns()
 {
-    return COLUMNS;
+    return HOST_COLUMNS;
 }
 
 std::vector<Row> host_rows()
@@ -102,7 +96,7 @@ std::string host_name(const StoreObject &host)
 
 void add_hosts_command(CLI::App &app)
 {
-    add_table_command(app, "hosts", "Show the LAN hosts", COLUMNS, host_rows)
+    add_table_command(app, "hosts", "Show the LAN hosts", HOST_COLUMNS, host_rows)
         ->footer(
             "HOST is the instance number of the host's object. SINCE counts from when the host came or, if\n"
             "it is no longer active, from when it went. A narrow terminal shows fewer columns, unless -o\n"

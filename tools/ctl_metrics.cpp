@@ -18,8 +18,7 @@ extern "C" {
 namespace {
 
 constexpr char JOURNAL[] = "ovani.journal";
-constexpr int ANSWER_MS = 3000;
-constexpr int NO_ANSWER = 3;
+constexpr int HEALTH_MS = 3000;
 
 [[noreturn]] void no_answer(const std::string &why)
 {
@@ -37,7 +36,7 @@ Json ask_journal(ubus_context *bus, const char *method)
             const std::unique_ptr<char, decltype(&free)> text(blobmsg_format_json(msg, true), free);
             *static_cast<Json *>(request->priv) = Json::parse(text ? text.get() : "", nullptr, false);
         };
-        result = ubus_invoke(bus, id, method, Message().head(), take, &answer, ANSWER_MS);
+        result = ubus_invoke(bus, id, method, Message().head(), take, &answer, HEALTH_MS);
     }
     if (result != UBUS_STATUS_OK || !answer.is_object()) {
         no_answer(ubus_strerror(result));

@@ -23,7 +23,6 @@
 
 namespace {
 
-constexpr int ANSWER_MS = 10000;
 constexpr int MOST_TRIES = 100; // for a moment in which nothing happens
 constexpr int REST_MS = 200;    // in which nothing happens, for the store to be looked at
 constexpr char CARRIER[] = "InternetGatewayDevice.DeviceInfo.X_QV_Carrier";
@@ -127,7 +126,7 @@ private:
     void begin();
     void follow(long seconds);
     void end();
-    bool settle() { return tap_.settle(ANSWER_MS) || !tap_.daemon_is_there(); }
+    bool settle() { return tap_.settle(SETTLE_MS) || !tap_.daemon_is_there(); }
     StoreText export_store() const;
 
     void take(const TapItem &item);

@@ -18,7 +18,6 @@
 
 namespace {
 
-constexpr int ANSWER_MS = 10000;
 constexpr int START_MS = 20000;
 constexpr int MOMENT_MS = 50;
 
@@ -208,7 +207,7 @@ void Replay::perform_call(const RecordingLine &line)
 {
     await_turn(line);
     ubus_invoke(tap_.context(), tap_.daemon_object(), line.name.c_str(), blob_of(line.raw).data(), nullptr,
-                nullptr, ANSWER_MS);
+                nullptr, SETTLE_MS);
     ++told_;
     settle();
 }
@@ -223,7 +222,7 @@ void Replay::perform_mark(const RecordingLine &line)
         if (const int status = stage_.stop_daemon(); status != 0) {
             differ("the daemon ended with status " + std::to_string(status));
         }
-        for (int waited = 0; tap_.daemon_is_there() && waited < ANSWER_MS; waited += MOMENT_MS) {
+        for (int waited = 0; tap_.daemon_is_there() && waited < SETTLE_MS; waited += MOMENT_MS) {
             tap_.wait(MOMENT_MS);
         }
         said_.clear(); // the recorded one may have been killed before it came to say it
@@ -246,7 +245,7 @@ void Replay::bring_daemon()
 
 void Replay::settle()
 {
-    if (!tap_.settle(ANSWER_MS) && tap_.daemon_is_there()) {
+    if (!tap_.settle(SETTLE_MS) && tap_.daemon_is_there()) {
         differ("the daemon does not answer");
     }
     if (anew_) {

@@ -33,7 +33,7 @@ namespace {
 namespace fs = std::filesystem;
 using Findings = std::vector<Finding>;
 
-constexpr int ANSWER_MS = 1000;
+constexpr int PROMPT_MS = 1000;
 
 std::string counted(size_t count, const char *one, const char *many)
 {
@@ -113,7 +113,7 @@ Finding find_object(ubus_context *bus)
         return {Severity::FAULT, "object", "there is no \"ovani\" on the bus"};
     }
     const Message nothing;
-    const int status = ubus_invoke(bus, id, "are_you_listening", nothing.head(), nullptr, nullptr, ANSWER_MS);
+    const int status = ubus_invoke(bus, id, "are_you_listening", nothing.head(), nullptr, nullptr, PROMPT_MS);
     if (status == UBUS_STATUS_METHOD_NOT_FOUND) { // from the daemon itself
         return {Severity::SOUND, "object", "\"ovani\" answers"};
     }
@@ -147,7 +147,7 @@ Finding find_watcher(ubus_context *bus, WatcherStatus &status)
         return {Severity::WARNING, "watcher", "no ovani-brwatch is on the bus to tell of MACs and addresses"};
     }
     const Message nothing;
-    ubus_invoke(bus, id, "status", nothing.head(), take_status, &status, ANSWER_MS);
+    ubus_invoke(bus, id, "status", nothing.head(), take_status, &status, PROMPT_MS);
     if (!status.answered) {
         return {Severity::FAULT, "watcher", "does not answer"};
     }

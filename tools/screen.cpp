@@ -20,7 +20,7 @@
 namespace {
 
 constexpr int ESCAPE_MS = 25; // the bytes of one key come together
-constexpr size_t LONGEST_LINE = 4096;
+constexpr size_t LONGEST_COMPLAINT = 4096;
 
 sigset_t set_of(std::initializer_list<int> signals)
 {
@@ -175,7 +175,7 @@ void Screen::read_text()
     char bytes[1024];
     for (ssize_t n = read(texts_.fd, bytes, sizeof bytes); n > 0; n = read(texts_.fd, bytes, sizeof bytes)) {
         for (const char c : std::string_view(bytes, static_cast<size_t>(n))) {
-            if (c != '\n' && text_.size() < LONGEST_LINE) {
+            if (c != '\n' && text_.size() < LONGEST_COMPLAINT) {
                 text_ += c;
                 continue;
             }

@@ -156,6 +156,11 @@ std::string cell_text(const Json &cell)
     }
 }
 
+std::string duration_text(const Json &seconds)
+{
+    return seconds.is_number() ? format_duration(seconds.get<long>()) : "";
+}
+
 std::vector<TableLine> table_lines(std::span<const Column> columns, std::span<const Row> rows, size_t width)
 {
     const Table table(scols_new_table());

@@ -29,6 +29,9 @@ struct Row {
 // Texts as they are, numbers in decimal, booleans as yes and no, null as nothing.
 std::string cell_text(const Json &cell);
 
+// Of a number of seconds; nothing of anything else.
+std::string duration_text(const Json &seconds);
+
 struct TableLine {
     std::string text;
     bool dim = false;

@@ -14,7 +14,7 @@
 namespace {
 
 // Finding and changing are two steps.
-std::mutex mutex;
+std::mutex bindings_mutex;
 
 // What a VLAN tag can carry (IEEE 802.1Q, 9.6).
 constexpr unsigned int MAX_VLAN = 4094;
@@ -116,7 +116,7 @@ int keep_of_device(const char *mac, const char *up_name, unsigned int up, const 
     if (canonical.empty()) {
         return STORE_BAD_ARGUMENT;
     }
-    std::lock_guard lock(mutex);
+    std::lock_guard lock(bindings_mutex);
     std::string path;
     StoreResult result = find_device(canonical, path);
     if (result != STORE_OK && result != STORE_NO_OBJECT) {
@@ -141,7 +141,7 @@ int qvdrv_net_set_vlan_bind(unsigned int port, unsigned short lan_vlan, const qv
     if (wan == nullptr || !is_port(port) || !is_vlan(lan_vlan)) {
         return refuse("binding of VLAN " + std::to_string(lan_vlan) + " on port " + std::to_string(port));
     }
-    std::lock_guard lock(mutex);
+    std::lock_guard lock(bindings_mutex);
     return driver_keep(driver_binding_path(port, lan_vlan),
                        {{"VLAN", std::to_string(wan->vid)},
                         {"Priority", std::to_string(wan->pbit)},
@@ -159,7 +159,7 @@ int qvdrv_net_del_vlan_bind(unsigned int port, unsigned short lan_vlan, const qv
         return STORE_BAD_ARGUMENT;
     }
     const std::string path = driver_binding_path(port, lan_vlan);
-    std::lock_guard lock(mutex);
+    std::lock_guard lock(bindings_mutex);
     // The LAN VLAN may have been bound to another connection since.
     if (driver_kept(path, "VLAN") != std::to_string(wan->vid)) {
         return STORE_NO_OBJECT;
@@ -173,7 +173,7 @@ int qvdrv_net_get_dev_maxbandwidth(const char *mac, unsigned int *maxus, unsigne
     if (canonical.empty() || maxus == nullptr || maxds == nullptr) {
         return STORE_BAD_ARGUMENT;
     }
-    std::lock_guard lock(mutex);
+    std::lock_guard lock(bindings_mutex);
     std::string path;
     if (StoreResult result = find_device(canonical, path); result != STORE_OK) {
         return result;

@@ -21,7 +21,7 @@
 namespace {
 
 // An interface's flags and link settings are read and then written.
-std::mutex mutex;
+std::mutex ports_mutex;
 
 // The interface of a port. Its calls return 0 or an error number.
 class Interface {
@@ -139,7 +139,7 @@ int qvdrv_pon_set_eth_port_work_mode(const PON_ETH_PORT_WORK_MODE_T *mode)
     if (mode == nullptr) {
         return STORE_BAD_ARGUMENT;
     }
-    std::lock_guard lock(mutex);
+    std::lock_guard lock(ports_mutex);
     Interface interface(mode->port_index);
     unsigned int flags = 0;
     if (int fault = interface.get_flags(flags); fault != 0) {
@@ -166,7 +166,7 @@ int qvdrv_pon_set_eth_port_state(const PON_ETH_PORT_STATE_T *state)
         return STORE_BAD_ARGUMENT;
     }
     const bool enable = state->enable != 0;
-    std::lock_guard lock(mutex);
+    std::lock_guard lock(ports_mutex);
     if (int fault = Interface(state->port_index).set_up(enable); fault != 0) {
         log_fault(VELM_LOG_ERR, enable ? "enabling" : "disabling", state->port_index, fault);
         return STORE_FAILED;

@@ -440,7 +440,7 @@ StoreResult call(int wait, Act act, bool repairs = true)
     }
 }
 
-StoreResult write(std::span<const StoreItem> items, int wait, bool makes_missing)
+StoreResult write_items(std::span<const StoreItem> items, int wait, bool makes_missing)
 {
     const DataModel &model = data_model();
     for (const StoreItem &item : items) {
@@ -494,12 +494,12 @@ StoreResult store_read(std::span<const StoreItem> items, int wait)
 
 StoreResult store_write(std::span<const StoreItem> items, int wait)
 {
-    return write(items, wait, false);
+    return write_items(items, wait, false);
 }
 
 StoreResult store_put(std::span<const StoreItem> items, int wait)
 {
-    return write(items, wait, true);
+    return write_items(items, wait, true);
 }
 
 StoreResult store_exists(const ObjectRef &object, int wait)

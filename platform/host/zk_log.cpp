@@ -145,7 +145,7 @@ bool write_to_stderr(std::string_view line)
         return false;
     }
     while (!line.empty()) {
-        ssize_t written = write(STDERR_FILENO, line.data(), line.size());
+        ssize_t written = ::write(STDERR_FILENO, line.data(), line.size());
         if (written <= 0 && errno != EINTR) {
             break; // nobody is left to tell
         }
