@@ -11,6 +11,7 @@
 #include <sys/sysinfo.h>
 
 #include "tools/ctl_ports.h"
+#include "tools/text.h"
 
 namespace {
 
