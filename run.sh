@@ -259,7 +259,7 @@ else
     [[ $OVANI_GATEWAY == /run/ovani-gateway ]] || note+=" (export OVANI_GATEWAY=$OVANI_GATEWAY first)"
     plug_all 1.5 >>"$OVANI_GATEWAY/log/plug.log" 2>&1 &
     # In the background, so that a signal is heeded at once; Ctrl-C is for the viewer, and it ends with it.
-    if [[ -t 0 && -t 1 ]]; then
+    if [[ -t 0 && -t 1 && ${TERM:-dumb} != dumb ]]; then
         setpriv --pdeathsig TERM tools/gateway exec ovanictl top --note "$note" </dev/tty &
     else
         tools/gateway exec ovanictl events &

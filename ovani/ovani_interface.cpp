@@ -62,19 +62,6 @@ int ovani_get_mac_by_ifname(int sockfd, const char *ifname, unsigned char *macAd
 
 namespace {
 
-// Wi-Fi SSIDs as interface names: the first four of a radio are numbered from `first`, further ones from
-// `further`, which leaves the other radio's four in between. "rai" stands before "ra", which it contains.
-struct WifiRadio {
-    std::string_view name;
-    int first;
-    int further;
-};
-constexpr WifiRadio WIFI_RADIOS[] = {
-    {"rai", 5, 9},
-    {"ra", 1, 5},
-};
-constexpr int SSIDS_IN_FIRST_BLOCK = 4;
-
 bool is_lan_port_number(int number)
 {
     return number > 0 && number < OVANI_INVALID_VALUE;
@@ -97,7 +84,7 @@ int wifi_port_number(const WifiRadio &radio, std::string_view rest)
     if (ssid < 0 || ssid >= OVANI_INVALID_VALUE) {
         return 0;
     }
-    return ssid + (ssid < SSIDS_IN_FIRST_BLOCK ? radio.first : radio.further);
+    return radio.port_number(ssid);
 }
 
 } // namespace

@@ -23,7 +23,7 @@ void print_json(const std::vector<Finding> &findings)
                         {"text", finding.text}});
     }
     const Json report = {
-        {"schema", 1}, {"state", severity_word(worst_of(findings))}, {"findings", std::move(rows)}};
+        {"schema", JSON_SCHEMA}, {"state", severity_word(worst_of(findings))}, {"findings", std::move(rows)}};
     puts(json_text(report, 1).c_str());
 }
 

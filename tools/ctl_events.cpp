@@ -2,7 +2,6 @@
 
 #include "tools/ovanictl.h" // CLI11 before libubox, whose macros take one of its names
 
-#include <chrono>
 #include <cstdio>
 #include <map>
 #include <memory>
@@ -14,6 +13,7 @@
 #include "platform/host/store.h"
 #include "tools/bus.h"
 #include "tools/events.h"
+#include "tools/journal.h"
 #include "tools/json.h"
 #include "tools/objects.h"
 #include "tools/table.h"
@@ -131,26 +131,14 @@ private:
     Timer settle_{[this] { settle(); }};
 };
 
-std::string hex_text(std::string_view bytes)
-{
-    std::string out;
-    for (const char byte : bytes) {
-        char text[3];
-        snprintf(text, sizeof text, "%02x", static_cast<unsigned>(static_cast<uint8_t>(byte)));
-        out += text;
-    }
-    return out;
-}
-
+// As the journal has it, with its schema before it.
 std::string event_json(const char *name, blob_attr *msg)
 {
-    const auto now = std::chrono::system_clock::now().time_since_epoch();
-    const auto time = std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
-    Json event = {{"schema", JSON_SCHEMA},
-                  {"time", static_cast<double>(time) / 1000},
-                  {"event", name},
-                  {"raw", hex_text(event_bytes(name, msg))}};
+    Json event = {{"schema", JSON_SCHEMA}};
+    event.update(journal_line(moment_now()));
+    event["event"] = name;
     event.update(decode_event(name, msg));
+    event["raw"] = base64({static_cast<const char *>(blob_data(msg)), blob_len(msg)});
     return json_text(event);
 }
 
@@ -254,8 +242,7 @@ void add_events_command(CLI::App &app, const CtlOptions &options)
     events->add_option("PATTERN", command->patterns,
                        "events by word (mac) or name (109), a trailing * for any rest (all of them)");
     events->add_option("-n,--count", command->count, "end after so many")->check(CLI::Range(1, INT32_MAX));
-    events->add_flag("--json", command->json,
-                     "one JSON object a line: its time, the fields, and the bytes of the record");
+    events->add_flag("--json", command->json, "one JSON object a line, as the journal has it");
     events->footer("Lines that say the same as the one before are counted: ×37.");
     events->add_flag("--list", command->list,
                      "instead: the gateway's events, the words for them, and what carries their records");

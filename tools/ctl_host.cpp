@@ -74,7 +74,8 @@ void show_host(const HostCommand &command)
     const std::vector<StoreObject> hosts = read_objects(HOSTS_PATH);
     const StoreObject &host = find_host(hosts, command.who);
     if (command.json) {
-        const Json shown = {{"schema", 1}, {"instance", host.instance}, {"parameters", host.parameters}};
+        const Json shown = {
+            {"schema", JSON_SCHEMA}, {"instance", host.instance}, {"parameters", host.parameters}};
         puts(json_text(shown, 1).c_str());
         return;
     }

@@ -212,28 +212,6 @@ std::vector<Row> port_rows()
     return rows;
 }
 
-std::string lan_port_name(int number)
-{
-    return "LAN" + std::to_string(number);
-}
-
-// The interface is the one that the daemon takes for this SSID.
-std::string ssid_name(int instance)
-{
-    constexpr int most = 8; // of a radio
-    std::string name = "SSID " + std::to_string(instance);
-    for (int i = 0; i < 2 * most; ++i) {
-        const std::string interface = (i < most ? "ra" : "rai") + std::to_string(i % most);
-        char number = 0;
-        char type = 0;
-        eth_num2lanport_no_type(interface.c_str(), &number, &type);
-        if (static_cast<unsigned char>(number) == instance) {
-            return name.append(" (").append(interface).append(")");
-        }
-    }
-    return name;
-}
-
 void add_port_commands(CLI::App &app)
 {
     add_table_command(app, "ports", "Show the LAN ports and where their VLANs go", PORT_COLUMNS, port_rows)

@@ -1,4 +1,4 @@
-// The LAN ports as rows of a table, and what ports are called.
+// The LAN ports as rows of a table.
 #pragma once
 
 #include <span>
@@ -15,8 +15,3 @@ enum PortCell : size_t {
 };
 std::span<const Column> port_columns();
 std::vector<Row> port_rows();
-
-// LAN2.
-std::string lan_port_name(int number);
-// By its instance in the data model, with its interface: SSID 5 (rai0).
-std::string ssid_name(int instance);

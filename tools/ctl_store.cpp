@@ -38,8 +38,8 @@ void get(const GetCommand &command)
 
     const bool is_parameter = listing.size() == 1 && listing[0].first == command.path;
     if (command.json) {
-        Json json = Json::object();
-        auto &members = json.get_ref<Json::object_t &>();
+        Json json = {{"schema", JSON_SCHEMA}, {"parameters", Json::object()}};
+        auto &members = json["parameters"].get_ref<Json::object_t &>();
         for (auto &[path, value] : listing) {
             members.emplace_back(std::move(path), std::move(value)); // each path is there once
         }

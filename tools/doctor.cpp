@@ -292,11 +292,10 @@ void find_bindings(Findings &findings)
             ++bound;
             if (lan[i] != 0 && wan[i] != 0 && !is_carried(wan[i])) {
                 const int ssid = port - ovani_lan_port_count();
-                findings.push_back(
-                    {Severity::WARNING, "bindings",
-                     (ssid > 0 ? "SSID " + std::to_string(ssid) : "LAN" + std::to_string(port)) +
-                         ": no connection carries WAN VLAN " + std::to_string(wan[i]) +
-                         ", to which LAN VLAN " + std::to_string(lan[i]) + " is bound"});
+                findings.push_back({Severity::WARNING, "bindings",
+                                    (ssid > 0 ? ssid_name(ssid) : lan_port_name(port)) +
+                                        ": no connection carries WAN VLAN " + std::to_string(wan[i]) +
+                                        ", to which LAN VLAN " + std::to_string(lan[i]) + " is bound"});
             }
         }
     }

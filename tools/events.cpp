@@ -283,20 +283,6 @@ std::optional<std::string> event_pattern(std::string_view asked)
     return std::nullopt;
 }
 
-std::string_view event_bytes(std::string_view name, blob_attr *msg)
-{
-    const EventKind *kind = find_event(name);
-    if (kind == nullptr || kind->attribute == nullptr) {
-        return {};
-    }
-    const blobmsg_policy policy = {kind->attribute, BLOBMSG_TYPE_UNSPEC};
-    blob_attr *attr = nullptr;
-    blobmsg_parse(&policy, 1, &attr, blob_data(msg), static_cast<unsigned>(blob_len(msg)));
-    return attr == nullptr ? std::string_view()
-                           : std::string_view(static_cast<const char *>(blobmsg_data(attr)),
-                                              static_cast<size_t>(blobmsg_data_len(attr)));
-}
-
 Json decode_event(std::string_view name, blob_attr *msg)
 {
     const Reader *reader = find_reader(name);

@@ -58,10 +58,6 @@ std::string event_word(std::string_view event);
 // with a '*' and a name with a '.' (which is none of the gateway's) stay. Nothing for any other text.
 std::optional<std::string> event_pattern(std::string_view asked);
 
-// The bytes of the attribute that carries the event's record or text, of whatever length and type; empty
-// when there is none.
-std::string_view event_bytes(std::string_view name, blob_attr *msg);
-
 // What an event says, in the order of its record. A message that is not what its event should carry yields
 // one member named "error"; an event that is none of the gateway's yields one named "message", its content as
 // JSON text.

@@ -42,12 +42,12 @@ void remember(std::vector<std::string> &texts, std::string_view text)
 
 std::string lan_place(int64_t port)
 {
-    return port > 0 && port < OVANI_INVALID_VALUE ? "LAN" + std::to_string(port) : "";
+    return port > 0 && port < OVANI_INVALID_VALUE ? lan_port_name(port) : "";
 }
 
 std::string wifi_place(int64_t ssid)
 {
-    return ssid >= 0 && ssid < OVANI_INVALID_VALUE ? "SSID " + std::to_string(ssid + 1) : "Wi-Fi";
+    return ssid >= 0 && ssid < OVANI_INVALID_VALUE ? ssid_name(ssid + 1) : "Wi-Fi";
 }
 
 void take_texts(const Json &line, const char *key, std::vector<std::string> &texts)

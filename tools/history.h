@@ -17,7 +17,7 @@ struct Stay {
     Mac mac{};
     std::string name;
     std::vector<std::string> addresses; // the last one held is the last
-    std::vector<std::string> places;    // "LAN2", "SSID 1", "Wi-Fi"; likewise
+    std::vector<std::string> places;    // "LAN2", "SSID 1 (ra0)", "Wi-Fi"; likewise
     size_t boot = 0;
     int64_t from = 0;
     bool exact = true;         // false: it had come before the journal could tell

@@ -48,9 +48,10 @@ Screen::Screen()
         fail("no descriptors left");
     }
     terminal_ = newterm(nullptr, stdout, stdin);
-    if (terminal_ == nullptr) {
+    if (terminal_ == nullptr || tigetstr("cup") == nullptr) {
         const char *term = getenv("TERM");
-        fail("TERM=" + printable(term != nullptr ? term : "") + ": nothing is known of such a terminal");
+        fail("TERM=" + printable(term != nullptr ? term : "") +
+             ": no screen can be drawn on such a terminal");
     }
     set_escdelay(ESCAPE_MS);
     cbreak();

@@ -6,37 +6,10 @@
 #include <ctime>
 #include <cwchar>
 
+#include "ovani/ovani_interface.h"
+#include "platform/host/utf8.h"
+
 namespace {
-
-struct CodePoint {
-    char32_t value;
-    size_t length; // bytes taken; 0 when the text does not start with a well-formed sequence
-};
-
-// RFC 3629: shortest forms only, no surrogates, nothing beyond U+10FFFF.
-CodePoint decode_utf8(std::string_view text)
-{
-    const auto byte = [&](size_t i) { return static_cast<uint8_t>(text[i]); };
-    if (byte(0) < 0x80) {
-        return {byte(0), 1};
-    }
-    const size_t length = byte(0) >= 0xf0 ? 4 : byte(0) >= 0xe0 ? 3 : 2;
-    if (byte(0) < 0xc2 || byte(0) > 0xf4 || text.size() < length) {
-        return {0, 0};
-    }
-    char32_t value = byte(0) & (0x7fU >> length);
-    for (size_t i = 1; i < length; ++i) {
-        if ((byte(i) & 0xc0) != 0x80) {
-            return {0, 0};
-        }
-        value = (value << 6) | (byte(i) & 0x3fU);
-    }
-    static constexpr char32_t smallest[] = {0, 0, 0x80, 0x800, 0x10000};
-    if (value < smallest[length] || value > 0x10ffff || (value >= 0xd800 && value <= 0xdfff)) {
-        return {0, 0};
-    }
-    return {value, length};
-}
 
 // Characters that move the cursor, end the line or turn the text around.
 bool disturbs_terminal(char32_t c)
@@ -220,6 +193,25 @@ std::string format_duration(long seconds)
         snprintf(text, sizeof text, "%ld d %02ld h", seconds / 86400, seconds / 3600 % 24);
     }
     return text;
+}
+
+std::string lan_port_name(int64_t number)
+{
+    return "LAN" + std::to_string(number);
+}
+
+std::string ssid_name(int64_t instance)
+{
+    constexpr int most = 8; // of a radio
+    std::string name = "SSID " + std::to_string(instance);
+    for (const WifiRadio &radio : WIFI_RADIOS) {
+        for (int ssid = 0; ssid < most; ++ssid) {
+            if (radio.port_number(ssid) == instance) {
+                name.append(" (").append(radio.name).append(std::to_string(ssid)).append(")");
+            }
+        }
+    }
+    return name;
 }
 
 std::string date_text()

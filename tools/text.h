@@ -26,6 +26,10 @@ std::optional<std::vector<uint8_t>> parse_hex(std::string_view text);
 // eth0 is LAN port 1; 0 for an interface that is no Ethernet port.
 unsigned lan_port_of(std::string_view ifname);
 
+// What ports are called: LAN2; an SSID by its instance in the data model, with its interface: SSID 5 (rai0).
+std::string lan_port_name(int64_t number);
+std::string ssid_name(int64_t instance);
+
 // Safe on a terminal: control characters, bidirectional overrides and bytes that are not UTF-8 become \xNN.
 std::string printable(std::string_view bytes);
 

@@ -202,7 +202,7 @@ class Recorder:
     def events(self):
         """Without what every event has: its schema, its time and its bytes."""
         events = [json.loads(line) for line in self.lines() if line.startswith("{")][self.taken:]
-        return [{k: v for k, v in event.items() if k not in ("schema", "time", "raw")} for event in events]
+        return [{k: v for k, v in event.items() if k not in ("schema", "time", "us", "raw")} for event in events]
 
     def wait_connected(self, times):
         wait_for(lambda: self.lines().count("listening\n") >= times, "the recorder to listen")

@@ -48,7 +48,7 @@ class Journal(GatewayTest):
         self.assertEqual(
             [(told[mac(n)]["name"], told[mac(n)]["places"], told[mac(n)]["why"]) for n in (1, 2, 3, 4)],
             [(HOSTILE, ["LAN1"], "link down"), (GBK_NAME, ["LAN2"], "lease released"), ("pc", ["LAN3"], "MAC aged"),
-             ("", ["SSID 5"], "Wi-Fi leave")])
+             ("", ["SSID 5 (rai0)"], "Wi-Fi leave")])
         # One who is there while the daemon dies, and whom it finds again.
         gateway.bring(3, "eth2")
         gateway("kill", "daemon")

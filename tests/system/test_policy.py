@@ -220,7 +220,7 @@ class Policy(GatewayTest):
             gw.exec("sh", "-c", "ovanictl store export /var/1 && ovanictl set $1 x && ovanictl store import /var/1 &&"
                     "ovanictl store export /var/2 && cmp /var/1 /var/2", "sh", parameter)
             self.assertEqual(json.loads(gw.ctl("get", "--json", parameter)),
-                             {parameter: value.decode(errors="replace")})
+                             {"schema": 1, "parameters": {parameter: value.decode(errors="replace")}})
         text = gw.exec("cat", "/var/1")
         lines = text.splitlines()
         self.assertEqual([line.split("=")[0] for line in lines], sorted(line.split("=")[0] for line in lines))
