@@ -1,19 +1,16 @@
 #include "platform/host/store.h"
 
 #include <algorithm>
-#include <array>
 #include <cstring>
+#include <map>
 #include <optional>
 #include <unordered_map>
 
-#include <nlohmann/json.hpp>
-
 #include "platform/host/number.h"
 #include "platform/host/store_file.h"
+#include "platform/host/utf8.h"
 
 namespace {
-
-using nlohmann::json;
 
 // More rows than this are not kept in memory: the 254 host objects and as much again.
 constexpr size_t MAX_CACHED_ROWS = 512;
@@ -22,23 +19,34 @@ constexpr size_t USUAL_ROW = 1000; // bytes of JSON
 
 // --- Values as JSON strings
 
-// Stands between values that are made JSON together.
-constexpr char BETWEEN = '\x7f';
-
-void escape(std::string_view value, bool is_utf8, std::string &text)
+void append_hex(std::string &text, std::string_view prefix, char byte)
 {
     static constexpr char digits[] = "0123456789abcdef";
-    for (char c : value) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (c == BETWEEN || (byte >= 0x80 && !is_utf8)) {
-            text.append("\\x").append(1, digits[byte >> 4]).append(1, digits[byte & 0xf]);
-            continue;
+    const auto number = static_cast<unsigned char>(byte);
+    text.append(prefix).append(1, digits[number >> 4]).append(1, digits[number & 0xf]);
+}
+
+// RFC 8259. A byte that is not UTF-8 becomes \xNN, and a backslash is doubled, before JSON doubles both
+// again.
+void append_json(std::string &text, std::string_view value)
+{
+    text += '"';
+    while (!value.empty()) {
+        const size_t length = decode_utf8(value).length;
+        if (length == 0) {
+            append_hex(text, "\\\\x", value.front());
+        } else if (value.front() == '\\') {
+            text += "\\\\\\\\";
+        } else if (value.front() == '"') {
+            text += "\\\"";
+        } else if (static_cast<unsigned char>(value.front()) < 0x20) {
+            append_hex(text, "\\u00", value.front());
+        } else {
+            text += value.substr(0, length);
         }
-        if (c == '\\') {
-            text += c;
-        }
-        text += c;
+        value.remove_prefix(std::max<size_t>(length, 1));
     }
+    text += '"';
 }
 
 // A backslash that begins neither \\ nor \xNN stands for itself: strangers write too.
@@ -62,44 +70,23 @@ std::string decoded(std::string_view text)
     return value;
 }
 
-// Texts as JSON strings, all at once: to begin takes longer than to go through a short one.
-std::vector<std::string> encoded(std::span<const std::string_view> texts, bool are_utf8 = true)
-{
-    std::string joined;
-    joined.reserve(USUAL_ROW);
-    for (std::string_view text : texts) {
-        escape(text, are_utf8, joined);
-        joined += BETWEEN;
-    }
-    try {
-        joined = json(std::move(joined)).dump();
-    } catch (const json::type_error &) { // one of them is not UTF-8
-        return encoded(texts, false);
-    }
-    std::vector<std::string> result;
-    result.reserve(texts.size());
-    std::string_view rest = std::string_view(joined).substr(1); // without the quotation mark
-    for (size_t i = 0; i < texts.size(); ++i) {
-        const size_t length = rest.find(BETWEEN);
-        result.emplace_back("\"").append(rest.substr(0, length)).append("\"");
-        rest.remove_prefix(length + 1);
-    }
-    return result;
-}
-
 // --- Rows
+
+struct RowValue {
+    std::string text;     // whole, though the model may have made it shorter since it was kept
+    bool is_kept = false; // in the file; else it is what the model begins with, or a count
+};
 
 struct Row {
     std::string path;
-    // By the parameter's index in the model: values as they are shown, and as JSON where one is kept.
-    std::vector<std::string> values;
-    std::vector<std::string> kept;
-    std::string unknown; // members that the model does not know, each with a comma before it
+    std::vector<RowValue> values; // by the parameter's index in the model
+    std::string unknown;          // members that the model does not know, each with a comma before it
 };
 
 void append_member(std::string &text, std::string_view name, std::string_view value)
 {
-    text.append(",\"").append(name).append("\":").append(value);
+    text.append(",\"").append(name).append("\":");
+    append_json(text, value);
 }
 
 // The text of an item, never read further than the parameter is long.
@@ -132,6 +119,12 @@ std::string path_of(const ObjectRef &object)
     return data_model_path(data_model(), object);
 }
 
+std::string without_number(std::string path)
+{
+    path.resize(path.rfind('.', path.size() - 2) + 1);
+    return path;
+}
+
 // Behind all paths that begin with this one.
 std::string end_of(std::string path)
 {
@@ -158,7 +151,7 @@ public:
         file_.prepare(wait, repairs);
         drop_stale_rows();
         if (rows_.size() > MAX_CACHED_ROWS) {
-            rows_.clear();
+            forget();
         }
     }
 
@@ -179,7 +172,7 @@ public:
             rows_version_ = file_.version(); // changed by nobody but us
         } catch (...) {
             file_.roll_back();
-            rows_.clear();
+            forget();
             throw;
         }
     }
@@ -187,15 +180,15 @@ public:
     // Whether the objects of a batch are there; if so their rows are in memory, of one version.
     bool find_all(std::span<const StoreItem> items)
     {
+        bool known = true;
+        for_each_object(items,
+                        [&](const ObjectRef &object, auto) { known = known && rows_.contains(object); });
         bool all = true;
-        for_each_object(items, [&](const ObjectRef &object, auto) { all = all && rows_.contains(object); });
-        if (!all) {
-            transact(STORE_BEGIN_READING, [&] {
-                all = true;
-                for_each_object(items,
-                                [&](const ObjectRef &object, auto) { all = all && find(object) != nullptr; });
-            });
-        }
+        const auto look = [&] {
+            for_each_object(items,
+                            [&](const ObjectRef &object, auto) { all = all && find(object) != nullptr; });
+        };
+        known ? look() : transact(STORE_BEGIN_READING, look);
         return all;
     }
 
@@ -204,22 +197,24 @@ public:
     {
         bool all = true;
         for_each_object(items, [&](const ObjectRef &object, std::span<const StoreItem> own) {
-            const Row &row = rows_.find(object)->second;
+            const Row &row = *rows_.find(object)->second;
             const ModelObject &model = data_model_object(object);
             all = all && std::ranges::all_of(own, [&](const StoreItem &item) {
-                      return row.values[item.parameter] == text_of(item, model);
+                      return row.values[item.parameter].text == text_of(item, model);
                   });
         });
         return all;
     }
 
-    // Of a table's instances, ascending
-    std::vector<int> numbers_of(const ObjectRef &table)
+    // Of a table's instances, ascending. Inside a transaction, as all that follows.
+    const std::vector<int> &numbers_of(const ObjectRef &table)
     {
+        const std::string prefix = without_number(path_of(table));
+        if (const auto found = numbers_.find(prefix); found != numbers_.end()) {
+            return found->second;
+        }
         std::vector<int> numbers;
-        std::string prefix = path_of(table);
-        prefix.resize(prefix.rfind('.', prefix.size() - 2) + 1); // without a number
-        file_.execute(STORE_SELECT_BETWEEN, prefix, end_of(prefix), [&](std::string_view path) {
+        file_.execute(STORE_SELECT_BETWEEN, prefix, end_of(prefix), [&](std::string_view path, auto) {
             if (path.starts_with(prefix) && path.find('.', prefix.size()) == path.size() - 1) {
                 path.remove_prefix(prefix.size());
                 path.remove_suffix(1);
@@ -229,21 +224,28 @@ public:
             }
         });
         std::ranges::sort(numbers);
-        return numbers;
+        return numbers_[prefix] = std::move(numbers);
     }
 
-    // Null when there is no such object. Inside a transaction, as all that follows.
+    // Null when there is no such object.
     Row *find(const ObjectRef &object)
     {
         auto found = rows_.find(object);
         if (found == rows_.end()) {
-            std::optional<Row> row = load(object);
-            if (!row) {
-                return nullptr;
-            }
-            found = rows_.emplace(object, std::move(*row)).first;
+            found = rows_.emplace(object, load(object)).first;
         }
-        return &found->second;
+        return found->second ? &*found->second : nullptr;
+    }
+
+    // A value as the model shows it now.
+    std::string_view shown(const ObjectRef &object, Row &row, size_t parameter)
+    {
+        const ModelParameter &shown_as = data_model_object(object).parameters[parameter];
+        std::string &text = row.values[parameter].text;
+        if (shown_as.counted != MODEL_NONE) {
+            return text = std::to_string(numbers_of({shown_as.counted, object.instance}).size());
+        }
+        return {text.data(), strnlen(text.c_str(), shown_as.max_length)};
     }
 
     void change(const ObjectRef &object, std::span<const StoreItem> items)
@@ -253,29 +255,22 @@ public:
             throw StoreFailure{STORE_NO_OBJECT};
         }
         const ModelObject &model = data_model_object(object);
-        std::vector<size_t> changed;
-        std::vector<std::string_view> texts;
-        changed.reserve(items.size());
-        texts.reserve(items.size());
+        bool changed = false;
         for (const StoreItem &item : items) {
-            if (const std::string_view text = text_of(item, model); row->values[item.parameter] != text) {
-                row->values[item.parameter] = text;
-                changed.push_back(item.parameter);
-                texts.push_back(text);
+            RowValue &value = row->values[item.parameter];
+            if (const std::string_view text = text_of(item, model); value.text != text) {
+                value = {.text = std::string(text), .is_kept = true};
+                changed = true;
             }
         }
-        if (changed.empty()) {
+        if (!changed) {
             return;
-        }
-        std::vector<std::string> tokens = encoded(texts);
-        for (size_t i = 0; i < changed.size(); ++i) {
-            row->kept[changed[i]] = std::move(tokens[i]);
         }
         std::string object_text;
         object_text.reserve(USUAL_ROW);
-        for (size_t i = 0; i < row->kept.size(); ++i) {
-            if (!row->kept[i].empty()) {
-                append_member(object_text, model.parameters[i].name, row->kept[i]);
+        for (size_t i = 0; i < row->values.size(); ++i) {
+            if (row->values[i].is_kept) {
+                append_member(object_text, model.parameters[i].name, row->values[i].text);
             }
         }
         object_text.append(row->unknown).front() = '{'; // for a comma
@@ -297,9 +292,15 @@ public:
         if (!model.is_instance) {
             return; // comes with what it lies in
         }
-        file_.execute(STORE_INSERT, path_of(object));
-        if (file_.changed_something()) {
-            rows_.clear(); // of the counts in them
+        const std::string path = path_of(object);
+        file_.execute(STORE_INSERT, path);
+        if (!file_.changed_something()) {
+            return; // it is there
+        }
+        std::erase_if(rows_, [](const auto &row) { return !row.second; }); // what lies in it is there, too
+        if (const auto table = numbers_.find(without_number(path)); table != numbers_.end()) {
+            const int number = object.instance[model.depth - 1];
+            table->second.insert(std::ranges::upper_bound(table->second, number), number);
         }
     }
 
@@ -326,7 +327,12 @@ public:
         if (!file_.changed_something()) {
             throw StoreFailure{STORE_NO_OBJECT};
         }
-        rows_.clear(); // of the counts in them
+        std::erase_if(rows_,
+                      [&](const auto &row) { return row.second && row.second->path.starts_with(path); });
+        std::erase_if(numbers_, [&](const auto &table) { return table.first.starts_with(path); });
+        if (const auto table = numbers_.find(without_number(path)); table != numbers_.end()) {
+            std::erase(table->second, object.instance[data_model_object(object).depth - 1]);
+        }
     }
 
     // The objects right below `object` (or at the top), each with all below it, as far as they touch `path`.
@@ -353,46 +359,52 @@ private:
     void drop_stale_rows()
     {
         if (const uint64_t version = file_.version(); version != rows_version_) {
-            rows_.clear();
+            forget();
             rows_version_ = version;
         }
+    }
+
+    void forget()
+    {
+        rows_.clear();
+        numbers_.clear();
     }
 
     // Reads an object from the file. Of lengths, defaults and names counts what the model says now.
     std::optional<Row> load(const ObjectRef &object)
     {
         const ModelObject &model = data_model_object(object);
-        Row row{.path = path_of(object), .values = {}, .kept = {}, .unknown = {}};
-        std::optional<json> parameters;
-        file_.execute(STORE_SELECT, row.path, {},
-                      [&](std::string_view text) { parameters = json::parse(text, nullptr, false); });
-        if (!parameters) { // an object that is no instance is there with what it lies in
-            if (model.is_instance || (model.depth > 0 && !load(above(object)))) {
-                return std::nullopt;
+        Row row{.path = path_of(object), .values = {}, .unknown = {}};
+        row.values.resize(model.parameters.size());
+        bool found = false;
+        bool sound = true;
+        file_.execute(STORE_SELECT, row.path, {}, [&](std::string_view name, std::string_view value) {
+            found = true;
+            if (name.data() == nullptr) {
+                return; // nothing is kept of it
             }
-            parameters = json::object();
-        }
-        bool sound = parameters->is_object();
-        for (auto kept = parameters->begin(); sound && kept != parameters->end(); ++kept) {
-            sound = kept->is_primitive() && data_model_is_name(kept.key());
-            if (sound && data_model_find_parameter(model, kept.key()) == MODEL_NONE) {
-                append_member(row.unknown, kept.key(), kept->dump());
+            sound = sound && data_model_is_name(name) && value.data() != nullptr;
+            if (!sound) {
+                return;
             }
+            if (const int i = data_model_find_parameter(model, name); i != MODEL_NONE) {
+                row.values[static_cast<size_t>(i)] = {.text = decoded(value), .is_kept = true};
+            } else {
+                append_member(row.unknown, name, decoded(value));
+            }
+        });
+        // An object that is no instance is there with what it lies in.
+        if (!found && (model.is_instance || (model.depth > 0 && !load(above(object))))) {
+            return std::nullopt;
         }
         if (!sound) {
             file_.fail(STORE_DAMAGED, row.path + ": its parameters are no JSON object of texts");
         }
-        row.values.reserve(model.parameters.size());
-        row.kept.resize(model.parameters.size());
-        for (const ModelParameter &parameter : model.parameters) {
-            std::string &value = row.values.emplace_back(parameter.initial);
-            if (parameter.counted != MODEL_NONE) {
-                value = std::to_string(numbers_of({parameter.counted, object.instance}).size());
-            } else if (auto kept = parameters->find(parameter.name); kept != parameters->end()) {
-                row.kept[row.values.size() - 1] = kept->dump();
-                value = kept->is_string() ? decoded(kept->get_ref<const std::string &>()) : kept->dump();
-                value.resize(strnlen(value.c_str(), parameter.max_length));
+        for (size_t i = 0; i < row.values.size(); ++i) {
+            if (!row.values[i].is_kept) {
+                row.values[i].text = model.parameters[i].initial;
             }
+            shown(object, row, i); // so that what it counts is known
         }
         return row;
     }
@@ -412,15 +424,17 @@ private:
         for (size_t i = 0; i < row->values.size(); ++i) {
             std::string parameter_path = own_path + model.parameters[i].name;
             if (inside || parameter_path == path) {
-                listing.emplace_back(std::move(parameter_path), std::move(row->values[i]));
+                listing.emplace_back(std::move(parameter_path), shown(object, *row, i));
             }
         }
         list_below(object, path, listing);
     }
 
     StoreFile file_;
-    // Rows in memory, and the version of the file that all of them are.
-    std::unordered_map<ObjectRef, Row, ObjectRefHash> rows_;
+    // What is in memory, and the version of the file that all of it is: rows, or that there is none, with the
+    // instances that they count; and the instances of tables, by their paths.
+    std::unordered_map<ObjectRef, std::optional<Row>, ObjectRefHash> rows_;
+    std::map<std::string, std::vector<int>> numbers_;
     uint64_t rows_version_ = 0;
 };
 
@@ -482,9 +496,9 @@ StoreResult store_read(std::span<const StoreItem> items, int wait)
             return STORE_NO_OBJECT;
         }
         for_each_object(items, [](const ObjectRef &object, std::span<const StoreItem> own) {
-            const Row &row = *store.find(object);
+            Row &row = *store.find(object);
             for (const StoreItem &item : own) {
-                const std::string &value = row.values[item.parameter];
+                const std::string_view value = store.shown(object, row, item.parameter);
                 item.text[value.copy(item.text, MODEL_MAX_VALUE)] = '\0';
             }
         });
@@ -530,7 +544,7 @@ StoreResult store_instances(const ObjectRef &table, std::vector<int> &numbers, i
 {
     numbers.clear();
     return call(wait, [&] {
-        numbers = store.numbers_of(table);
+        store.transact(STORE_BEGIN_READING, [&] { numbers = store.numbers_of(table); });
         return STORE_OK;
     });
 }

@@ -48,7 +48,8 @@ constexpr std::array<const char *, STORE_STATEMENTS> SQL = {
     "BEGIN IMMEDIATE",
     "COMMIT",
     "ROLLBACK",
-    "SELECT parameters FROM object WHERE path = ?1",
+    "SELECT key, atom FROM object LEFT JOIN json_each(iif(json_valid(parameters), "
+    "iif(json_type(parameters) = 'object', parameters, '[[]]'), '[[]]')) WHERE object.path = ?1",
     "SELECT path FROM object WHERE path > ?1 AND path < ?2",
     "INSERT OR IGNORE INTO object VALUES (?1, '{}')",
     "UPDATE object SET parameters = ?2 WHERE path = ?1",
@@ -57,10 +58,10 @@ constexpr std::array<const char *, STORE_STATEMENTS> SQL = {
 
 bool s_only_reads = false;
 
-std::string_view text_of(sqlite3_stmt *row)
+std::string_view text_of(sqlite3_stmt *row, int column)
 {
-    const auto *bytes = reinterpret_cast<const char *>(sqlite3_column_text(row, 0));
-    const auto length = static_cast<size_t>(sqlite3_column_bytes(row, 0));
+    const auto *bytes = reinterpret_cast<const char *>(sqlite3_column_text(row, column));
+    const auto length = static_cast<size_t>(sqlite3_column_bytes(row, column));
     return bytes == nullptr ? std::string_view{} : std::string_view(bytes, length);
 }
 
@@ -118,7 +119,7 @@ void StoreFile::execute(StoreStatement statement, std::string_view first, std::s
     int code = SQLITE_OK;
     while ((code = sqlite3_step(execution.get())) == SQLITE_ROW) {
         if (take) {
-            take(text_of(execution.get()));
+            take(text_of(execution.get(), 0), text_of(execution.get(), 1));
         }
     }
     check(code == SQLITE_DONE ? SQLITE_OK : code);
@@ -437,7 +438,7 @@ void StoreFile::seed()
         const ModelObject &table = model.objects[i];
         bool is_new = table.begins_with > 0;
         if (is_new) {
-            execute(STORE_SELECT, table.path, {}, [&](auto) { is_new = false; });
+            execute(STORE_SELECT, table.path, {}, [&](auto, auto) { is_new = false; });
         }
         if (!is_new) {
             continue;

@@ -31,7 +31,8 @@ enum StoreStatement : size_t {
     STORE_BEGIN_WRITING,
     STORE_COMMIT,
     STORE_ROLLBACK,
-    STORE_SELECT,         // the parameters of an object
+    STORE_SELECT,         // names and values of an object's parameters, a null value for what is none; a null
+                          // name when it has none
     STORE_SELECT_BETWEEN, // the paths between ?1 and ?2
     STORE_INSERT,         // an object without parameters; one that is there stays
     STORE_UPDATE,
@@ -57,8 +58,8 @@ public:
     // Two equal versions: nothing was committed between them, by anybody.
     uint64_t version() const;
 
-    // Takes the first column of every row.
-    using Take = std::function<void(std::string_view text)>;
+    // Takes the first two columns of every row; one that is null, or not there, has no data.
+    using Take = std::function<void(std::string_view first, std::string_view second)>;
     void execute(StoreStatement statement, std::string_view first = {}, std::string_view second = {},
                  const Take &take = {});
     bool changed_something() const { return sqlite3_changes(db_) > 0; } // the last insertion or deletion

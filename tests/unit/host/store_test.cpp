@@ -265,6 +265,13 @@ TEST_F(Store, SeesAtOnceWhatTheLibraryWroteAndSoonWhatStrangersDid)
     check("get Host.1.Port = 1500");
     keep(HOST + "1.", "{\"HostName\":\"strange\"}");
     check("get Host.1.HostName = strange | get Host.1.Port =");
+
+    const std::string without = "get Host.4.Port = no such object | get HostNumberOfEntries = 2";
+    check(without);
+    keep(HOST + "4.", "{\"Port\":\"9\"}");
+    check("get Host.4.Port = 9 | get HostNumberOfEntries = 3");
+    std::thread([] { EXPECT_EQ(zkapi_obj_del(HOST.c_str(), 4, DEVFUNC_NOCALL, 5000), 0); }).join();
+    check(without);
 }
 
 TEST_F(Store, WaitsForTheLockAsLongAsItIsTold)
