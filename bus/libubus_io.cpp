@@ -237,7 +237,7 @@ bool receive_hello(ubus_context *ctx)
         bool may_read = true;
         if (ubus_message *msg = next_message(ctx, may_read)) {
             const bool hello = msg->hdr.type == UBUS_MSG_HELLO;
-            ctx->local_id = msg->hdr.peer;
+            ctx->local_id = cpu_to_be32(msg->hdr.peer);
             free(msg);
             return hello;
         }

@@ -7,10 +7,6 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
-extern "C" {
-#include <libubox/blobmsg_json.h>
-}
-
 #include "ovani/ovani_fd.h"
 
 namespace {

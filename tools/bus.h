@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/lib_zk_ubus.h"
+#include "tools/libubox.h"
 
 // A message under construction.
 class Message {

@@ -197,7 +197,7 @@ void BusTap::called(const Shown &message, blob_attr *const *attr)
 void BusTap::invoked(const Shown &message, blob_attr *const *attr)
 {
     const std::string_view method = text_of(attr[UBUS_ATTR_METHOD]);
-    if (message.client == bus_->local_id) {
+    if (message.client == be32_to_cpu(bus_->local_id)) {
         flush();
         object_event(method, attr[UBUS_ATTR_DATA]);
     } else if (number_of(attr[UBUS_ATTR_OBJID]) == object_ && object_ != 0) {

@@ -1,6 +1,6 @@
 // ovanictl doctor: whether the gateway is sound, and what is wrong.
 
-#include "tools/ovanictl.h" // CLI11 before libubox, whose macros take one of its names
+#include "tools/ovanictl.h"
 
 #include <cstdio>
 #include <cstdlib>

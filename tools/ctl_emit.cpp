@@ -1,6 +1,6 @@
 // ovanictl emit: sends the gateway's events, well made or not.
 
-#include "tools/ovanictl.h" // CLI11 before libubox, whose macros take one of its names
+#include "tools/ovanictl.h"
 
 #include <algorithm>
 #include <functional>

@@ -1,6 +1,6 @@
 // ovanictl events, ovanictl sysmgr: programs that stay on the bus.
 
-#include "tools/ovanictl.h" // CLI11 before libubox, whose macros take one of its names
+#include "tools/ovanictl.h"
 
 #include <cstdio>
 #include <map>

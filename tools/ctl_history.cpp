@@ -1,6 +1,6 @@
 // ovanictl history, ovanictl timeline: who was on line when, from the journal's files.
 
-#include "tools/ovanictl.h" // CLI11 before libubox, whose macros take one of its names
+#include "tools/ovanictl.h"
 
 #include "tools/ctl_history.h"
 

@@ -1,6 +1,6 @@
 // ovanictl host, ovanictl delete: single hosts, by the names that people have for them.
 
-#include "tools/ovanictl.h" // CLI11 before libubox, whose macros take one of its names
+#include "tools/ovanictl.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -1,6 +1,6 @@
 // ovanictl hosts: the LAN hosts as the configuration store has them.
 
-#include "tools/ovanictl.h" // CLI11 before libubox, whose macros take one of its names
+#include "tools/ovanictl.h"
 
 #include "tools/ctl_hosts.h"
 

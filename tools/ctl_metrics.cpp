@@ -1,15 +1,11 @@
 // ovanictl metrics: what the journal knows, for Prometheus (text exposition format 0.0.4).
 
-#include "tools/ovanictl.h" // CLI11 before libubox, whose macros take one of its names
+#include "tools/ovanictl.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <memory>
-
-extern "C" {
-#include <libubox/blobmsg_json.h>
-}
 
 #include "tools/bus.h"
 #include "tools/json.h"

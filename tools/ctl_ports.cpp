@@ -1,7 +1,7 @@
 // ovanictl ports, ovanictl limits: the LAN ports' links, and what the drivers were asked, as they keep it in
 // the store.
 
-#include "tools/ovanictl.h" // CLI11 before libubox, whose macros take one of its names
+#include "tools/ovanictl.h"
 
 #include "tools/ctl_ports.h"
 

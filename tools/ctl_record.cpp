@@ -1,6 +1,6 @@
 // ovanictl record: writes down what a gateway's daemon is told and what it says, to be replayed elsewhere.
 
-#include "tools/ovanictl.h" // CLI11 before libubox, whose macros take one of its names
+#include "tools/ovanictl.h"
 
 #include <algorithm>
 #include <array>

@@ -1,6 +1,6 @@
 // ovanictl replay: tells a daemon what a recording's was told, and compares what it says and leaves behind.
 
-#include "tools/ovanictl.h" // CLI11 before libubox, whose macros take one of its names
+#include "tools/ovanictl.h"
 
 #include <algorithm>
 #include <cerrno>

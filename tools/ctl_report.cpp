@@ -1,6 +1,6 @@
 // ovanictl report: the gateway as one page, or a picture of it.
 
-#include "tools/ovanictl.h" // CLI11 before libubox, whose macros take one of its names
+#include "tools/ovanictl.h"
 
 #include <algorithm>
 #include <cerrno>

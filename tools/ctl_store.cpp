@@ -1,6 +1,6 @@
 // ovanictl get, ovanictl set, ovanictl store.
 
-#include "tools/ovanictl.h" // CLI11 before libubox, whose macros take one of its names
+#include "tools/ovanictl.h"
 
 #include <algorithm>
 #include <cstdio>

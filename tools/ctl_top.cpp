@@ -1,6 +1,6 @@
 // ovanictl top: the hosts, the ports and the events of the gateway, live.
 
-#include "tools/ovanictl.h" // CLI11 before libubox, whose macros take one of its names
+#include "tools/ovanictl.h"
 
 #include <algorithm>
 #include <array>

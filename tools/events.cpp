@@ -7,10 +7,6 @@
 
 #include <arpa/inet.h>
 
-extern "C" {
-#include <libubox/blobmsg_json.h>
-}
-
 #include "ovani/ovani_event.h"
 #include "tools/json.h"
 

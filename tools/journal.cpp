@@ -1,11 +1,10 @@
 // ovani-journal: writes down what happens on the LAN, and tells the bus who was there.
 
-#include <CLI/CLI.hpp> // before libubox, whose macros take one of its names
-
 #include <csignal>
 #include <cstdio>
 #include <map>
 
+#include <CLI/CLI.hpp>
 #include <iconv.h>
 #include <sys/signalfd.h>
 

@@ -1,4 +1,4 @@
-#include "tools/ovanictl.h" // CLI11 before libubox, whose macros take one of its names
+#include "tools/ovanictl.h"
 
 #include "tools/screen.h"
 

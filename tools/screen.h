@@ -8,9 +8,7 @@
 #define NCURSES_NOMACROS // its functions as functions: it has macros called "timeout" and "filter"
 #include <ncurses.h>
 
-extern "C" {
-#include <libubox/uloop.h>
-}
+#include "tools/libubox.h"
 
 // At most one a process, and uloop_init comes first. Ctrl-C, SIGTERM and the end of the parent or of the
 // terminal end the event loop. Ctrl-Z gives the terminal back until the program is continued. No signal kills

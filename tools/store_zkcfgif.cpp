@@ -1,7 +1,7 @@
 // platform/host/store.h over platform/zkcfgif.h, for tools on a gateway: what the data model lists is asked
 // for one by one. Objects and parameters that this gateway has not are passed over.
 
-#include "tools/ovanictl.h" // CLI11 before libubox, whose macros take one of its names
+#include "tools/ovanictl.h"
 
 #include "platform/host/store.h"
 #include "platform/zkcfgif.h"

@@ -105,7 +105,7 @@ struct ubus_event_handler {
 struct ubus_context {
     struct uloop_fd sock;
 
-    uint32_t local_id; /* this client's id on the bus */
+    uint32_t local_id; /* this client's id on the bus, in network byte order */
 
     /* Called when the connection is lost, from the event loop or ubus_handle_event, after pending requests
      * were failed; `sock` is out of the loop then. May reconnect, must not free. The default ends the event

@@ -245,7 +245,7 @@ TEST_F(BrokerTest, RootsMonitorIsShownWhatGoesOverTheBusAndHoldsNobodyUp)
             "02 02000005 01 000000 0500000c 00000008 'text'"
             "00000038" +
             to_other + "01 02000005 01 000000 0500000c 01000008 00000000",
-        {{"self", monitor.ctx->local_id}, {"other", other.ctx->local_id}});
+        {{"self", be32_to_cpu(monitor.ctx->local_id)}, {"other", be32_to_cpu(other.ctx->local_id)}});
     EXPECT_EQ(shown.substr(0, first.size()), first);
     EXPECT_THAT(numbers, ElementsAre(1, 2, 3, 4, 5, 6, 7)); // the sync's own question and answer among them
 

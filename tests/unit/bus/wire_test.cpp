@@ -132,8 +132,12 @@ TEST_F(BrokerTest, BothSidesSayTheKnownBytes)
     EXPECT_EQ(ubus_register_event_handler(ctx, &handler, "event.*"), UBUS_STATUS_OK);
     uint32_t id = 0;
     EXPECT_EQ(ubus_lookup_id(ctx, "test.obj", &id), UBUS_STATUS_OK);
-    Words words = {{"client", ctx->local_id},    {"object", object.id},      {"type", type.id},
-                   {"listener", handler.obj.id}, {"other", other.object.id}, {"peer", other.ctx->local_id}};
+    Words words = {{"client", be32_to_cpu(ctx->local_id)},
+                   {"object", object.id},
+                   {"type", type.id},
+                   {"listener", handler.obj.id},
+                   {"other", other.object.id},
+                   {"peer", be32_to_cpu(other.ctx->local_id)}};
 
     Blob args;
     blobmsg_add_string(&args.buf, "name", "abc");
