@@ -72,15 +72,40 @@ std::string decoded(std::string_view text)
 
 // --- Rows
 
-struct RowValue {
-    std::string text;     // whole, though the model may have made it shorter since it was kept
-    bool is_kept = false; // in the file; else it is what the model begins with, or a count
+// Texts in one piece: most of a row's are short, and many empty.
+class Texts {
+public:
+    explicit Texts(size_t count) : ends_(count) {}
+
+    size_t size() const { return ends_.size(); }
+    std::string_view operator[](size_t i) const
+    {
+        return std::string_view(all_).substr(begin(i), ends_[i] - begin(i));
+    }
+
+    void set(size_t i, std::string_view text)
+    {
+        const size_t length = ends_[i] - begin(i);
+        all_.replace(begin(i), length, text);
+        for (; i < ends_.size(); ++i) {
+            ends_[i] = static_cast<uint32_t>(ends_[i] - length + text.size());
+        }
+    }
+
+private:
+    size_t begin(size_t i) const { return i == 0 ? 0 : ends_[i - 1]; }
+
+    std::string all_;
+    std::vector<uint32_t> ends_;
 };
 
 struct Row {
     std::string path;
-    std::vector<RowValue> values; // by the parameter's index in the model
-    std::string unknown;          // members that the model does not know, each with a comma before it
+    // By the parameter's index in the model: values, whole, though the model may have made them shorter since
+    // they were kept; and whether they are in the file, else they are what the model begins with, or a count.
+    Texts values;
+    std::vector<bool> is_kept;
+    std::string unknown; // members that the model does not know, each with a comma before it
 };
 
 void append_member(std::string &text, std::string_view name, std::string_view value)
@@ -200,7 +225,7 @@ public:
             const Row &row = *rows_.find(object)->second;
             const ModelObject &model = data_model_object(object);
             all = all && std::ranges::all_of(own, [&](const StoreItem &item) {
-                      return row.values[item.parameter].text == text_of(item, model);
+                      return row.values[item.parameter] == text_of(item, model);
                   });
         });
         return all;
@@ -241,11 +266,12 @@ public:
     std::string_view shown(const ObjectRef &object, Row &row, size_t parameter)
     {
         const ModelParameter &shown_as = data_model_object(object).parameters[parameter];
-        std::string &text = row.values[parameter].text;
         if (shown_as.counted != MODEL_NONE) {
-            return text = std::to_string(numbers_of({shown_as.counted, object.instance}).size());
+            row.values.set(parameter, std::to_string(numbers_of({shown_as.counted, object.instance}).size()));
+            return row.values[parameter];
         }
-        return {text.data(), strnlen(text.c_str(), shown_as.max_length)};
+        const std::string_view text = row.values[parameter].substr(0, shown_as.max_length);
+        return text.substr(0, text.find('\0'));
     }
 
     void change(const ObjectRef &object, std::span<const StoreItem> items)
@@ -257,9 +283,9 @@ public:
         const ModelObject &model = data_model_object(object);
         bool changed = false;
         for (const StoreItem &item : items) {
-            RowValue &value = row->values[item.parameter];
-            if (const std::string_view text = text_of(item, model); value.text != text) {
-                value = {.text = std::string(text), .is_kept = true};
+            if (const std::string_view text = text_of(item, model); row->values[item.parameter] != text) {
+                row->values.set(item.parameter, text);
+                row->is_kept[item.parameter] = true;
                 changed = true;
             }
         }
@@ -269,8 +295,8 @@ public:
         std::string object_text;
         object_text.reserve(USUAL_ROW);
         for (size_t i = 0; i < row->values.size(); ++i) {
-            if (row->values[i].is_kept) {
-                append_member(object_text, model.parameters[i].name, row->values[i].text);
+            if (row->is_kept[i]) {
+                append_member(object_text, model.parameters[i].name, row->values[i]);
             }
         }
         object_text.append(row->unknown).front() = '{'; // for a comma
@@ -374,8 +400,11 @@ private:
     std::optional<Row> load(const ObjectRef &object)
     {
         const ModelObject &model = data_model_object(object);
-        Row row{.path = path_of(object), .values = {}, .unknown = {}};
-        row.values.resize(model.parameters.size());
+        const size_t count = model.parameters.size();
+        Row row{.path = path_of(object),
+                .values = Texts(count),
+                .is_kept = std::vector<bool>(count),
+                .unknown = {}};
         bool found = false;
         bool sound = true;
         file_.execute(STORE_SELECT, row.path, {}, [&](std::string_view name, std::string_view value) {
@@ -388,7 +417,8 @@ private:
                 return;
             }
             if (const int i = data_model_find_parameter(model, name); i != MODEL_NONE) {
-                row.values[static_cast<size_t>(i)] = {.text = decoded(value), .is_kept = true};
+                row.values.set(static_cast<size_t>(i), decoded(value));
+                row.is_kept[static_cast<size_t>(i)] = true;
             } else {
                 append_member(row.unknown, name, decoded(value));
             }
@@ -400,9 +430,9 @@ private:
         if (!sound) {
             file_.fail(STORE_DAMAGED, row.path + ": its parameters are no JSON object of texts");
         }
-        for (size_t i = 0; i < row.values.size(); ++i) {
-            if (!row.values[i].is_kept) {
-                row.values[i].text = model.parameters[i].initial;
+        for (size_t i = 0; i < count; ++i) {
+            if (!row.is_kept[i]) {
+                row.values.set(i, model.parameters[i].initial);
             }
             shown(object, row, i); // so that what it counts is known
         }
