@@ -82,17 +82,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     Input input{{data, size}};
     start_daemon(input.byte());
     ovani_ubus_init_main(nullptr);
-    unsigned interval = input.byte(); // every so many calls of the platform fail; 0 for none
-    unsigned calls = 0;
-    if (interval > 0) {
-        fake::platform().fail = [&](const std::string &) { return ++calls % interval == 0 ? 1 : 0; };
-    }
+    fake::platform().fail_every = input.byte();
     while (!input.rest.empty()) {
         unsigned kind = input.byte();
         unsigned number = input.byte();
         take_step(kind, number, input.block());
         check_daemon();
     }
-    fake::platform().fail = nullptr;
     return 0;
 }

@@ -2,9 +2,14 @@
 #include "fuzz/fuzz.h"
 #include "ovani/encoding_manager.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
     start_daemon(1);
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
     Input input{{data, size}};
     std::vector<char> utf8(input.byte(), 'x');
     auto room = static_cast<unsigned>(utf8.size());

@@ -30,6 +30,7 @@ extern "C" ssize_t __wrap_read(int fd, void *buffer, size_t size)
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
+    start_daemon(1);
     ifidx_lan = 7;
     stderr = fopen("/dev/null", "we"); // what the reader says of every damaged message
     return 0;
@@ -37,7 +38,6 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    start_daemon(1);
     batch = {data, size};
     beyond = nullptr;
     read_netlink_message(BATCH_FD);

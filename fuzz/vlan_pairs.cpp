@@ -4,11 +4,18 @@
 #include "ovani/ovani_lan_port_config.h"
 #include "tests/fake/fake_platform.h"
 
+extern "C" int LLVMFuzzerInitialize(int *, char ***)
+{
+    start_daemon(1);
+    fake::platform().keep_calls = true;
+    return 0;
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     constexpr int port = 1;
-    start_daemon(1);
-    fake::platform().keep_calls = true;
+    fake::platform().calls.clear();
+    fake::platform().log.clear();
     auto text = text_of({data, size});
     int lan[MAX_VLAN_PAIRS] = {};
     int wan[MAX_VLAN_PAIRS] = {};

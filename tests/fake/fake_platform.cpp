@@ -94,10 +94,13 @@ std::ostream &operator<<(std::ostream &out, OP_DEVFUNC mode)
 template <typename... Word>
 int record(const char *name, const Word &...words)
 {
+    std::scoped_lock lock(in_use);
+    if (current.fail_every != 0 && ++current.calls_made % current.fail_every == 0) {
+        return 1;
+    }
     if (!current.keep_calls && !current.fail) {
         return 0;
     }
-    std::scoped_lock lock(in_use);
     std::ostringstream text;
     text << name;
     ((text << ' ' << words), ...);

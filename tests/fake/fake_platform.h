@@ -7,6 +7,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "platform/lib_zk_ubus.h"
@@ -32,7 +33,7 @@ struct Sent {
 struct Platform {
     // Configuration store: instances by path ("...Host.1."), values by full path.
     std::set<std::string> objects;
-    std::map<std::string, std::string> values;
+    std::unordered_map<std::string, std::string> values;
     int next_instance = 0; // given to the next added object; 0 for the lowest free
 
     // System manager.
@@ -63,6 +64,8 @@ struct Platform {
 
     // Called with each entry of `calls`; a non-zero result is what the call then fails with.
     std::function<int(const std::string &call)> fail;
+    unsigned fail_every = 0; // or: every so many calls fail
+    unsigned calls_made = 0; // since then
 };
 
 // The one platform; `reset` makes it new.
