@@ -28,13 +28,13 @@ HostToIndexMap *row_of_instance(int index)
 
 namespace {
 
-// The first eight characters of a text that has room for more, letters in one case. Texts that differ in it
-// differ, so that hardly any is compared.
-uint64_t folded_beginning(const char (&text)[OVANI_MAX_HOSTINFO_HASH_LEN])
+// The last eight of a bare MAC's twelve digits, letters in one case: a LAN's devices share makers, so that
+// they differ there, and hardly any is compared whole.
+uint64_t folded_end(const char (&text)[OVANI_MAX_HOSTINFO_HASH_LEN])
 {
-    uint64_t beginning = 0;
-    memcpy(&beginning, text, sizeof beginning);
-    return beginning | 0x2020202020202020;
+    uint64_t end = 0;
+    memcpy(&end, text + 4, sizeof end);
+    return end | 0x2020202020202020;
 }
 
 } // namespace
@@ -46,9 +46,9 @@ int instance_of_mac(const char *mac)
     }
     char key[OVANI_MAX_HOSTINFO_HASH_LEN] = {};
     copy_text(key, mac);
-    uint64_t beginning = folded_beginning(key);
+    uint64_t end = folded_end(key);
     auto *row = std::ranges::find_if(tmpHostToIndex, [=](const HostToIndexMap &candidate) {
-        return folded_beginning(candidate.hostHash) == beginning && strcasecmp(candidate.hostHash, mac) == 0;
+        return folded_end(candidate.hostHash) == end && strcasecmp(candidate.hostHash, mac) == 0;
     });
     return row == std::end(tmpHostToIndex) ? 0 : static_cast<int>(row - tmpHostToIndex) + 1;
 }

@@ -5,6 +5,7 @@
 #include <cctype>
 #include <charconv>
 #include <mutex>
+#include <unordered_map>
 #include <vector>
 
 #include "platform/host/driver.h"
@@ -90,6 +91,13 @@ std::string canonical_mac(const char *text)
 // The object of a device: its own, or the one that it would get.
 StoreResult find_device(const std::string &mac, std::string &path)
 {
+    static std::unordered_map<std::string, std::string> last_found; // it may be somebody else's by now
+    if (auto found = last_found.find(mac); found != last_found.end()) {
+        path = found->second;
+        if (driver_kept(path, "MACAddress") == mac) {
+            return STORE_OK;
+        }
+    }
     std::vector<int> numbers;
     ObjectRef table = data_model_find_table(data_model(), DRIVER_DEVICES);
     if (StoreResult result = store_instances(table, numbers, DRIVER_WAIT_MS); result != STORE_OK) {
@@ -99,6 +107,7 @@ StoreResult find_device(const std::string &mac, std::string &path)
     for (int number : numbers) {
         path = std::string(DRIVER_DEVICES) + std::to_string(number) + ".";
         if (driver_kept(path, "MACAddress") == mac) {
+            last_found[mac] = path;
             return STORE_OK;
         }
         if (number == free) {
