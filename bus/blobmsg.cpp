@@ -86,26 +86,26 @@ bool blobmsg_check_attr_len(const blob_attr *attr, bool name, size_t len)
     return is_sound(attr, name, len, BLOBMSG_MAX_NESTING);
 }
 
-void *blobmsg_data(const blob_attr *attr)
-{
-    if (attr == nullptr) {
-        return nullptr;
-    }
-    auto *data = static_cast<char *>(blob_data(attr));
-    if (blob_is_extended(attr)) {
-        data += blobmsg_hdrlen(blobmsg_namelen(reinterpret_cast<const blobmsg_hdr *>(attr->data)));
-    }
-    return data;
-}
-
 size_t blobmsg_data_len(const blob_attr *attr)
 {
     if (attr == nullptr) {
         return 0;
     }
-    const auto skip =
-        static_cast<size_t>(static_cast<char *>(blobmsg_data(attr)) - static_cast<char *>(blob_data(attr)));
-    return blob_len(attr) < skip ? 0 : blob_len(attr) - skip;
+    const size_t len = blob_len(attr);
+    if (!blob_is_extended(attr)) {
+        return len;
+    }
+    if (len < sizeof(blobmsg_hdr)) {
+        return 0;
+    }
+    const auto *hdr = reinterpret_cast<const blobmsg_hdr *>(attr->data);
+    return len - std::min(len, static_cast<size_t>(blobmsg_hdrlen(blobmsg_namelen(hdr))));
+}
+
+void *blobmsg_data(const blob_attr *attr)
+{
+    return attr == nullptr ? nullptr
+                           : static_cast<char *>(blob_data(attr)) + blob_len(attr) - blobmsg_data_len(attr);
 }
 
 bool blobmsg_check_attr(const blob_attr *attr, bool name)

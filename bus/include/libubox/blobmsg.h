@@ -68,7 +68,7 @@ static inline int blobmsg_type(const struct blob_attr *attr)
     return (int)blob_id(attr);
 }
 
-/* The value; null and 0 for a null attribute. */
+/* The value; null and 0 for a null attribute. It lies inside the attribute, empty where the name does not. */
 void *blobmsg_data(const struct blob_attr *attr);
 size_t blobmsg_data_len(const struct blob_attr *attr);
 
