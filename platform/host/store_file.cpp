@@ -274,6 +274,8 @@ void StoreFile::open_patiently(bool repairs)
 
 void StoreFile::open(bool repairs)
 {
+    // A connection takes pages when it needs them, instead of 47 KB at first: some live but for one look.
+    [[maybe_unused]] static const int configured = sqlite3_config(SQLITE_CONFIG_PAGECACHE, nullptr, 0, 0);
     const char *named = std::getenv("OVANI_STORE");
     file_ = named == nullptr || named[0] == '\0' ? "/var/lib/ovani/store.db" : named;
     std::error_code fault; // shows again in the opening
