@@ -4,8 +4,8 @@
 #include <array>
 #include <cctype>
 #include <charconv>
+#include <map>
 #include <mutex>
-#include <unordered_map>
 #include <vector>
 
 #include "platform/host/driver.h"
@@ -91,9 +91,9 @@ std::string canonical_mac(const char *text)
 // The object of a device: its own, or the one that it would get.
 StoreResult find_device(const std::string &mac, std::string &path)
 {
-    static std::unordered_map<std::string, std::string> last_found; // it may be somebody else's by now
-    if (auto found = last_found.find(mac); found != last_found.end()) {
-        path = found->second;
+    static std::map<std::string, size_t, std::less<>> last_found; // it may be somebody else's by now
+    if (auto found = last_found.find(std::string_view(mac)); found != last_found.end()) {
+        path = std::string(DRIVER_DEVICES) + std::to_string(found->second) + ".";
         if (driver_kept(path, "MACAddress") == mac) {
             return STORE_OK;
         }
@@ -107,7 +107,7 @@ StoreResult find_device(const std::string &mac, std::string &path)
     for (int number : numbers) {
         path = std::string(DRIVER_DEVICES) + std::to_string(number) + ".";
         if (driver_kept(path, "MACAddress") == mac) {
-            last_found[mac] = path;
+            last_found[std::string(mac)] = static_cast<size_t>(number);
             return STORE_OK;
         }
         if (number == free) {
