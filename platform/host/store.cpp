@@ -181,6 +181,7 @@ public:
     }
 
     void close() { file_.close(); }
+    bool make_room() { return file_.make_room(); }
 
     // `act` sees one version of the file, and what it changes is kept wholly or not at all.
     template <typename Act>
@@ -476,11 +477,15 @@ thread_local Store store;
 template <typename Act>
 StoreResult call(int wait, Act act, bool repairs = true)
 {
-    try {
-        store.prepare(wait, repairs);
-        return act();
-    } catch (const StoreFailure &failure) {
-        return failure.result;
+    for (bool again = true;; again = false) {
+        try {
+            store.prepare(wait, repairs);
+            return act();
+        } catch (const StoreFailure &failure) {
+            if (!again || !store.make_room()) {
+                return failure.result;
+            }
+        }
     }
 }
 

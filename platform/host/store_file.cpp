@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <memory>
 #include <system_error>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -34,6 +35,8 @@ constexpr char SETTINGS[] =
 constexpr int CHECKPOINT_PAGES = 540;
 constexpr int CHECKPOINT_AT_ONCE_PAGES = 3 * CHECKPOINT_PAGES;
 constexpr int CHECKPOINT_PASSES = 4; // each brings home what came while the one before was at it
+
+constexpr int RESERVED = 128 * 1024; // bytes that the file takes and grows by
 
 constexpr int MAX_ROW = 1'000'000; // bytes; a thousand parameters
 
@@ -103,6 +106,9 @@ void StoreFile::check(int code)
         suspect_ = true;
         look_again_ = {};
         fail(STORE_DAMAGED, sqlite3_errstr(code));
+    case SQLITE_FULL:
+        full_ = true;
+        [[fallthrough]];
     default:
         look_again_ = {}; // the next call sees whether the file is still ours
         fail(STORE_FAILED, sqlite3_errstr(code));
@@ -132,6 +138,15 @@ void StoreFile::roll_back()
         sqlite3_step(statements_[STORE_ROLLBACK]);
         sqlite3_reset(statements_[STORE_ROLLBACK]);
     }
+}
+
+bool StoreFile::make_room()
+{
+    int pages = 0;
+    int home = 0;
+    return std::exchange(full_, false) && db_ != nullptr &&
+           sqlite3_wal_checkpoint_v2(db_, nullptr, SQLITE_CHECKPOINT_PASSIVE, &pages, &home) == SQLITE_OK &&
+           home == pages;
 }
 
 // SQLite asks here, when the store is locked, whether to try again.
@@ -366,6 +381,11 @@ void StoreFile::open_database(bool repairs)
     sqlite3_wal_hook(db_, committed, this);
     sqlite3_limit(db_, SQLITE_LIMIT_LENGTH, MAX_ROW);
     check(sqlite3_exec(db_, SETTINGS, nullptr, nullptr, nullptr));
+    // Room for what the log has to bring home, before the log takes all that the disk has.
+    int reserved = RESERVED;
+    int64_t size = RESERVED;
+    sqlite3_file_control(db_, nullptr, SQLITE_FCNTL_CHUNK_SIZE, &reserved);
+    sqlite3_file_control(db_, nullptr, SQLITE_FCNTL_SIZE_HINT, &size);
 
     if (suspect_ && ask("PRAGMA integrity_check(1)") != "ok") {
         check(SQLITE_CORRUPT);

@@ -65,6 +65,9 @@ public:
     bool changed_something() const { return sqlite3_changes(db_) > 0; } // the last insertion or deletion
     void roll_back();
 
+    // Whether, after the disk was full, the log could be brought home: it begins anew in its own place.
+    bool make_room();
+
     // Logs what is wrong, once until a write succeeds.
     [[noreturn]] void fail(StoreResult result, const std::string &text);
 
@@ -105,6 +108,7 @@ private:
     uint32_t openings_ = 0;
     bool immutable_ = false; // SQLite was told that the file does not change
     bool suspect_ = false;   // damage was met since the file was opened
+    bool full_ = false;      // the disk was, since make_room() was asked
     int checkpoint_at_ = 0;  // pages of the log
     std::atomic<bool> checkpointing_ = false;
     std::jthread checkpoint_;
