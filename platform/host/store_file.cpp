@@ -5,7 +5,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <memory>
 #include <system_error>
 #include <utility>
@@ -300,9 +299,9 @@ void StoreFile::open(bool repairs)
     [[maybe_unused]] static const int configured = sqlite3_config(SQLITE_CONFIG_PAGECACHE, nullptr, 0, 0);
     const char *named = std::getenv("OVANI_STORE");
     file_ = named == nullptr || named[0] == '\0' ? "/var/lib/ovani/store.db" : named;
-    std::error_code fault; // shows again in the opening
-    if (const auto path = std::filesystem::weakly_canonical(file_, fault); !fault) {
-        file_ = path; // a link's target: what stands beside the file stands beside that
+    if (char *target = realpath(file_.c_str(), nullptr); target != nullptr) {
+        file_ = target; // what stands beside the file stands beside a link's target
+        free(target);
     }
     for (size_t slash = 1; !s_only_reads && (slash = file_.find('/', slash)) != std::string::npos; ++slash) {
         mkdir(file_.substr(0, slash).c_str(), 0700);
