@@ -26,14 +26,14 @@ constexpr auto STRANGERS_SEEN_WITHIN = 50ms;
 constexpr auto OPENING_PATIENCE = 3s;
 
 // The log is brought home to the file when it has so many pages, which syncs and is done beside the calls.
-// Only when writing is faster than that, and the log three times as long, a call waits for it: the log takes
-// no more than 3.4 MB of the disk, mostly 1.1 MB, as long as nobody reads for long.
+// Only when writing is faster than that, and the log three times as long, a call waits for it and does the
+// rest: the log takes no more than 3.4 MB of the disk, mostly 1.1 MB, as long as nobody else reads for long.
 constexpr char SETTINGS[] =
     "PRAGMA page_size = 2048; PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; "
     "PRAGMA journal_size_limit = 1130496";
 constexpr int CHECKPOINT_PAGES = 540;
 constexpr int CHECKPOINT_AT_ONCE_PAGES = 3 * CHECKPOINT_PAGES;
-constexpr int CHECKPOINT_PASSES = 4; // each brings home what came while the one before was at it
+constexpr int CHECKPOINT_PASSES = 4; // each brings home what came while the one before was at it, if any did
 
 constexpr int RESERVED = 128 * 1024; // bytes that the file takes and grows by
 
@@ -141,11 +141,24 @@ void StoreFile::roll_back()
 
 bool StoreFile::make_room()
 {
+    return std::exchange(full_, false) && db_ != nullptr && checkpoint();
+}
+
+// Of two at the same time SQLite refuses one.
+bool StoreFile::checkpoint()
+{
+    wait_for_checkpoint();
     int pages = 0;
     int home = 0;
-    return std::exchange(full_, false) && db_ != nullptr &&
-           sqlite3_wal_checkpoint_v2(db_, nullptr, SQLITE_CHECKPOINT_PASSIVE, &pages, &home) == SQLITE_OK &&
+    return sqlite3_wal_checkpoint_v2(db_, nullptr, SQLITE_CHECKPOINT_PASSIVE, &pages, &home) == SQLITE_OK &&
            home == pages;
+}
+
+void StoreFile::wait_for_checkpoint()
+{
+    if (checkpoint_.joinable()) {
+        checkpoint_.join();
+    }
 }
 
 // SQLite asks here, when the store is locked, whether to try again.
@@ -168,7 +181,7 @@ int StoreFile::wait_a_little(void *self, int count)
 // --- What others did
 
 // SQLite calls this after every commit of this connection; so many pages are in the log.
-int StoreFile::committed(void *self, sqlite3 *db, const char * /*name*/, int pages)
+int StoreFile::committed(void *self, sqlite3 * /*db*/, const char * /*name*/, int pages)
 {
     auto *file = static_cast<StoreFile *>(self);
     const uint32_t before = file->count_->fetch_add(1);
@@ -176,7 +189,7 @@ int StoreFile::committed(void *self, sqlite3 *db, const char * /*name*/, int pag
         file->counted_ = before + 1;
     }
     if (pages >= CHECKPOINT_AT_ONCE_PAGES) {
-        sqlite3_wal_checkpoint_v2(db, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+        file->checkpoint();
     } else if (pages < CHECKPOINT_PAGES) { // it was brought home, and begun anew
         file->checkpoint_at_ = CHECKPOINT_PAGES;
     } else if (pages >= file->checkpoint_at_) {
@@ -204,10 +217,11 @@ void StoreFile::begin_checkpoint()
             if (sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr) ==
                     SQLITE_OK &&
                 sqlite3_exec(db, FORM, nullptr, nullptr, nullptr) == SQLITE_OK) {
-                int pages = 0;
+                int last = -1;
                 int home = 0;
-                for (int pass = 0; pass < CHECKPOINT_PASSES && (pass == 0 || home < pages); ++pass) {
-                    sqlite3_wal_checkpoint_v2(db, nullptr, SQLITE_CHECKPOINT_PASSIVE, &pages, &home);
+                for (int pass = 0; pass < CHECKPOINT_PASSES && home != last; ++pass) {
+                    last = home;
+                    sqlite3_wal_checkpoint_v2(db, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, &home);
                 }
             }
             sqlite3_close(db);
@@ -502,9 +516,7 @@ void StoreFile::put_aside(const char *suffix, const std::string &what)
 
 void StoreFile::close_database()
 {
-    if (checkpoint_.joinable()) {
-        checkpoint_.join();
-    }
+    wait_for_checkpoint();
     for (sqlite3_stmt *&statement : statements_) {
         sqlite3_finalize(statement);
         statement = nullptr;

@@ -100,6 +100,8 @@ private:
     static int wait_a_little(void *self, int count);
     static int committed(void *self, sqlite3 *db, const char *name, int pages);
     void begin_checkpoint();
+    void wait_for_checkpoint();
+    bool checkpoint();
 
     std::string file_;
     std::array<Identity, PARTS> opened_{};
