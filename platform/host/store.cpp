@@ -312,6 +312,9 @@ public:
     // Makes sure that an object exists, and every instance that it lies in.
     void make(const ObjectRef &object)
     {
+        if (const auto row = rows_.find(object); row != rows_.end() && row->second) {
+            return;
+        }
         const ModelObject &model = data_model_object(object);
         if (model.parent != MODEL_NONE) {
             make(above(object));
@@ -325,6 +328,7 @@ public:
             return; // it is there
         }
         std::erase_if(rows_, [](const auto &row) { return !row.second; }); // what lies in it is there, too
+        rows_.emplace(object, completed(object, empty_row(object)));       // what is made will be filled
         if (const auto table = numbers_.find(without_number(path)); table != numbers_.end()) {
             const int number = object.instance[model.depth - 1];
             table->second.insert(std::ranges::upper_bound(table->second, number), number);
@@ -397,15 +401,33 @@ private:
         numbers_.clear();
     }
 
+    static Row empty_row(const ObjectRef &object)
+    {
+        const size_t count = data_model_object(object).parameters.size();
+        return {.path = path_of(object),
+                .values = Texts(count),
+                .is_kept = std::vector<bool>(count),
+                .unknown = {}};
+    }
+
+    // What is not kept is what the model begins with, or a count.
+    Row completed(const ObjectRef &object, Row row)
+    {
+        const std::vector<ModelParameter> &parameters = data_model_object(object).parameters;
+        for (size_t i = 0; i < parameters.size(); ++i) {
+            if (!row.is_kept[i]) {
+                row.values.set(i, parameters[i].initial);
+            }
+            shown(object, row, i); // so that what it counts is known
+        }
+        return row;
+    }
+
     // Reads an object from the file. Of lengths, defaults and names counts what the model says now.
     std::optional<Row> load(const ObjectRef &object)
     {
         const ModelObject &model = data_model_object(object);
-        const size_t count = model.parameters.size();
-        Row row{.path = path_of(object),
-                .values = Texts(count),
-                .is_kept = std::vector<bool>(count),
-                .unknown = {}};
+        Row row = empty_row(object);
         bool found = false;
         bool sound = true;
         file_.execute(STORE_SELECT, row.path, {}, [&](std::string_view name, std::string_view value) {
@@ -431,13 +453,7 @@ private:
         if (!sound) {
             file_.fail(STORE_DAMAGED, row.path + ": its parameters are no JSON object of texts");
         }
-        for (size_t i = 0; i < count; ++i) {
-            if (!row.is_kept[i]) {
-                row.values.set(i, model.parameters[i].initial);
-            }
-            shown(object, row, i); // so that what it counts is known
-        }
-        return row;
+        return completed(object, std::move(row));
     }
 
     void list(const ObjectRef &object, std::string_view path, StoreListing &listing)
