@@ -11,7 +11,7 @@
 // Any number of processes and threads may use the file at once. Each thread has its own connection, opened at
 // its first call. What a call changed is there for everybody when it returns, and survives the death of any
 // process at any moment. What others than this library write, or a process that is killed just then, is seen
-// within 50 ms, and so is a file that was deleted or took the place of ours. A power cut may cost the last
+// within 200 ms, and so is a file that was deleted or took the place of ours. A power cut may cost the last
 // changes (SQLite's write-ahead log with synchronous=NORMAL), never the store's consistency: it comes up as
 // it was after some earlier call.
 //

@@ -22,7 +22,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto STRANGERS_SEEN_WITHIN = 50ms;
+constexpr auto STRANGERS_SEEN_WITHIN = 200ms;
 constexpr auto OPENING_PATIENCE = 3s;
 
 // The log is brought home to the file when it has so many pages, which syncs and is done beside the calls.

@@ -32,7 +32,7 @@ const std::string HOSTS = "InternetGatewayDevice.LANDevice.1.Hosts.";
 const std::string HOST = HOSTS + "Host.";
 const std::string NAME_1 = HOST + "1.HostName";
 const std::string NAME_2 = HOST + "2.HostName";
-constexpr useconds_t STRANGERS_SEEN_US = 60'000;
+constexpr useconds_t STRANGERS_SEEN_US = 210'000;
 
 struct Item {
     std::string path;
