@@ -750,13 +750,14 @@ void print_growth(const Subjects &subjects)
     }
 }
 
-// Latencies of one stream's messages, one by one.
+// Latencies of one stream's messages, one by one. The first, for which the processor has to fetch what
+// another subject drove out of its caches, does not count.
 std::vector<double> sample(Subject &subject, const Stream &stream, size_t samples)
 {
     bool announced = stream.reaction.find(REACTION_CHANGE) != std::string::npos;
     Lap lap = make_lap(stream.make, stream.changing, MAX_HOSTS, LAP);
     std::vector<double> times;
-    for (size_t i = 0; i < samples; ++i) {
+    for (size_t i = 0; i <= samples; ++i) {
         const Message &message = lap[i % lap.size()];
         subject.set_reactions({{message.name, stream.reaction}});
         subject.wait_until_handled();
@@ -768,6 +769,7 @@ std::vector<double> sample(Subject &subject, const Stream &stream, size_t sample
         subject.wait_until_handled();
         std::this_thread::sleep_for(LATENCY_PAUSE);
     }
+    times.erase(times.begin());
     return times;
 }
 
@@ -793,6 +795,7 @@ void print_latencies(const Subjects &subjects)
                 std::vector<double> part = sample(who == 0 ? ovani : announcer, stream, slice);
                 times[who].insert(times[who].end(), part.begin(), part.end());
             }
+            announcer.round_trip();
             for (size_t n = 0; n < slice; ++n) {
                 times[2].push_back(announcer.round_trip());
                 std::this_thread::sleep_for(LATENCY_PAUSE);
