@@ -6,6 +6,7 @@
 #include <initializer_list>
 
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include "ovani/ovani_event_host.h"
 #include "ovani/ovani_fd.h"
@@ -57,9 +58,16 @@ int ovani_mac_event_process(const ovani_mac_event *event)
         ovani_log(VELM_LOG_ERR, "ovani_mac_event_process::pMacEvent NULLP error!!");
         break;
     }
-    ovani_host_table_show();
-    ovani_mac_table_show();
+    list_tables();
     return R_OK;
+}
+
+void list_tables()
+{
+    if (access(OVANI_DEBUG_FILE, F_OK) == 0) {
+        ovani_host_table_show();
+        ovani_mac_table_show();
+    }
 }
 
 namespace {

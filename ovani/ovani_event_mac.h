@@ -28,6 +28,9 @@ void ovani_lanhost_resolve_mac(const unsigned char *mac_str);
 // Learns a MAC that neither has been told of; null when the bridge does not know it either.
 mac_node *learn_from_bridge(const unsigned char *mac);
 
+// Lists both tables to the log while OVANI_DEBUG_FILE exists, which is looked for but once an event.
+void list_tables();
+
 // Writes an event as a line of JSON, at most OVANI_MAC_INFO_LEN bytes. UNUSED
 inline constexpr size_t OVANI_MAC_INFO_LEN = 80;
 int ovani_get_mac_info(const ovani_mac_event *event, char *povani_mac_info);

@@ -21,8 +21,7 @@ int ovani_wifi_user_event_process(const ovani_wifi_event *event)
         ovani_log(VELM_LOG_ERR, "ovani_wifi_user_event_process::unkown action error!!");
         return R_ERROR;
     }
-    ovani_host_table_show();
-    ovani_mac_table_show();
+    list_tables();
     return R_OK;
 }
 
