@@ -253,12 +253,12 @@ public:
         return numbers_[prefix] = std::move(numbers);
     }
 
-    // Null when there is no such object.
-    Row *find(const ObjectRef &object)
+    // Null when there is no such object. One just made has nothing in the file yet.
+    Row *find(const ObjectRef &object, bool is_new = false)
     {
         auto found = rows_.find(object);
         if (found == rows_.end()) {
-            found = rows_.emplace(object, load(object)).first;
+            found = rows_.emplace(object, load(object, is_new)).first;
         }
         return found->second ? &*found->second : nullptr;
     }
@@ -312,25 +312,26 @@ public:
     // Makes sure that an object exists, and every instance that it lies in.
     void make(const ObjectRef &object)
     {
-        if (const auto row = rows_.find(object); row != rows_.end() && row->second) {
-            return;
-        }
         const ModelObject &model = data_model_object(object);
         if (model.parent != MODEL_NONE) {
             make(above(object));
         }
-        if (!model.is_instance) {
-            return; // comes with what it lies in
+        if (model.is_instance) { // any other comes with what it lies in
+            insert(object);
         }
-        const std::string path = path_of(object);
+    }
+
+    void insert(const ObjectRef &instance)
+    {
+        const std::string path = path_of(instance);
         file_.execute(STORE_INSERT, path);
         if (!file_.changed_something()) {
             return; // it is there
         }
         std::erase_if(rows_, [](const auto &row) { return !row.second; }); // what lies in it is there, too
-        rows_.emplace(object, completed(object, empty_row(object)));       // what is made will be filled
+        find(instance, true);                                              // it will be filled
         if (const auto table = numbers_.find(without_number(path)); table != numbers_.end()) {
-            const int number = object.instance[model.depth - 1];
+            const int number = instance.instance[data_model_object(instance).depth - 1];
             table->second.insert(std::ranges::upper_bound(table->second, number), number);
         }
     }
@@ -347,7 +348,7 @@ public:
         }
         ObjectRef instance = table;
         instance.instance[model.depth - 1] = free;
-        make(instance);
+        insert(instance);
         return free;
     }
 
@@ -401,36 +402,18 @@ private:
         numbers_.clear();
     }
 
-    static Row empty_row(const ObjectRef &object)
+    // Reads an object from the file. Of lengths, defaults and names counts what the model says now.
+    std::optional<Row> load(const ObjectRef &object, bool is_new = false)
     {
-        const size_t count = data_model_object(object).parameters.size();
-        return {.path = path_of(object),
+        const ModelObject &model = data_model_object(object);
+        const size_t count = model.parameters.size();
+        Row row{.path = path_of(object),
                 .values = Texts(count),
                 .is_kept = std::vector<bool>(count),
                 .unknown = {}};
-    }
-
-    // What is not kept is what the model begins with, or a count.
-    Row completed(const ObjectRef &object, Row row)
-    {
-        const std::vector<ModelParameter> &parameters = data_model_object(object).parameters;
-        for (size_t i = 0; i < parameters.size(); ++i) {
-            if (!row.is_kept[i]) {
-                row.values.set(i, parameters[i].initial);
-            }
-            shown(object, row, i); // so that what it counts is known
-        }
-        return row;
-    }
-
-    // Reads an object from the file. Of lengths, defaults and names counts what the model says now.
-    std::optional<Row> load(const ObjectRef &object)
-    {
-        const ModelObject &model = data_model_object(object);
-        Row row = empty_row(object);
-        bool found = false;
+        bool found = is_new;
         bool sound = true;
-        file_.execute(STORE_SELECT, row.path, {}, [&](std::string_view name, std::string_view value) {
+        const auto take = [&](std::string_view name, std::string_view value) {
             found = true;
             if (name.data() == nullptr) {
                 return; // nothing is kept of it
@@ -445,7 +428,10 @@ private:
             } else {
                 append_member(row.unknown, name, decoded(value));
             }
-        });
+        };
+        if (!is_new) {
+            file_.execute(STORE_SELECT, row.path, {}, take);
+        }
         // An object that is no instance is there with what it lies in.
         if (!found && (model.is_instance || (model.depth > 0 && !load(above(object))))) {
             return std::nullopt;
@@ -453,7 +439,13 @@ private:
         if (!sound) {
             file_.fail(STORE_DAMAGED, row.path + ": its parameters are no JSON object of texts");
         }
-        return completed(object, std::move(row));
+        for (size_t i = 0; i < count; ++i) {
+            if (!row.is_kept[i]) {
+                row.values.set(i, model.parameters[i].initial);
+            }
+            shown(object, row, i); // so that what it counts is known
+        }
+        return row;
     }
 
     void list(const ObjectRef &object, std::string_view path, StoreListing &listing)
