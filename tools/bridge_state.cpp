@@ -161,6 +161,14 @@ std::optional<uint8_t> ssid_of(const Link &link)
 
 } // namespace
 
+void BridgeState::merge(BridgeState older)
+{
+    carriers.merge(older.carriers);
+    stations.merge(older.stations);
+    neighbours.merge(older.neighbours);
+    associations.merge(older.associations);
+}
+
 std::optional<BridgeState> read_bridge(const std::string &name)
 {
     const std::unique_ptr<mnl_socket, int (*)(mnl_socket *)> socket(

@@ -21,6 +21,9 @@ struct BridgeState {
     std::map<Mac, std::string> stations; // devices behind its ports, to the port's name
     std::map<in_addr_t, Mac> neighbours; // IPv4 neighbours whose MAC is known
     std::map<Mac, uint8_t> associations; // Wi-Fi stations, to the SSID as "111" counts it
+
+    // Adds the entries that only the older state has.
+    void merge(BridgeState older);
 };
 
 // Nothing (and errno) when the kernel does not tell, or changed its tables while they were read.

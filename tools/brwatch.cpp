@@ -21,6 +21,7 @@
 #include <cstring>
 #include <ctime>
 #include <optional>
+#include <utility>
 
 #include <CLI/CLI.hpp>
 
@@ -35,7 +36,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr char DAEMON_OBJECT[] = "ovani";
 constexpr int REST = 9;                // after a reading, in times of the processor time it took
-constexpr int DISTURBED_MOST = 20;     // then a reading is trusted during which the tables changed
+constexpr int DISTURBED_MOST = 20;     // readings while the tables change: gone is what none of them has
 constexpr int RETRY_MS = 500;          // after a reading or an announcement that failed
 constexpr int PROBE_TIMEOUT_MS = 2000; // nobody waits longer for a daemon to answer
 constexpr int PROBE_AGAIN_MS = 5000;   // then it is asked again every so often
@@ -81,6 +82,7 @@ private:
     ubus_request probe_{};
     Clock::time_point rested_{}; // no look before
     int disturbed_ = 0;          // readings in a row
+    BridgeState seen_;           // in any of them
     bool probing_ = false;       // waiting for the daemon's answer
     int answers_ = 0;
     bool ignored_ = false;   // it has not answered: nobody waits for it
@@ -138,13 +140,19 @@ void BridgeWatcher::look()
     }
     kernel_.changed();                       // what waits is older than what is read now
     const std::clock_t begin = std::clock(); // of the processor, in microseconds
-    const auto now = read_bridge(bridge_name_);
+    auto now = read_bridge(bridge_name_);
     rested_ = Clock::now() + std::chrono::microseconds(REST * (std::clock() - begin));
     // The kernel lists a long table piece by piece: an entry that goes meanwhile may hide another.
     const bool disturbed = kernel_.changed();
-    const bool trusted = !disturbed || ++disturbed_ == DISTURBED_MOST;
+    if (disturbed && now) {
+        now->merge(std::move(seen_));
+        seen_ = *now;
+        ++disturbed_;
+    }
+    const bool trusted = !disturbed || disturbed_ == DISTURBED_MOST;
     if (trusted) {
         disturbed_ = 0;
+        seen_ = {};
     }
     const bool failed = !now || !announce(*now, trusted);
     if (disturbed) {
@@ -347,10 +355,7 @@ void BridgeWatcher::daemon_answered(int status)
     stop_probing();
     fprintf(stderr, "the daemon listens, announcing everything\n");
     listening_ = repeat_ = true;
-    told_.carriers.merge(heard_.carriers);
-    told_.stations.merge(heard_.stations);
-    told_.neighbours.merge(heard_.neighbours);
-    told_.associations.merge(heard_.associations);
+    told_.merge(std::move(heard_));
     heard_ = {};
     look_timer_.set(0);
 }
