@@ -143,6 +143,8 @@ class Journal(GatewayTest):
         self.assertTrue(self.ask("health")["failure"])
         os.remove(directory)
         gateway.emit(("port", "up", "2"))
-        told = wait_for(lambda: os.path.exists(directory + "/journal.jsonl") and self.lines()[2:], "it to go on")
+        wait_for(lambda: os.path.exists(directory + "/journal.jsonl") and [1 for line in self.lines() if "action" in line],
+                 "it to go on")
+        told = self.lines()[2:]
         self.assertEqual((told[0]["mark"], told[0]["count"], told[-1]["action"]), ("lost", 2, "up"))
         self.assertGreater(self.ask("health")["lost"], 0)
